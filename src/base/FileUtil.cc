@@ -1,0 +1,111 @@
+#include "base/FileUtil.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <random>
+
+namespace vorlen {
+
+namespace {
+std::string errnoText(int e) { return std::strerror(e); }
+}  // namespace
+
+bool writeFileAtomically(const std::filesystem::path& path, std::span<const uint8_t> bytes, std::string* error) {
+  static thread_local std::mt19937_64 rng{std::random_device{}()};
+  std::filesystem::path tmp = path;
+  tmp += ".tmp." + std::to_string(rng() & 0xffffffff);
+  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    if (error) *error = "open " + tmp.string() + ": " + errnoText(errno);
+    return false;
+  }
+  ::fchmod(fd, 0600);  // the umask could only have narrowed it; keep it exact
+  const uint8_t* p = bytes.data();
+  size_t left = bytes.size();
+  while (left > 0) {
+    ssize_t n = ::write(fd, p, left);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (error) *error = "write " + tmp.string() + ": " + errnoText(errno);
+      ::close(fd);
+      ::unlink(tmp.c_str());
+      return false;
+    }
+    p += n;
+    left -= static_cast<size_t>(n);
+  }
+  if (::fsync(fd) != 0 || ::close(fd) != 0) {
+    if (error) *error = "sync " + tmp.string() + ": " + errnoText(errno);
+    ::unlink(tmp.c_str());
+    return false;
+  }
+  if (::rename(tmp.c_str(), path.c_str()) != 0) {
+    if (error) *error = "rename to " + path.string() + ": " + errnoText(errno);
+    ::unlink(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool writeFileAtomically(const std::filesystem::path& path, std::string_view text, std::string* error) {
+  return writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), error);
+}
+
+std::optional<std::vector<uint8_t>> readWholeFile(const std::filesystem::path& path, size_t maxBytes,
+                                                  std::string* error) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (error) *error = errnoText(errno);
+    return std::nullopt;
+  }
+  std::vector<uint8_t> out;
+  uint8_t buf[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      if (error) *error = errnoText(errno);
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    if (out.size() + static_cast<size_t>(n) > maxBytes) {
+      if (error) *error = "file larger than " + std::to_string(maxBytes) + " bytes";
+      ::close(fd);
+      return std::nullopt;
+    }
+    out.insert(out.end(), buf, buf + n);
+  }
+  ::close(fd);
+  return out;
+}
+
+bool ensureDirectory(const std::filesystem::path& dir, unsigned mode, std::string* error) {
+  std::error_code ec;
+  if (!std::filesystem::exists(dir, ec)) {
+    std::filesystem::path partial;
+    for (auto& part : dir) {
+      partial /= part;
+      if (::mkdir(partial.c_str(), mode) != 0 && errno != EEXIST) {
+        if (error) *error = "mkdir " + partial.string() + ": " + errnoText(errno);
+        return false;
+      }
+    }
+  }
+  struct stat st {};
+  if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    if (error) *error = dir.string() + " is not a directory";
+    return false;
+  }
+  if ((st.st_mode & 07777) != mode && ::chmod(dir.c_str(), mode) != 0) {
+    if (error) *error = "chmod " + dir.string() + ": " + errnoText(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace vorlen

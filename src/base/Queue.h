@@ -1,0 +1,86 @@
+// Queue: named serial and concurrent queues on a shared worker pool.
+//
+// Serial queue: work items run one at a time, in submission order. `sync` runs its work on the caller's
+// thread once every earlier item has finished, so a waiting caller never occupies a worker and nested
+// sync chains across different queues cannot starve the pool, however small. Calling `sync` on a queue the
+// caller is already running on (directly or through a sync chain) is a programming error and aborts.
+//
+// Concurrent queue: items may run in parallel; `sync` runs inline on the caller's thread. Components that
+// need barrier writes pair a concurrent queue with a std::shared_mutex.
+//
+// isCurrent() is true while work of this queue runs on the calling thread, including work run by `sync`
+// and work run by a sync chain that started on this queue.
+//
+// Queues are shared_ptr-owned; pending work keeps its queue alive until it has run.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/Clock.h"
+#include "base/WorkerPool.h"
+
+namespace vorlen {
+
+enum class QueuePriority { Background, Utility, Default, UserInitiated };
+
+class Queue : public std::enable_shared_from_this<Queue> {
+ public:
+  using Work = std::function<void()>;
+
+  // A serial queue. `clock` times after(); null means the system clock. `pool` null means the shared pool.
+  static std::shared_ptr<Queue> serial(std::string label, QueuePriority priority = QueuePriority::Default,
+                                       std::shared_ptr<Clock> clock = nullptr,
+                                       std::shared_ptr<WorkerPool> pool = nullptr);
+  static std::shared_ptr<Queue> concurrent(std::string label, QueuePriority priority = QueuePriority::Default,
+                                           std::shared_ptr<Clock> clock = nullptr,
+                                           std::shared_ptr<WorkerPool> pool = nullptr);
+  // The process-wide concurrent queue of a priority (the "global queues").
+  static std::shared_ptr<Queue> global(QueuePriority priority = QueuePriority::Default);
+
+  virtual ~Queue() = default;
+
+  virtual void async(Work work) = 0;
+  virtual void sync(const Work& work) = 0;
+  // Runs `work` on this queue once `delay` has passed on the queue's clock.
+  void after(Duration delay, Work work);
+
+  bool isCurrent() const;
+  const std::string& label() const { return label_; }
+  QueuePriority priority() const { return priority_; }
+  const std::shared_ptr<Clock>& clock() const { return clock_; }
+
+  // Aborts with a fault naming the queue unless isCurrent(). Use on the first line of queue-bound methods.
+  void assertCurrent() const;
+
+ protected:
+  Queue(std::string label, QueuePriority priority, std::shared_ptr<Clock> clock);
+
+  // Marks `queue` as current on the calling thread for the scope's lifetime (the thread's stack of current
+  // queues is what isCurrent() reads). `alone` hides the queues that were current until the scope ends:
+  // items that a sync caller drains for a busy queue are not part of the caller's sync chain.
+  class CurrentScope {
+   public:
+    explicit CurrentScope(const Queue* queue, bool alone = false);
+    ~CurrentScope();
+    CurrentScope(const CurrentScope&) = delete;
+    CurrentScope& operator=(const CurrentScope&) = delete;
+
+   private:
+    bool alone_;
+    std::vector<const Queue*> hidden_;
+  };
+
+  // Logs a fault naming this queue, then aborts.
+  [[noreturn]] void fault(std::string_view what) const;
+
+ private:
+  std::string label_;
+  QueuePriority priority_;
+  std::shared_ptr<Clock> clock_;
+};
+
+}  // namespace vorlen

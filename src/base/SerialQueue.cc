@@ -1,0 +1,109 @@
+#include "base/SerialQueue.h"
+
+namespace vorlen {
+
+SerialQueue::SerialQueue(std::string label, QueuePriority priority, std::shared_ptr<Clock> clock,
+                         std::shared_ptr<WorkerPool> pool)
+    : Queue(std::move(label), priority, std::move(clock)), pool_(std::move(pool)) {}
+
+void SerialQueue::async(Work work) {
+  std::lock_guard lock(mu_);
+  items_.push_back(Item{std::move(work), nullptr});
+  if (state_ == State::Idle) scheduleLocked();
+}
+
+void SerialQueue::sync(const Work& work) {
+  if (isCurrent()) fault("sync onto the queue that is already running on this thread would deadlock");
+  {
+    std::unique_lock lock(mu_);
+    if (state_ == State::Idle) {
+      state_ = State::Owned;
+    } else {
+      Waiter me;
+      items_.push_back(Item{nullptr, &me});
+      while (!me.granted) {
+        if (state_ == State::Scheduled) {
+          // The drain job is still in the pool; run the earlier items here rather than wait for a worker.
+          state_ = State::Draining;
+          ++ticket_;
+          drainLocked(lock, &me);
+        } else {
+          changed_.wait(lock);
+        }
+      }
+    }
+  }
+  // The queue is Owned by this thread now. Let go of it even if the work throws.
+  struct Release {
+    SerialQueue* q;
+    ~Release() {
+      std::lock_guard lock(q->mu_);
+      q->releaseLocked();
+    }
+  } release{this};
+  CurrentScope scope(this);
+  work();
+}
+
+void SerialQueue::releaseLocked() {
+  if (!items_.empty() && items_.front().waiter) {
+    items_.front().waiter->granted = true;
+    items_.pop_front();
+    state_ = State::Owned;
+    changed_.notify_all();
+    return;
+  }
+  if (items_.empty()) {
+    state_ = State::Idle;
+    return;
+  }
+  scheduleLocked();
+}
+
+void SerialQueue::scheduleLocked() {
+  state_ = State::Scheduled;
+  uint64_t ticket = ++ticket_;
+  // The job keeps the queue alive until it has run.
+  pool_->submit([self = std::static_pointer_cast<SerialQueue>(shared_from_this()), ticket] {
+    self->drainJob(ticket);
+  });
+  changed_.notify_all();  // a waiting sync caller may take the queue before the job starts
+}
+
+void SerialQueue::drainJob(uint64_t ticket) {
+  std::unique_lock lock(mu_);
+  if (state_ != State::Scheduled || ticket != ticket_) return;  // a sync caller drained it already
+  state_ = State::Draining;
+  drainLocked(lock, nullptr);
+}
+
+void SerialQueue::drainLocked(std::unique_lock<std::mutex>& lock, Waiter* mine) {
+  // A sync caller draining earlier items runs them as a worker would: its own chain is not current.
+  CurrentScope scope(this, /*alone=*/true);
+  for (int ran = 0;; ++ran) {
+    if (items_.empty()) {
+      state_ = State::Idle;
+      return;
+    }
+    if (items_.front().waiter) {
+      Waiter* next = items_.front().waiter;
+      items_.pop_front();
+      next->granted = true;
+      state_ = State::Owned;
+      if (next != mine) changed_.notify_all();
+      return;
+    }
+    if (!mine && ran == kDrainBatch) {
+      scheduleLocked();
+      return;
+    }
+    Work work = std::move(items_.front().work);
+    items_.pop_front();
+    lock.unlock();
+    work();
+    work = nullptr;  // captures die outside the lock
+    lock.lock();
+  }
+}
+
+}  // namespace vorlen
