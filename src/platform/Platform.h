@@ -1,0 +1,33 @@
+// Platform: the bundle of platform services the Assembly is built from. The daemon's start-up fills it
+// with the Linux realisations; tests fill it with fakes and a ManualClock, so every component can be built
+// without the operating system.
+//
+// Threading: a plain struct, filled once before the Assembly is built and read-only afterwards.
+#pragma once
+
+#include <memory>
+
+#include "base/Clock.h"
+#include "base/NotificationCenter.h"
+#include "base/Paths.h"
+
+namespace vorlen {
+
+class DeviceProperties;
+class Counters;
+
+struct Platform {
+  Paths paths;
+  std::shared_ptr<Clock> clock;
+  std::shared_ptr<DeviceProperties> device;
+  std::shared_ptr<Counters> counters;
+  std::shared_ptr<NotificationCenter> notificationCenter;
+
+  // Linux services for the given folders (which must exist). The counters persist to
+  // <caches>/counters.plist.
+  static Platform forLinux(const Paths& paths);
+  // Fakes below a private root folder (created), with the given clock.
+  static Platform forTesting(const std::filesystem::path& root, std::shared_ptr<Clock> clock);
+};
+
+}  // namespace vorlen

@@ -1,0 +1,69 @@
+#include "daemon/Daemon.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+
+#include "base/Counters.h"
+#include "base/Log.h"
+#include "base/ManualClock.h"
+#include "support/TempDir.h"
+
+namespace vorlen {
+namespace {
+
+class DaemonTest : public ::testing::Test {
+ protected:
+  test::TempDir dir;
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+};
+
+TEST_F(DaemonTest, RegisteredDefaultsLoseToStoredValues) {
+  Platform platform = Platform::forTesting(dir.path(), clock);
+  {
+    Preferences user(platform.paths.configDir, "com.velmo.vorlend");
+    user.set("VORSessionIdleTimeOverride", Value(int64_t{30}));
+  }
+  Daemon daemon(platform);
+  auto assembly = daemon.start();
+  auto& d = *assembly->userDefaults;
+  EXPECT_TRUE(assembly->useQuintara());
+  EXPECT_TRUE(d.boolForKey("VORSharedSession"));
+  EXPECT_EQ(d.unsignedForKey("VORSessionSizeLimit"), 2097152u);
+  EXPECT_EQ(d.unsignedForKey("VORSessionMaxAge"), 172800u);
+  EXPECT_EQ(d.integerForKey("VORSessionSoftLimitOverride"), 600);
+  EXPECT_EQ(d.integerForKey("VORSessionIdleTimeOverride"), 30);
+  // Registered defaults are never written to the domain file.
+  Preferences fresh(platform.paths.configDir, "com.velmo.vorlend");
+  EXPECT_EQ(fresh.storedValues().size(), 1u);
+
+  d.set("VORUseQuintara", Value(false));
+  EXPECT_FALSE(assembly->useQuintara());  // read at each call
+}
+
+TEST_F(DaemonTest, StartCountsTheLaunchAndAnnouncesStartupOnce) {
+  Platform platform = Platform::forTesting(dir.path(), clock);
+  std::mutex mu;
+  std::condition_variable cv;
+  int startups = 0;
+  auto token = platform.notificationCenter->addObserver("VORStartup", nullptr, [&](const Notification&) {
+    std::lock_guard lock(mu);
+    ++startups;
+    cv.notify_all();
+  });
+  Daemon daemon(platform);
+  auto assembly = daemon.start();
+  {
+    std::unique_lock lock(mu);
+    ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(10), [&] { return startups > 0; }));
+  }
+  EXPECT_EQ(startups, 1);
+  EXPECT_EQ(platform.counters->value("com.velmo.vorlend.launch"), 1);
+  EXPECT_EQ(assembly->notificationCenter, platform.notificationCenter);
+  EXPECT_TRUE(assembly->sharedSession);
+  EXPECT_FALSE(assembly->testFeedbacks);
+  Counters::install(nullptr);
+}
+
+}  // namespace
+}  // namespace vorlen
