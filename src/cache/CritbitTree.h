@@ -1,0 +1,67 @@
+// CritbitTree: an ordered map from text keys to shared objects over the crit-bit node layer, built for
+// cheap in-order enumeration of every key that begins with a prefix (what the user has typed so far).
+// Keys compare byte-wise on UTF-8 (so "B" < "a"), a key before its own extensions. Keys must not contain
+// NUL bytes (a key is cut at its first NUL).
+//
+// The tree holds one reference to each stored object and drops it when the object is replaced, removed
+// or cleared, or when the tree goes away.
+//
+// Threading: none; owned and used by one queue.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "cache/critbit.h"
+
+namespace vorlen {
+
+template <class T>
+class CritbitTree {
+ public:
+  CritbitTree() { tree_.value_release = &releaseBox; }
+  ~CritbitTree() { critbit_clear(&tree_); }
+  CritbitTree(const CritbitTree&) = delete;
+  CritbitTree& operator=(const CritbitTree&) = delete;
+
+  // Inserts or replaces. Setting the object a key already holds changes nothing.
+  void setObject(std::shared_ptr<T> object, const std::string& key) {
+    void* existing = nullptr;
+    if (critbit_contains(&tree_, key.c_str(), &existing) && static_cast<Box*>(existing)->get() == object.get())
+      return;
+    auto* box = new Box(std::move(object));
+    int r = critbit_insert(&tree_, key.c_str(), box, 1);
+    if (r != 1 && r != 2) delete box;  // not taken (allocation failure)
+  }
+
+  std::shared_ptr<T> objectForKey(const std::string& key) const {
+    void* v = nullptr;
+    return critbit_contains(&tree_, key.c_str(), &v) ? *static_cast<Box*>(v) : nullptr;
+  }
+
+  void removeObjectForKey(const std::string& key) { critbit_delete(&tree_, key.c_str()); }
+  void removeAllObjects() { critbit_clear(&tree_); }
+  uint64_t count() const { return tree_.size; }
+
+  // Calls block(key, stop) for each key beginning with `prefix`, ascending; setting stop ends the walk.
+  // The key views the tree's own bytes and is valid only during the call.
+  void keysMatchingPrefix(const std::string& prefix, const std::function<void(std::string_view, bool&)>& block) const {
+    critbit_allprefixed(
+        &tree_, prefix.c_str(),
+        [](const char* key, void* ctx) -> int {
+          bool stop = false;
+          (*static_cast<const std::function<void(std::string_view, bool&)>*>(ctx))(key, stop);
+          return stop ? 0 : 1;
+        },
+        const_cast<void*>(static_cast<const void*>(&block)));
+  }
+
+ private:
+  using Box = std::shared_ptr<T>;
+  static void releaseBox(void* v) { delete static_cast<Box*>(v); }
+  critbit_tree tree_;
+};
+
+}  // namespace vorlen

@@ -1,0 +1,402 @@
+#include "cache/EngagedCompletionCache.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <condition_variable>
+
+#include "base/Counters.h"
+#include "base/FileUtil.h"
+#include "base/Log.h"
+#include "base/Preferences.h"
+
+namespace vorlen {
+
+namespace {
+
+const Logger& log() { return VorlenDefaultLog(); }
+
+// The far past used as the lower end of the 30-day age-out.
+constexpr int64_t kDistantPastSeconds = -62135596800;
+
+constexpr const char* kSelectTemplate =
+    "SELECT completion, origin, SUM(CASE WHEN engagement_date > ? THEN {:.6f} WHEN engagement_date > ? then "
+    "{:.6f} WHEN  engagement_date > ? THEN {:.6f} WHEN engagement_date > ? THEN {:.6f} WHEN engagement_date > ? "
+    "THEN {:.6f} ELSE 0 END) + ({:.6f} * MAX(engagement_date) / ?) AS score FROM completion_cache_engagement "
+    "WHERE client == ? AND (completion LIKE {} OR input LIKE {}) GROUP BY completion ORDER BY score DESC LIMIT 2";
+
+std::string originText(int64_t origin) {
+  // Origins 1 and 3 are stored alike on purpose: both are the service's own suggestions.
+  if (origin == 1 || origin == 3) return "se";
+  if (origin == 2) return "3d";
+  return "";
+}
+
+int suggestionTypeForOrigin(std::string_view origin) {
+  if (origin == "se") return 1;
+  if (origin == "3d") return 8;
+  return 0;
+}
+
+// A finalised-on-scope-exit prepared statement.
+struct Statement {
+  sqlite3_stmt* s = nullptr;
+  ~Statement() { sqlite3_finalize(s); }
+};
+
+}  // namespace
+
+std::shared_ptr<EngagedCompletionCache> EngagedCompletionCache::create(const std::filesystem::path& storagePath,
+                                                                       std::shared_ptr<Clock> clock,
+                                                                       std::shared_ptr<const Preferences> defaults) {
+  return std::shared_ptr<EngagedCompletionCache>(
+      new EngagedCompletionCache(storagePath, std::move(clock), std::move(defaults)));
+}
+
+EngagedCompletionCache::EngagedCompletionCache(const std::filesystem::path& storagePath,
+                                               std::shared_ptr<Clock> clock,
+                                               std::shared_ptr<const Preferences> defaults)
+    : databaseDirPath_(storagePath / "EngagedCompletions"),
+      databasePath_(databaseDirPath_ / "Cache.db"),
+      clock_(clock ? std::move(clock) : Clock::system()),
+      defaults_(std::move(defaults)),
+      searchQueue_(Queue::concurrent("com.velmo.vorlend.eccsearchq", QueuePriority::UserInitiated, clock_)),
+      updateQueue_(Queue::serial("com.velmo.vorlend.eccupdateq", QueuePriority::Default, clock_)) {
+  createOrUpdateDatabase();
+}
+
+EngagedCompletionCache::~EngagedCompletionCache() {
+  if (sqlite3* db = db_.exchange(nullptr)) sqlite3_close_v2(db);
+}
+
+int64_t EngagedCompletionCache::nowSeconds() const {
+  return static_cast<int64_t>(toUnixSeconds(clock_->now()));
+}
+
+bool EngagedCompletionCache::cacheEnabled() const {
+  return enabled_.load() && !(defaults_ && defaults_->boolForKey("VORDisableLocalCompletions"));
+}
+
+void EngagedCompletionCache::createOrUpdateDatabase() {
+  std::error_code ec;
+  if (std::filesystem::exists(databasePath_, ec)) {
+    if (openDatabase() && !isSchemaCurrent()) setDBSchema();
+    return;
+  }
+  std::string error;
+  if (!std::filesystem::exists(databaseDirPath_, ec) && !ensureDirectory(databaseDirPath_, 0700, &error)) {
+    log().error("Failed to create database dir: {}", error);
+    return;
+  }
+  if (openDatabase()) setDBSchema();
+}
+
+bool EngagedCompletionCache::openDatabase() {
+  if (sqlite3* old = db_.exchange(nullptr)) {
+    log().info("Closing existing Completions database connection");
+    sqlite3_close_v2(old);
+  }
+  sqlite3* db = nullptr;
+  int rc = sqlite3_open_v2(databasePath_.c_str(), &db,
+                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
+  if (rc != SQLITE_OK) {
+    log().error("Failed to open completions database: {} error={} cause={}", databasePath_.string(), rc,
+                db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+    sqlite3_close_v2(db);
+    return false;
+  }
+  // The file holds the user's history: private to the user like every file of the daemon.
+  ::chmod(databasePath_.c_str(), 0600);
+  db_.store(db);
+  log().info("Completions database opened: {}", databasePath_.string());
+  return true;
+}
+
+bool EngagedCompletionCache::isSchemaCurrent() {
+  if (schemaVersion_ == kSchemaVersion) return true;
+  sqlite3* db = db_.load();
+  if (!db) return false;
+  char** result = nullptr;
+  int rows = 0, cols = 0;
+  int rc = sqlite3_get_table(db, "SELECT schema_version from completion_cache_schema_version", &result, &rows,
+                             &cols, nullptr);
+  bool current = false;
+  if (rc == SQLITE_BUSY) {
+    // Another user holds the database right now; its schema was good enough for that user, keep it.
+    current = true;
+  } else if (rc == SQLITE_OK) {
+    if ((rows == 1 || cols == 1) && rows >= 1 && result[cols]) {
+      schemaVersion_ = std::strtoll(result[cols], nullptr, 10);
+      current = schemaVersion_ == kSchemaVersion;
+    }
+  } else {
+    log().error("Engaged completion cache schema version read failed");
+  }
+  sqlite3_free_table(result);
+  return current;
+}
+
+void EngagedCompletionCache::setDBSchema() {
+  static const std::pair<const char*, const char*> statements[] = {
+      {"PRAGMA auto_vacuum = 2;", "Error _setDBSchema pragma auto_vacum"},
+      {"DROP table IF EXISTS completion_cache_schema_version;", "Error _setDBSchema drop schema table"},
+      {"CREATE table completion_cache_schema_version(schema_version INT);", "Error _setDBSchema create schema table"},
+      {"DROP table IF EXISTS completion_cache_engagement;",
+       "Error _setDBSchema drop completion_cache_engagement table"},
+      {"CREATE TABLE IF NOT EXISTS completion_cache_engagement(completion TEXT, input TEXT, engagement_date INT, "
+       "origin TEXT, client INT);",
+       "Error _setDBSchema create completion_cache_engagement table"},
+      {"CREATE INDEX completion_index ON completion_cache_engagement(completion);",
+       "Error _setDBSchema table completion_cache_engagement create index completion"},
+      {"CREATE INDEX input_index ON completion_cache_engagement(input);",
+       "Error _setDBSchema table completion_cache_engagement create index input "},
+  };
+  for (auto& [sql, failure] : statements)
+    if (execSQLStatement(sql) != 0) log().error("{}", failure);
+  char* insert = sqlite3_mprintf("INSERT INTO completion_cache_schema_version VALUES (%d)", int(kSchemaVersion));
+  if (!insert) {
+    log().error("Error _setDBSchema alloc schema version string");
+    return;
+  }
+  if (execSQLStatement(insert) != 0) log().error("Error _setDBSchema insert schema version string");
+  else schemaVersion_ = kSchemaVersion;
+  sqlite3_free(insert);
+}
+
+int EngagedCompletionCache::execSQLStatement(const std::string& sql) {
+  sqlite3* db = db_.load();
+  if (!db) return 1;
+  char* message = nullptr;
+  int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message);
+  if (rc != SQLITE_OK)
+    log().error("_execSQLStatement failed - SQL:{} error-code: {} error-message: {}", sql, rc,
+                message ? message : "");
+  sqlite3_free(message);
+  return rc;
+}
+
+void EngagedCompletionCache::updateParameters(double h, double d, double w, double m, double all, double recent,
+                                              double threshold) {
+  updateQueue_->sync([&] {
+    {
+      std::lock_guard lock(paramsMu_);
+      params_ = Parameters{h, d, w, m, all, recent, threshold};
+    }
+    log().info(
+        "EngagedCompletionCache updateParameters: (1h {:.6f}) (1d {:.6f}) (7d {:.6f}) (1m {:.6f}) (all {:.6f}) "
+        "(recent {:.6f}) (t {:.6f})",
+        h, d, w, m, all, recent, threshold);
+  });
+}
+
+int64_t EngagedCompletionCache::countRows(bool* ok) {
+  *ok = false;
+  sqlite3* db = db_.load();
+  if (!db) return 0;
+  Statement st;
+  if (sqlite3_prepare_v2(db, "SELECT Count(*) FROM completion_cache_engagement;", -1, &st.s, nullptr) != SQLITE_OK ||
+      sqlite3_step(st.s) != SQLITE_ROW) {
+    log().error("Failed to get number of entries in engaged completion cache");
+    return 0;
+  }
+  *ok = true;
+  return sqlite3_column_int64(st.s, 0);
+}
+
+int64_t EngagedCompletionCache::numberOfRows() {
+  bool ok = false;
+  int64_t n = countRows(&ok);
+  if (ok) log().info("Number of completion in cache: {}", n);
+  // Reports 0 whatever the true count is, so eviction by count only happens with a row limit of 0. Kept
+  // on purpose: the 30-day age-out is what bounds the table, and servers tune around this behaviour.
+  return 0;
+}
+
+void EngagedCompletionCache::addCompletion(const std::string& completion, const std::string& input, int64_t origin,
+                                           int64_t client) {
+  if (!cacheEnabled() || completion.empty() || !db_.load()) return;
+  log().info("Adding completion: {} input: {}", completion, input);
+  int64_t now = nowSeconds();
+  clearCompletionsFromDate(fromUnixSeconds(double(kDistantPastSeconds)), fromUnixSeconds(double(now - 2592000)));
+
+  if (static_cast<uint64_t>(numberOfRows()) >= maxRowCount_.load()) {
+    if (execSQLStatement("DELETE FROM completion_cache_engagement WHERE engagement_date IN (SELECT engagement_date "
+                         "FROM completion_cache_engagement ORDER BY engagement_date ASC LIMIT 1);") != 0)
+      log().error("Error _setDBSchema table completion_cache_engagement create index completion");
+  }
+
+  sqlite3* db = db_.load();
+  if (!db) return;
+  char* sql = sqlite3_mprintf(
+      "INSERT INTO completion_cache_engagement (completion, input, engagement_date, origin, client) VALUES (%q, "
+      "%q, %q, %q, %q)",
+      "?", "?", "?", "?", "?");
+  Statement st;
+  int rc = sqlite3_prepare_v2(db, sql, -1, &st.s, nullptr);
+  if (rc != SQLITE_OK) {
+    log().error("_prepareInsertStatement failed - SQL:{} code: {}", sql, rc);
+    sqlite3_free(sql);
+    return;
+  }
+  sqlite3_free(sql);
+  std::string originString = originText(origin);
+  sqlite3_bind_text(st.s, 1, completion.data(), int(completion.size()), SQLITE_TRANSIENT);
+  sqlite3_bind_text(st.s, 2, input.data(), int(input.size()), SQLITE_TRANSIENT);
+  sqlite3_bind_int(st.s, 3, static_cast<int32_t>(now));
+  sqlite3_bind_text(st.s, 4, originString.data(), int(originString.size()), SQLITE_TRANSIENT);
+  sqlite3_bind_int64(st.s, 5, client);
+  if (sqlite3_step(st.s) != SQLITE_DONE) log().error("Failed to add completion: {}", completion);
+  else log().info("Completion added: {} input {}", completion, input);
+  performTallydLogging();
+}
+
+std::optional<EngagedCompletion> EngagedCompletionCache::completionForInput(const std::string& input,
+                                                                            int64_t client) {
+  if (!cacheEnabled() || !db_.load()) return std::nullopt;
+  struct Wait {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool done = false;
+    std::vector<EngagedCompletion> results;
+  };
+  auto wait = std::make_shared<Wait>();
+  std::weak_ptr<EngagedCompletionCache> weak = weak_from_this();
+  searchQueue_->async([weak, wait, input, client] {
+    std::vector<EngagedCompletion> results;
+    if (auto self = weak.lock()) self->runQuery(input, client, &results);
+    std::lock_guard lock(wait->mu);
+    wait->results = std::move(results);
+    wait->done = true;
+    wait->cv.notify_all();
+  });
+  std::unique_lock lock(wait->mu);
+  // The typing path's budget: a late query finishes in the background and its answer is dropped.
+  if (!wait->cv.wait_for(lock, std::chrono::milliseconds(searchTimeout_.load()), [&] { return wait->done; })) {
+    log().info("EngagedCompletionCache search timed out for input {}", input);
+    return std::nullopt;
+  }
+  if (wait->results.empty()) return std::nullopt;
+  double threshold;
+  {
+    std::lock_guard plock(paramsMu_);
+    threshold = params_.minThresholdToSend;
+  }
+  if (wait->results.front().score < threshold) return std::nullopt;
+  return wait->results.front();
+}
+
+void EngagedCompletionCache::runQuery(const std::string& input, int64_t client, std::vector<EngagedCompletion>* out) {
+  sqlite3* db = db_.load();
+  if (!db) return;
+  Parameters p;
+  {
+    std::lock_guard lock(paramsMu_);
+    p = params_;
+  }
+  std::string sql = fmt::format(kSelectTemplate, p.last1hour, p.last1day, p.last1week, p.last1month, p.all,
+                                p.mostRecent, "%s", "%s");
+  log().debug("_prepareSelectStatement SQL:\n{}", sql);
+  char* filled = sqlite3_mprintf(sql.c_str(), "?", "?");
+  Statement st;
+  int rc = sqlite3_prepare_v2(db, filled, -1, &st.s, nullptr);
+  if (rc != SQLITE_OK) {
+    log().error("_prepareSelectStatement failed - SQL:{} code: {}", filled ? filled : "", rc);
+    sqlite3_free(filled);
+    return;
+  }
+  sqlite3_free(filled);
+  int64_t now = nowSeconds();
+  sqlite3_bind_int64(st.s, 1, now - 3600);
+  sqlite3_bind_int64(st.s, 2, now - 86400);
+  sqlite3_bind_int64(st.s, 3, now - 604800);
+  sqlite3_bind_int64(st.s, 4, now - 2592000);
+  sqlite3_bind_int64(st.s, 5, now - 31536000);
+  sqlite3_bind_int64(st.s, 6, now);
+  sqlite3_bind_int64(st.s, 7, client);
+  std::string pattern = input + "%";
+  sqlite3_bind_text(st.s, 8, pattern.data(), int(pattern.size()), SQLITE_TRANSIENT);
+  sqlite3_bind_text(st.s, 9, pattern.data(), int(pattern.size()), SQLITE_TRANSIENT);
+  if (Logger::enabled(LogLevel::Debug)) {
+    char* expanded = sqlite3_expanded_sql(st.s);
+    log().debug("SQL: {}", expanded ? expanded : "");
+    sqlite3_free(expanded);
+  }
+  auto rowStart = std::chrono::steady_clock::now();
+  while (sqlite3_step(st.s) == SQLITE_ROW) {
+    auto text = [&](int col) {
+      const unsigned char* t = sqlite3_column_text(st.s, col);
+      return std::string(t ? reinterpret_cast<const char*>(t) : "");
+    };
+    EngagedCompletion c{text(0), sqlite3_column_double(st.s, 2), suggestionTypeForOrigin(text(1))};
+    auto now2 = std::chrono::steady_clock::now();
+    log().debug("Match found input {}, completion {}, score {:.6f}, time {}", input, c.suggestion, c.score,
+                std::chrono::duration_cast<std::chrono::milliseconds>(now2 - rowStart).count());
+    rowStart = now2;
+    out->push_back(std::move(c));
+  }
+}
+
+void EngagedCompletionCache::clearCompletionsFromDate(Time from, Time to) {
+  sqlite3* db = db_.load();
+  if (!db) return;
+  if (from == to) {
+    from -= std::chrono::seconds(5);
+    to += std::chrono::seconds(5);
+  }
+  auto secs = [](Time t) { return static_cast<int64_t>(toUnixSeconds(t)); };
+  std::string sql = fmt::format(
+      "DELETE FROM completion_cache_engagement WHERE engagement_date >= {} AND engagement_date <= {};", secs(from),
+      secs(to));
+  Statement st;
+  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st.s, nullptr) != SQLITE_OK || sqlite3_step(st.s) != SQLITE_DONE) {
+    log().error("Failed to clear all completions");
+    return;
+  }
+  log().info("Cleared completions fromDate:{} toDate:{}", secs(from), secs(to));
+}
+
+void EngagedCompletionCache::clearAllCompletions() {
+  sqlite3* db = db_.load();
+  if (!db) return;
+  Statement st;
+  if (sqlite3_prepare_v2(db, "DELETE FROM completion_cache_engagement;", -1, &st.s, nullptr) != SQLITE_OK ||
+      sqlite3_step(st.s) != SQLITE_DONE) {
+    log().error("Failed to clear all completions");
+    return;
+  }
+  log().info("Cleared all completions");
+}
+
+void EngagedCompletionCache::closeDBConnection() {
+  if (sqlite3* db = db_.exchange(nullptr)) sqlite3_close_v2(db);
+}
+
+int64_t EngagedCompletionCache::significantValue(int64_t value) {
+  std::string s = std::to_string(value);
+  if (s.size() > 1)
+    for (size_t i = 2; i < s.size(); ++i) s[i] = '0';
+  return std::strtoll(s.c_str(), nullptr, 10);
+}
+
+void EngagedCompletionCache::performTallydLogging() {
+  if (!db_.load()) return;
+  bool ok = false;
+  int64_t count = countRows(&ok);
+  if (count >= 1) {
+    const char* key = "com.velmo.vorlend.voyant.localCompletionIndex.entries";
+    VorlenDiagnosticDataReporter::setValue(significantValue(count), key);
+    log().info("Tallyd logging {}: {}", key, significantValue(count));
+  }
+  std::error_code ec;
+  auto size = std::filesystem::file_size(databasePath_, ec);
+  if (ec) {
+    log().error("Failed retrieving engaged completion cache db file size");
+    return;
+  }
+  const char* key = "com.velmo.vorlend.voyant.localCompletionIndex.size";
+  VorlenDiagnosticDataReporter::setValue(significantValue(static_cast<int64_t>(size)), key);
+  log().info("Tallyd logging {}: {}", key, significantValue(static_cast<int64_t>(size)));
+}
+
+}  // namespace vorlen

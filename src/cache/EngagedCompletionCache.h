@@ -1,0 +1,118 @@
+// EngagedCompletionCache: the on-device history of completions the user engaged with, for which typed
+// input, and the local completion it suggests for what is being typed now. One instance per process,
+// backed by one SQLite database (schema version 3) at <caches>/EngagedCompletions/Cache.db.
+//
+// Scoring weighs recent engagements more (an engagement in the last hour counts ten times one in the last
+// day, and so on) plus a recency term; see completionForInput(). Reported sizes are coarsened to two
+// significant digits for privacy.
+//
+// Nothing here reports an error to its caller: failures are logged on the default log and the operation
+// ends (a lookup then returns nothing). A database that cannot be opened leaves the cache inert.
+//
+// Threading: lookups run on the concurrent queue "com.velmo.vorlend.eccsearchq", several at once, and the
+// caller waits at most searchTimeout() milliseconds; adds and clears run on the caller's thread; parameter
+// updates are serialised on "com.velmo.vorlend.eccupdateq". The connection is opened in SQLite's fully
+// serialised mode, which is what makes sharing it across those threads safe.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "base/Clock.h"
+#include "base/Queue.h"
+
+struct sqlite3;
+
+namespace vorlen {
+
+class Preferences;
+
+// A local completion: the engaged completion text, its score and its suggestion type (1 for origin "se",
+// 8 for "3d", 0 otherwise).
+struct EngagedCompletion {
+  std::string suggestion;
+  double score = 0;
+  int type = 0;
+};
+
+class EngagedCompletionCache : public std::enable_shared_from_this<EngagedCompletionCache> {
+ public:
+  static constexpr int64_t kSchemaVersion = 3;
+
+  // `storagePath` is the caches folder; the database goes below it. `defaults` (may be null) supplies
+  // "VORDisableLocalCompletions".
+  static std::shared_ptr<EngagedCompletionCache> create(const std::filesystem::path& storagePath,
+                                                        std::shared_ptr<Clock> clock,
+                                                        std::shared_ptr<const Preferences> defaults);
+  ~EngagedCompletionCache();
+
+  const std::filesystem::path& databaseDirPath() const { return databaseDirPath_; }
+  const std::filesystem::path& databasePath() const { return databasePath_; }
+
+  bool enabled() const { return enabled_.load(); }
+  void setEnabled(bool enabled) { enabled_.store(enabled); }
+  uint64_t searchTimeout() const { return searchTimeout_.load(); }
+  void setSearchTimeout(uint64_t ms) { searchTimeout_.store(ms); }
+  uint64_t maxRowCount() const { return maxRowCount_.load(); }
+  void setMaxRowCount(uint64_t rows) { maxRowCount_.store(rows); }
+  int64_t schemaVersionForTesting() const { return schemaVersion_; }
+
+  // Seven weights: 1 hour, 1 day, 1 week, 1 month, all, most recent, and the threshold.
+  void updateParameters(double last1hour, double last1day, double last1week, double last1month, double all,
+                        double mostRecent, double minThresholdToSend);
+
+  // Records one engagement now. Origin 1 and 3 are stored as "se", 2 as "3d", others as "". Client 0
+  // unspecified, 1 browser, 2 system search.
+  void addCompletion(const std::string& completion, const std::string& input, int64_t origin = 0,
+                     int64_t client = 0);
+  // The best completion for `input` from `client`'s engagements, or nothing (also on time-out).
+  std::optional<EngagedCompletion> completionForInput(const std::string& input, int64_t client = 0);
+
+  // Equal dates widen to +-5 s.
+  void clearCompletionsFromDate(Time from, Time to);
+  void clearAllCompletions();
+  void closeDBConnection();
+  void performTallydLogging();
+
+  // "12345" -> 12000, "99" -> 99, "7" -> 7.
+  static int64_t significantValue(int64_t value);
+
+ private:
+  struct Parameters {
+    double last1hour = 10.0, last1day = 1.0, last1week = 0.1, last1month = 0.01, all = 0.001, mostRecent = 1.0,
+           minThresholdToSend = 0.0;
+  };
+
+  EngagedCompletionCache(const std::filesystem::path& storagePath, std::shared_ptr<Clock> clock,
+                         std::shared_ptr<const Preferences> defaults);
+  bool cacheEnabled() const;
+  void createOrUpdateDatabase();
+  bool openDatabase();
+  bool isSchemaCurrent();
+  void setDBSchema();
+  int execSQLStatement(const std::string& sql);
+  int64_t numberOfRows();  // always 0 (see the note in the source)
+  int64_t countRows(bool* ok);
+  void runQuery(const std::string& input, int64_t client, std::vector<EngagedCompletion>* out);
+  int64_t nowSeconds() const;
+
+  std::filesystem::path databaseDirPath_, databasePath_;
+  std::shared_ptr<Clock> clock_;
+  std::shared_ptr<const Preferences> defaults_;
+  std::atomic<bool> enabled_{false};
+  std::atomic<uint64_t> searchTimeout_{5};
+  std::atomic<uint64_t> maxRowCount_{10000};
+  int64_t schemaVersion_ = 0;
+  std::atomic<sqlite3*> db_{nullptr};
+  std::shared_ptr<Queue> searchQueue_;
+  std::shared_ptr<Queue> updateQueue_;
+  mutable std::mutex paramsMu_;
+  Parameters params_;
+};
+
+}  // namespace vorlen
