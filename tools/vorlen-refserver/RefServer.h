@@ -1,0 +1,98 @@
+// RefServer: the reference search service on loopback, used by the demo, by integration tests (as the
+// vorlen-refserver program) and by unit tests in-process.
+//
+// Service endpoints:
+//   GET  /bag                 the bag: a JSON object whose URLs point back at this server. Its behaviour is
+//                             switched by POST /_control/bag (see BagControl) to exercise failure paths.
+//                             Every answer closes its connection, so each bag request arrives on a
+//                             connection of its own and the count of /bag is the number of attempts.
+// Endpoints for tests and tools (paths beginning with "/_"):
+//   POST   /_control/bag      {"mode": "ok"|"status"|"empty"|"array"|"slow"|"drop", "status": 503,
+//                             "delay_ms": 2000, "version": "10"}; omitted fields keep their defaults
+//                             (status 503, delay 0, version "1"). A body that is not such an object is
+//                             refused with 400 and a log line.
+//   GET    /_requests         every request recorded so far, as JSON (requests to /_control, /_requests
+//                             and /_counts are neither recorded nor counted).
+//   DELETE /_requests         forgets them and resets the per-path counts.
+//   GET    /_counts           {"<path>": number of requests} for every path seen.
+//   any    /_echo             answers with a JSON description of the request (method, path, query, header
+//                             fields, body length). Query items shape the answer: status=N (HTTP status),
+//                             delay_ms=N (wait first), drop=1 (close the connection without an answer),
+//                             max_age=N (Cache-Control: max-age=N), bytes=N (N bytes of 'a'..'z' instead
+//                             of JSON). Every answer carries "X-Ref-Echo-Count", the number of echo
+//                             requests answered so far.
+//   GET    /_redirect?to=P    302 to path P of this server.
+//
+// "drop" closes the TCP connection from the server side before any byte of a response is written, which
+// a client sees as a lost connection (a transport error, not an HTTP status).
+//
+// Threading: start()/stop() from one owning thread; every other method is safe from any thread. Request
+// handlers run on the server's worker threads, which block SIGPIPE so a write to a dropped connection
+// fails quietly.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace vorlen {
+
+class RefServer {
+ public:
+  enum class BagMode { Ok, Status, Empty, Array, Slow, Drop };
+
+  struct BagControl {
+    BagMode mode = BagMode::Ok;
+    int status = 503;  // for Status
+    int delayMs = 0;   // for Slow (and before any other mode when set)
+    std::string version = "1";
+  };
+
+  struct RecordedRequest {
+    std::string method;
+    std::string path;
+    std::string rawQuery;                                         // as it came on the wire, without "?"
+    std::vector<std::pair<std::string, std::string>> queryItems;  // decoded, sorted by name then value
+    std::vector<std::pair<std::string, std::string>> headers;     // as received
+    std::string body;
+
+    // First header value of that name, compared without regard to case; empty when absent.
+    std::string header(std::string_view name) const;
+  };
+
+  RefServer();
+  ~RefServer();  // stops
+  RefServer(const RefServer&) = delete;
+  RefServer& operator=(const RefServer&) = delete;
+
+  // Binds `host`:`port` (0 picks a free port) and starts serving on a thread of its own. False (with a log
+  // line) when it cannot bind.
+  bool start(const std::string& host = "127.0.0.1", int port = 0);
+  // Stops serving: wakes handlers that are waiting, closes open connections, joins the threads.
+  void stop();
+
+  int port() const;
+  std::string baseURL() const;  // "http://127.0.0.1:PORT"
+
+  void setBagControl(BagControl control);
+  BagControl bagControl() const;
+  // The bag as currently served in mode Ok.
+  std::string bagBody() const;
+
+  size_t requestCount(std::string_view path) const;
+  std::vector<RecordedRequest> requests() const;
+  void clearRequests();
+
+  // Parses a control document as POST /_control/bag does; false for anything else.
+  static bool parseBagControl(std::string_view json, BagControl* out, std::string* error);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vorlen
