@@ -19,10 +19,14 @@ thread_local std::vector<const Queue*> tCurrent;
 
 const char* priorityName(QueuePriority priority) {
   switch (priority) {
-    case QueuePriority::Background: return "background";
-    case QueuePriority::Utility: return "utility";
-    case QueuePriority::Default: return "default";
-    case QueuePriority::UserInitiated: return "user-initiated";
+    case QueuePriority::Background:
+      return "background";
+    case QueuePriority::Utility:
+      return "utility";
+    case QueuePriority::Default:
+      return "default";
+    case QueuePriority::UserInitiated:
+      return "user-initiated";
   }
   return "default";
 }
@@ -63,7 +67,9 @@ void Queue::after(Duration delay, Work work) {
   clock->scheduleAfter(delay, shared_from_this(), std::move(work));
 }
 
-bool Queue::isCurrent() const { return std::find(tCurrent.begin(), tCurrent.end(), this) != tCurrent.end(); }
+bool Queue::isCurrent() const {
+  return std::find(tCurrent.begin(), tCurrent.end(), this) != tCurrent.end();
+}
 
 void Queue::assertCurrent() const {
   if (!isCurrent()) fault("expected to run on this queue");

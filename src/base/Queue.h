@@ -1,17 +1,25 @@
-// Queue: named serial and concurrent queues on a shared worker pool.
+// Queue: named serial and concurrent queues on a worker pool (the shared pool unless one is given).
 //
 // Serial queue: work items run one at a time, in submission order. `sync` runs its work on the caller's
-// thread once every earlier item has finished, so a waiting caller never occupies a worker and nested
-// sync chains across different queues cannot starve the pool, however small. Calling `sync` on a queue the
-// caller is already running on (directly or through a sync chain) is a programming error and aborts.
+// thread once every earlier item has finished: the thread that drains the queue hands it over to the
+// caller at the caller's place in line, or, when no thread is draining it yet, the caller runs the earlier
+// items itself. So no caller ever waits for a free worker, and nested sync chains across different queues
+// cannot starve the pool, however small. Calling `sync` on a queue the caller is already running on
+// (directly or through a sync chain) is a programming error: it logs a fault naming the queue and aborts.
 //
 // Concurrent queue: items may run in parallel; `sync` runs inline on the caller's thread. Components that
 // need barrier writes pair a concurrent queue with a std::shared_mutex.
 //
 // isCurrent() is true while work of this queue runs on the calling thread, including work run by `sync`
-// and work run by a sync chain that started on this queue.
+// and work run by a sync chain that started on this queue (items a sync caller drains on its own thread
+// see only their own queue as current, as they would on a worker).
+//
+// The priority is kept for callers to read; the pool runs jobs first-in first-out whatever their queue's
+// priority.
 //
 // Queues are shared_ptr-owned; pending work keeps its queue alive until it has run.
+//
+// Threading: every method is safe from any thread.
 #pragma once
 
 #include <functional>
@@ -51,6 +59,7 @@ class Queue : public std::enable_shared_from_this<Queue> {
   bool isCurrent() const;
   const std::string& label() const { return label_; }
   QueuePriority priority() const { return priority_; }
+  // The clock given at creation; null means after() uses the system clock.
   const std::shared_ptr<Clock>& clock() const { return clock_; }
 
   // Aborts with a fault naming the queue unless isCurrent(). Use on the first line of queue-bound methods.

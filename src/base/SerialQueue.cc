@@ -45,6 +45,11 @@ void SerialQueue::sync(const Work& work) {
   work();
 }
 
+size_t SerialQueue::pendingCountForTesting() const {
+  std::lock_guard lock(mu_);
+  return items_.size();
+}
+
 void SerialQueue::releaseLocked() {
   if (!items_.empty() && items_.front().waiter) {
     items_.front().waiter->granted = true;
@@ -64,9 +69,8 @@ void SerialQueue::scheduleLocked() {
   state_ = State::Scheduled;
   uint64_t ticket = ++ticket_;
   // The job keeps the queue alive until it has run.
-  pool_->submit([self = std::static_pointer_cast<SerialQueue>(shared_from_this()), ticket] {
-    self->drainJob(ticket);
-  });
+  pool_->submit(
+      [self = std::static_pointer_cast<SerialQueue>(shared_from_this()), ticket] { self->drainJob(ticket); });
   changed_.notify_all();  // a waiting sync caller may take the queue before the job starts
 }
 
@@ -77,7 +81,7 @@ void SerialQueue::drainJob(uint64_t ticket) {
   drainLocked(lock, nullptr);
 }
 
-void SerialQueue::drainLocked(std::unique_lock<std::mutex>& lock, Waiter* mine) {
+void SerialQueue::drainLocked(std::unique_lock<std::mutex>& lock, Waiter* mine) noexcept {
   // A sync caller draining earlier items runs them as a worker would: its own chain is not current.
   CurrentScope scope(this, /*alone=*/true);
   for (int ran = 0;; ++ran) {

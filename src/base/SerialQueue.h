@@ -31,6 +31,9 @@ class SerialQueue final : public Queue {
   void async(Work work) override;
   void sync(const Work& work) override;
 
+  // Items not yet started plus sync callers waiting in line.
+  size_t pendingCountForTesting() const;
+
  private:
   static constexpr int kDrainBatch = 32;
 
@@ -49,11 +52,12 @@ class SerialQueue final : public Queue {
   void scheduleLocked();
   // Runs items with mu_ held on entry and exit (released while an item runs). Stops when the list is
   // empty, at a marker (handing the queue over) or, for a worker (`mine` null), after kDrainBatch items.
-  void drainLocked(std::unique_lock<std::mutex>& lock, Waiter* mine);
+  // An item that throws ends the process wherever it runs, as it would on a worker.
+  void drainLocked(std::unique_lock<std::mutex>& lock, Waiter* mine) noexcept;
   void drainJob(uint64_t ticket);
 
   std::shared_ptr<WorkerPool> pool_;
-  std::mutex mu_;
+  mutable std::mutex mu_;
   std::condition_variable changed_;  // a marker was granted, or the queue became Scheduled
   std::deque<Item> items_;
   State state_ = State::Idle;

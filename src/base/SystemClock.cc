@@ -36,13 +36,15 @@ SystemClock::~SystemClock() {
   }
 }
 
-Time SystemClock::now() const { return std::chrono::system_clock::now(); }
+Time SystemClock::now() const {
+  return std::chrono::system_clock::now();
+}
 
 std::shared_ptr<ScheduledCall> SystemClock::schedule(Time deadline, std::shared_ptr<Queue> queue,
                                                      std::function<void()> work) {
   auto steadyDeadline =
-      std::chrono::steady_clock::now() +
-      std::chrono::duration_cast<std::chrono::steady_clock::duration>(deadline - std::chrono::system_clock::now());
+      std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                             deadline - std::chrono::system_clock::now());
   auto entry = std::make_shared<ScheduledWork>(std::move(queue), std::move(work));
   Key key;
   bool earliest;

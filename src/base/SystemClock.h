@@ -21,7 +21,7 @@ namespace vorlen {
 
 class SystemClock final : public Clock {
  public:
-  SystemClock();  // starts the timer thread
+  SystemClock();            // starts the timer thread
   ~SystemClock() override;  // drops pending calls and joins the timer thread
 
   Time now() const override;

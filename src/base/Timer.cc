@@ -8,7 +8,9 @@ std::shared_ptr<Timer> Timer::create(std::shared_ptr<Clock> clock, std::shared_p
 }
 
 Timer::Timer(std::shared_ptr<Clock> clock, std::shared_ptr<Queue> queue, std::function<void()> handler)
-    : clock_(clock ? std::move(clock) : Clock::system()), queue_(std::move(queue)), handler_(std::move(handler)) {}
+    : clock_(clock ? std::move(clock) : Clock::system()),
+      queue_(std::move(queue)),
+      handler_(std::move(handler)) {}
 
 Timer::~Timer() {
   if (call_) call_->cancel();

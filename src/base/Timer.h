@@ -2,11 +2,14 @@
 //
 // Every arm() and cancel() bumps a generation counter; a firing whose generation is not the current one
 // does nothing, so re-arming or cancelling always wins over a firing already on its way (even one the
-// clock could no longer stop). A null clock means the system clock; a null queue runs the handler on the
-// clock's firing thread. The handler is held by the
-// timer; use Timer::weak() to hold the owner weakly so that a timer outliving its owner is a no-op.
+// clock could no longer stop). The handler is held by the timer; use Timer::weak() to hold the owner
+// weakly so that a timer outliving its owner is a no-op. The scheduled firing holds the timer itself
+// weakly: dropping the last reference to a timer disarms it.
 //
-// Threading: arm/cancel are safe from any thread. The handler runs on the timer's queue.
+// A null clock means the system clock; a null queue runs the handler on the clock's firing thread.
+//
+// Threading: arm/cancel/isArmed are safe from any thread, also from the handler. The handler runs on the
+// timer's queue.
 #pragma once
 
 #include <atomic>

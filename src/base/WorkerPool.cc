@@ -62,7 +62,9 @@ void WorkerPool::submit(std::function<void()> job) {
   impl_->wake.notify_one();
 }
 
-unsigned WorkerPool::size() const { return static_cast<unsigned>(impl_->threads.size()); }
+unsigned WorkerPool::size() const {
+  return static_cast<unsigned>(impl_->threads.size());
+}
 
 std::shared_ptr<WorkerPool> WorkerPool::shared() {
   // Never destroyed: workers may still be running jobs while static objects are torn down at exit.

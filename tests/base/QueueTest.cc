@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "base/ManualClock.h"
+#include "base/SerialQueue.h"
 #include "base/Timer.h"
 #include "support/WaitCounter.h"
 
@@ -49,30 +52,53 @@ TEST(QueueTest, SerialQueueKeepsEveryProducersOrderAndRunsOneItemAtATime) {
   EXPECT_EQ(violations.load(), 0);
 }
 
-TEST(QueueTest, SyncRunsOnTheCallersThreadAfterEveryEarlierItem) {
+TEST(QueueTest, SyncCallersRunOnTheirOwnThreadWhenTheWorkerOrTheCallerBeforeThemHandsOver) {
   auto q = Queue::serial("test.sync");
-  std::thread::id ran;
-  q->sync([&] { ran = std::this_thread::get_id(); });  // idle queue: taken at once
-  EXPECT_EQ(ran, std::this_thread::get_id());
+  auto* serial = static_cast<SerialQueue*>(q.get());
+  auto waitForPending = [serial](size_t n) {
+    while (serial->pendingCountForTesting() < n) std::this_thread::yield();
+  };
+  std::thread::id ranOn;
+  q->sync([&] { ranOn = std::this_thread::get_id(); });  // idle queue: taken at once
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
 
   std::vector<std::string> order;  // touched on q only
+  // A worker is inside an item; the sync caller queues behind it and the next item.
+  auto started = std::make_shared<WaitCounter>();
   std::promise<void> gate;
-  std::shared_future<void> opened = gate.get_future().share();
-  q->async([&, opened] {
+  q->async([&, started, opened = gate.get_future().share()] {
+    started->add();
     opened.wait();
     order.push_back("gate");
   });
+  ASSERT_TRUE(started->waitFor(1));
   q->async([&] { order.push_back("a"); });
-  std::thread opener([&] { gate.set_value(); });  // usually after the sync below has queued its marker
+  std::thread opener([&] {
+    waitForPending(2);  // "a" and the sync caller's place in line
+    gate.set_value();
+  });
   q->sync([&] {
     order.push_back("sync");
-    ran = std::this_thread::get_id();
+    ranOn = std::this_thread::get_id();
   });
   opener.join();
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+
+  // Another thread holds the queue through sync; it hands over straight to the caller waiting next.
+  auto holding = std::make_shared<WaitCounter>();
+  std::thread holder([&] {
+    q->sync([&] {
+      holding->add();
+      waitForPending(1);
+      order.push_back("holder");
+    });
+  });
+  ASSERT_TRUE(holding->waitFor(1));
+  q->sync([&] { order.push_back("next"); });
+  holder.join();
   q->async([&] { order.push_back("b"); });
   q->sync([] {});
-  EXPECT_EQ(order, (std::vector<std::string>{"gate", "a", "sync", "b"}));
-  EXPECT_EQ(ran, std::this_thread::get_id());
+  EXPECT_EQ(order, (std::vector<std::string>{"gate", "a", "sync", "holder", "next", "b"}));
 }
 
 TEST(QueueTest, SyncChainsDeeperThanThePoolNeverDeadlock) {
@@ -135,6 +161,33 @@ TEST(QueueTest, SyncCallersDrainABusyQueueThemselvesWhenEveryWorkerIsWaiting) {
   d->sync([&] { EXPECT_EQ(dOrder, (std::vector<std::string>{"item", "sync"})); });
 }
 
+TEST(QueueTest, ABusyQueueYieldsItsWorkerToOtherQueuesNowAndThen) {
+  auto pool = std::make_shared<WorkerPool>(1);
+  auto busy = serialOn("test.busy", pool), other = serialOn("test.other", pool);
+  auto done = std::make_shared<WaitCounter>();
+  std::mutex mu;
+  std::vector<std::string> order;
+  auto record = [&, done](std::string name) {
+    return [&, done, name] {
+      {
+        std::lock_guard lock(mu);
+        order.push_back(name);
+      }
+      done->add();
+    };
+  };
+  std::promise<void> gate;
+  busy->async([opened = gate.get_future().share()] { opened.wait(); });  // holds the only worker
+  constexpr int kBusyItems = 200;
+  for (int i = 0; i < kBusyItems; ++i) busy->async(record("busy"));
+  other->async(record("other"));
+  gate.set_value();
+  ASSERT_TRUE(done->waitFor(kBusyItems + 1));
+  std::lock_guard lock(mu);
+  auto otherAt = std::find(order.begin(), order.end(), "other") - order.begin();
+  EXPECT_LT(otherAt, kBusyItems);  // it did not wait for the whole backlog of the busy queue
+}
+
 TEST(QueueTest, IsCurrentOnlyWhileTheQueuesWorkRunsIncludingOuterQueuesOfASyncChain) {
   auto a = Queue::serial("test.a"), b = Queue::serial("test.b");
   auto c = Queue::concurrent("test.c");
@@ -152,9 +205,7 @@ TEST(QueueTest, IsCurrentOnlyWhileTheQueuesWorkRunsIncludingOuterQueuesOfASyncCh
     seen.push_back(a->isCurrent() && !b->isCurrent());
     b->sync([&] {
       seen.push_back(a->isCurrent() && b->isCurrent());
-      c->sync([&] {
-        c->sync([&] { seen.push_back(a->isCurrent() && b->isCurrent() && c->isCurrent()); });
-      });
+      c->sync([&] { c->sync([&] { seen.push_back(a->isCurrent() && b->isCurrent() && c->isCurrent()); }); });
       b->assertCurrent();
     });
     seen.push_back(a->isCurrent() && !b->isCurrent() && !c->isCurrent());
@@ -251,15 +302,17 @@ TEST(QueueTest, PendingWorkKeepsItsQueueAliveAndTheLastOwnerMayBeThePoolsOwnJob)
 
 TEST(QueueTest, StressOfSharedQueuesSyncChainsAndTimersFromManyThreads) {
   struct Shared {
-    std::atomic<int> inA{0}, overlaps{0}, aRuns{0}, bRuns{0}, cRuns{0}, handlerRuns{0};
+    std::atomic<int> inA{0}, faults{0}, aRuns{0}, bRuns{0}, cRuns{0};
     WaitCounter timersRun, cDone;
   };
   auto s = std::make_shared<Shared>();
   auto a = Queue::serial("test.stress.a"), b = Queue::serial("test.stress.b");
   auto c = Queue::concurrent("test.stress.c");
-  auto timer = Timer::create(Clock::system(), b, [s] { ++s->handlerRuns; });
+  auto timer = Timer::create(Clock::system(), b, [s, onB = b.get()] {
+    if (!onB->isCurrent()) ++s->faults;
+  });
   auto onA = [s] {
-    if (s->inA.fetch_add(1) != 0) ++s->overlaps;
+    if (s->inA.fetch_add(1) != 0) ++s->faults;  // two items of a serial queue at once
     ++s->aRuns;
     s->inA.fetch_sub(1);
   };
@@ -270,23 +323,44 @@ TEST(QueueTest, StressOfSharedQueuesSyncChainsAndTimersFromManyThreads) {
     threads.emplace_back([&, t] {
       for (int r = 0; r < kRounds; ++r) {
         switch ((r + t) % 5) {
-          case 0: a->async(onA), ++expectA; break;
-          case 1:
+          case 0:
+            a->async(onA);
+            ++expectA;
+            break;
+          case 1:  // chains always take a before b
             a->sync([&] {
               onA();
               b->sync([&] { ++s->bRuns; });
             });
-            ++expectA, ++expectB;
+            ++expectA;
+            ++expectB;
             break;
           case 2:
-            b->async([s] { ++s->bRuns; }), ++expectB;
-            c->async([s, c] { c->sync([s] { ++s->cRuns, s->cDone.add(); }); }), ++expectC;
+            b->async([s] { ++s->bRuns; });
+            c->async([s, c] {
+              c->sync([s] {
+                ++s->cRuns;
+                s->cDone.add();
+              });
+            });
+            ++expectB;
+            ++expectC;
             break;
           case 3:
-            a->after(std::chrono::microseconds(100 * (r % 3)), [s, onA] { onA(), s->timersRun.add(); });
-            ++expectA, ++expectTimers;
+            a->after(std::chrono::microseconds(100 * (r % 3)), [s, onA] {
+              onA();
+              s->timersRun.add();
+            });
+            ++expectA;
+            ++expectTimers;
             break;
-          case 4: r % 2 ? timer->arm(std::chrono::microseconds(50)) : timer->cancel(); break;
+          case 4:
+            if (r % 2) {
+              timer->arm(std::chrono::microseconds(50));
+            } else {
+              timer->cancel();
+            }
+            break;
         }
       }
     });
@@ -298,7 +372,7 @@ TEST(QueueTest, StressOfSharedQueuesSyncChainsAndTimersFromManyThreads) {
   a->sync([&] { EXPECT_EQ(s->aRuns.load(), expectA.load()); });
   b->sync([&] { EXPECT_EQ(s->bRuns.load(), expectB.load()); });
   EXPECT_EQ(s->cRuns.load(), expectC.load());
-  EXPECT_EQ(s->overlaps.load(), 0);
+  EXPECT_EQ(s->faults.load(), 0);
   EXPECT_FALSE(timer->isArmed());
 }
 
