@@ -1,0 +1,11 @@
+#include "model/Endpoint.h"
+
+namespace vorlen {
+
+const RecordBinding<Endpoint>& Endpoint::binding() {
+  using B = RecordBinding<Endpoint>;
+  static const B b(kClassName, {B::field("path", &Endpoint::path, /*required=*/true)});
+  return b;
+}
+
+}  // namespace vorlen

@@ -1,0 +1,11 @@
+#include "model/FileHandle.h"
+
+namespace vorlen {
+
+const RecordBinding<FileHandle>& FileHandle::binding() {
+  using B = RecordBinding<FileHandle>;
+  static const B b(kClassName, {B::field("fd", &FileHandle::fd, /*required=*/true)});
+  return b;
+}
+
+}  // namespace vorlen

@@ -1,0 +1,14 @@
+#include "model/VORQueryItem.h"
+
+namespace vorlen {
+
+const RecordBinding<VORQueryItem>& VORQueryItem::binding() {
+  using B = RecordBinding<VORQueryItem>;
+  static const B b(kClassName, {
+                                   B::field("name", &VORQueryItem::name, /*required=*/true),
+                                   B::field("value", &VORQueryItem::value),
+                               });
+  return b;
+}
+
+}  // namespace vorlen

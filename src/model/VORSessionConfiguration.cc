@@ -1,0 +1,15 @@
+#include "model/VORSessionConfiguration.h"
+
+namespace vorlen {
+
+const RecordBinding<VORSessionConfiguration>& VORSessionConfiguration::binding() {
+  using B = RecordBinding<VORSessionConfiguration>;
+  static const B b(kClassName, {
+                                   B::field("identifier", &VORSessionConfiguration::identifier),
+                                   B::field("userAgent", &VORSessionConfiguration::userAgent),
+                                   B::field("requestTimeout", &VORSessionConfiguration::requestTimeout),
+                               });
+  return b;
+}
+
+}  // namespace vorlen
