@@ -1,0 +1,160 @@
+// Peers that break the protocol lose their own connection, with one error line, and nobody else notices.
+#include <gtest/gtest.h>
+
+#include "base/Archive.h"
+#include "ipc/IpcTestSupport.h"
+
+namespace vorlen {
+namespace {
+
+using test::RawClient;
+using Reason = IpcConnection::CloseReason;
+
+std::vector<uint8_t> framed(const Value& root) {
+  return IpcFraming::encode(root);
+}
+std::vector<uint8_t> framedCall(const char* op, Value::Array args = {}) {
+  return framed(IpcMessage::call(op, std::move(args)).toValue());
+}
+std::vector<uint8_t> framedBytes(std::vector<uint8_t> payload) {
+  std::vector<uint8_t> out = test::frameHeader(static_cast<uint32_t>(payload.size()));
+  out.insert(out.end(), payload.begin(), payload.end());
+  return out;
+}
+
+class IpcRobustnessTest : public test::IpcFixture {
+ protected:
+  void SetUp() override {
+    IpcListenerOptions options = listenerOptions();
+    options.connection.maxFrameBytes = 64 * 1024;
+    options.connection.maxOutgoingBytes = 1 << 20;
+    server = startServer(options);
+    ASSERT_TRUE(server);
+    good = connectClient(server);
+    ASSERT_EQ(echo(good, "before"), Value("before"));
+  }
+  void TearDown() override {
+    good.reset();
+    server.reset();
+    IpcFixture::TearDown();
+  }
+
+  // Connects a raw client and returns the server's side of it.
+  std::shared_ptr<IpcConnection> connectRaw() {
+    size_t index = server->acceptedCount();
+    raw = std::make_unique<RawClient>(server->listener->path());
+    EXPECT_TRUE(raw->connected());
+    return server->waitAccepted(index);
+  }
+
+  // The bad peer was cut off alone: the well-behaved client still gets answers.
+  void expectOthersUnaffected() {
+    EXPECT_EQ(echo(good, "after"), Value("after"));
+    EXPECT_EQ(*clientInvalidations[0], 0);
+  }
+
+  std::shared_ptr<test::TestServer> server;
+  std::shared_ptr<IpcConnection> good;
+  std::unique_ptr<RawClient> raw;
+};
+
+TEST_F(IpcRobustnessTest, EachMalformedFrameClosesOnlyItsConnectionAfterOneErrorLine) {
+  std::vector<uint8_t> truncated = Archive::encodeBinary(Value::dict({{"op", "echo:reply:"}}));
+  truncated.resize(truncated.size() - 6);
+  std::pair<std::vector<uint8_t>, const char*> cases[] = {
+      {test::frameHeader(64 * 1024 + 1), "frame length 65537 exceeds the limit of 65536 bytes"},
+      {test::frameHeader(0xffffffffu), "frame length 4294967295 exceeds the limit"},
+      {framedBytes({'g', 'a', 'r', 'b', 'a', 'g', 'e', '!', '!', '!'}),
+       "payload is not a binary property list"},
+      {framedBytes(truncated), "undecodable payload"},
+      {framed(Value::array({"op", "echo:reply:"})), "payload root is not a dictionary"},
+      {test::frameHeader(0), "payload is not a binary property list"},
+      {framed(Value::dict({{"args", Value::array({})}})), "message has neither \"op\" nor \"reply\""},
+      {framed(Value::dict({{"op", "echo:reply:"}, {"serial", "7"}})),
+       "\"serial\" is not an unsigned integer"},
+  };
+  for (const auto& [bytes, logged] : cases) {
+    SCOPED_TRACE(logged);
+    ScopedLogCapture capture;
+    auto serverSide = connectRaw();
+    ASSERT_TRUE(serverSide && raw->write(bytes));
+    EXPECT_TRUE(raw->waitForClose());
+    EXPECT_EQ(server->waitClosed(serverSide), Reason::ProtocolError);
+    EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, logged), 1u);
+    EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "closing connection"), 1u);
+    expectOthersUnaffected();
+  }
+}
+
+TEST_F(IpcRobustnessTest, MessagesBeforeABadFrameAreServedAndNothingAfterIt) {
+  ScopedLogCapture capture;
+  auto serverSide = connectRaw();
+  std::vector<uint8_t> stream = framedCall("record:", {Value(1u)});
+  for (auto part : {framedBytes({'x', 'x', 'x', 'x'}), framedCall("record:", {Value(2u)})}) {
+    stream.insert(stream.end(), part.begin(), part.end());
+  }
+  ASSERT_TRUE(serverSide && raw->write(stream));
+  EXPECT_EQ(server->waitClosed(serverSide), Reason::ProtocolError);
+  serverSide->queue()->sync([] {});
+  ASSERT_EQ(recorded->calls.size(), 1u);
+  EXPECT_EQ(recorded->calls.items()[0].value, 1u);
+  expectOthersUnaffected();
+}
+
+TEST_F(IpcRobustnessTest, HalfAFrameThenSilenceIsClosedAfterTheStallTimeout) {
+  ScopedLogCapture capture;
+  auto serverSide = connectRaw();
+  std::vector<uint8_t> frame = framedCall("record:", {Value(9u)});
+  frame.resize(frame.size() / 2);
+  ASSERT_TRUE(serverSide && raw->write(frame));
+  // The idle good client is not in the middle of a frame, so the same passage of time leaves it alone.
+  EXPECT_EQ(advanceUntilClosed(server, serverSide), Reason::Stalled);
+  EXPECT_TRUE(raw->waitForClose());
+  EXPECT_EQ(
+      test::countLogLines(capture.sink(), LogLevel::Error, "no progress for 5 s while it sends a frame"), 1u);
+  EXPECT_EQ(recorded->calls.size(), 0u);
+  expectOthersUnaffected();
+}
+
+TEST_F(IpcRobustnessTest, APeerThatStopsReadingIsClosedByTheBacklogLimitOrTheStallTimeout) {
+  ScopedLogCapture capture;
+  // 64 blobs of 60 KiB: far more than the socket buffers plus the 1 MiB allowed to wait.
+  auto flooded = connectRaw();
+  ASSERT_TRUE(flooded && raw->write(framedCall("flood:", {Value(64u), Value(60u * 1024)})));
+  EXPECT_EQ(server->waitClosed(flooded), Reason::OutgoingOverflow);
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "does not read (limit 1048576)"), 1u);
+  expectOthersUnaffected();
+
+  // 12 blobs: within the limit, but more than the socket buffers take, so the writer waits for ever.
+  auto stalled = connectRaw();
+  ASSERT_TRUE(stalled && raw->write(framedCall("flood:", {Value(12u), Value(60u * 1024)})));
+  EXPECT_EQ(advanceUntilClosed(server, stalled), Reason::Stalled);
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "while it does not read what we send"), 1u);
+  expectOthersUnaffected();
+}
+
+TEST_F(IpcRobustnessTest, DescriptorsBeyondThePerMessageCapAreClosedAndTheConnectionStays) {
+  ScopedLogCapture capture;
+  auto serverSide = connectRaw();
+  int p[2];
+  ASSERT_EQ(::pipe2(p, O_CLOEXEC), 0);
+  UniqueFd readEnd(p[0]), writeEnd(p[1]);
+  ASSERT_TRUE(serverSide && raw->write(framedCall("count:"), std::vector<int>(20, writeEnd.get())));
+  ASSERT_TRUE(recorded->descriptorCounts.waitFor(1));
+  EXPECT_EQ(recorded->descriptorCounts.items()[0], 16u);
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "4 descriptors from"), 1u);
+
+  // Nobody took the 16 that were kept either: once our own copy goes, the pipe has no writer left.
+  writeEnd.reset();
+  pollfd hangup{readEnd.get(), POLLIN, 0};
+  ASSERT_EQ(::poll(&hangup, 1, 30000), 1);
+  char c;
+  EXPECT_EQ(::read(readEnd.get(), &c, 1), 0);
+  ASSERT_TRUE(raw->write(framedCall("record:", {Value(3u)})));
+  ASSERT_TRUE(recorded->calls.waitFor(1));
+  EXPECT_TRUE(serverSide->isValid());
+  expectOthersUnaffected();
+}
+
+}  // namespace
+}  // namespace vorlen
