@@ -3,10 +3,17 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 
 #include "base/Counters.h"
 #include "base/Log.h"
+#include "base/Transaction.h"
+#include "cache/EngagedCompletionCache.h"
+#include "ipc/IpcListener.h"
+#include "network/HttpSessions.h"
+#include "service/ClientStateManager.h"
+#include "service/VorlenService.h"
 
 namespace vorlen {
 
@@ -38,6 +45,10 @@ std::shared_ptr<Assembly> Daemon::start() {
   auto assembly = std::make_shared<Assembly>(platform_);
   assembly->userDefaults = defaults;
   assembly->notificationCenter = platform_.notificationCenter ? platform_.notificationCenter : NotificationCenter::create();
+  // The HTTP sessions are made on first use; the completion database opens lazily on its own queues.
+  assembly->httpSessions = std::make_shared<HttpSessions>(defaults, platform_.clock, platform_.paths.tempDir);
+  assembly->engagedCompletionCache =
+      EngagedCompletionCache::create(platform_.paths.cachesDir, platform_.clock, defaults);
 
   // 4. Location, requests, subscriptions, downloads, uploads, storage, flushers and background
   //    activities come here, in that order, as their components are built. Their slots stay empty until
@@ -46,8 +57,24 @@ std::shared_ptr<Assembly> Daemon::start() {
   // 5. One launch per process start.
   VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.launch");
 
-  // 6-9. Look-up, bag controller, client state manager, allow-list, silhouette topics, the custom
-  //      flusher and the service itself join here as they are built.
+  // 6. Look-up and the bag controller join here as they are built; then the client states.
+  assembly->clientStateManager = ClientStateManager::create(assembly);
+  // 7-8. The allow-list, silhouette topics and the custom flusher join here as they are built.
+
+  // 9. The service completes the object graph.
+  service_ = VorlenService::create(assembly);
+
+  // 10. The service socket. Under systemd the socket passed in is used instead of binding one.
+  IpcListenerOptions listenerOptions;
+  listenerOptions.socketActivation = true;
+  std::string error;
+  listener_ = IpcListener::named(platform_.paths.serviceSocket, listenerOptions, &error);
+  if (listener_) {
+    listener_->setDelegate(service_);
+    listener_->resume();
+  } else {
+    VorlenDefaultLog().fault("cannot listen on {}: {}", platform_.paths.serviceSocket.string(), error);
+  }
 
   // 11. Launch-event streams: on Linux systemd socket activation is the launch-on-demand path; the
   //     handler only logs which event launched us.
@@ -83,9 +110,28 @@ void Daemon::run() {
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  // Idle exit applies only when the service manager can start us again on the next connection.
+  const bool idleExit = options_.idleExitSeconds && listener_ && listener_->isSocketActivated();
+  auto idleSince = std::chrono::steady_clock::now();
   for (;;) {
     int sig = 0;
-    if (sigwait(&set, &sig) != 0) continue;
+    if (idleExit) {
+      timespec tick{1, 0};
+      sig = sigtimedwait(&set, nullptr, &tick);
+      if (sig < 0) {
+        // Every client connection and every piece of background work holds a transaction.
+        auto now = std::chrono::steady_clock::now();
+        if (Transaction::openCount() > 0) idleSince = now;
+        if (now - idleSince >= std::chrono::duration<double>(*options_.idleExitSeconds)) {
+          VorlenDefaultLog().info("idle for {} s, exiting", *options_.idleExitSeconds);
+          if (platform_.counters) platform_.counters->flush();
+          std::_Exit(0);
+        }
+        continue;
+      }
+    } else if (sigwait(&set, &sig) != 0) {
+      continue;
+    }
     VorlenDefaultLog().debug("{}", sig == SIGINT ? "SIGINT" : "SIGTERM");
     // Counters are this platform's aggregate-counter service: hand them over before leaving.
     if (platform_.counters) platform_.counters->flush();

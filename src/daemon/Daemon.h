@@ -15,6 +15,9 @@
 
 namespace vorlen {
 
+class IpcListener;
+class VorlenService;
+
 struct DaemonOptions {
   // Exit after this many seconds without connections or open transactions (socket activation only).
   std::optional<double> idleExitSeconds;
@@ -37,12 +40,16 @@ class Daemon {
   [[noreturn]] void run();
 
   const std::shared_ptr<Assembly>& assembly() const { return assembly_; }
+  const std::shared_ptr<VorlenService>& service() const { return service_; }
+  const std::shared_ptr<IpcListener>& listener() const { return listener_; }
 
  private:
   Platform platform_;
   DaemonOptions options_;
   std::shared_ptr<Assembly> assembly_;
   std::shared_ptr<Queue> ipcEventQueue_;
+  std::shared_ptr<VorlenService> service_;
+  std::shared_ptr<IpcListener> listener_;
 };
 
 }  // namespace vorlen

@@ -4,6 +4,7 @@
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "platform/DeviceProperties.h"
+#include "platform/InteractionDonor.h"
 
 namespace vorlen {
 
@@ -15,6 +16,7 @@ Platform Platform::forLinux(const Paths& paths) {
       std::make_shared<Preferences>(paths.configDir, kServiceName));
   p.counters = std::make_shared<Counters>(paths.cachesDir / "counters.plist", p.clock);
   p.notificationCenter = NotificationCenter::create();
+  p.interactionDonor = std::make_shared<InteractionDonor>(paths.cachesDir / "interactions.jsonl", p.clock);
   return p;
 }
 
@@ -27,6 +29,7 @@ Platform Platform::forTesting(const std::filesystem::path& root, std::shared_ptr
   p.device = std::make_shared<FakeDeviceProperties>();
   p.counters = std::make_shared<Counters>(std::filesystem::path(), p.clock);
   p.notificationCenter = NotificationCenter::create();
+  p.interactionDonor = std::make_shared<InteractionDonor>(p.paths.cachesDir / "interactions.jsonl", p.clock);
   return p;
 }
 

@@ -15,6 +15,7 @@ namespace vorlen {
 
 class DeviceProperties;
 class Counters;
+class InteractionDonor;
 
 struct Platform {
   Paths paths;
@@ -22,6 +23,8 @@ struct Platform {
   std::shared_ptr<DeviceProperties> device;
   std::shared_ptr<Counters> counters;
   std::shared_ptr<NotificationCenter> notificationCenter;
+  // Interaction donations: <caches>/interactions.jsonl.
+  std::shared_ptr<InteractionDonor> interactionDonor;
 
   // Linux services for the given folders (which must exist). The counters persist to
   // <caches>/counters.plist.

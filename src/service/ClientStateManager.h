@@ -1,0 +1,81 @@
+// ClientStateManager: owns every ClientState, one per client identifier, for the life of the process.
+// States are created on demand and never removed, so a reconnecting client finds its state again. With
+// the preference "VORPersistSessions" (read once, at creation) the known clients and their user agents
+// are kept in the preferences store under "sessions" and their states exist again after a restart.
+//
+// It also runs the anonymous client-state endpoint (VOREndpointIPC): a client may send a more-results or
+// card request together with its configuration there, without a configured connection. At most 10
+// endpoint connections are open at once; the eleventh waits up to 100 ms for a slot and is otherwise
+// refused.
+//
+// Threading: every public method is safe from any thread. The identifier table is only touched on
+// "com.velmo.vorlend.stateCache": look-ups are synchronous, saves asynchronous.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <semaphore>
+#include <string>
+#include <vector>
+
+#include "base/Queue.h"
+#include "ipc/IpcEndpoint.h"
+#include "ipc/IpcListenerDelegate.h"
+#include "model/VORSessionConfiguration.h"
+
+namespace vorlen {
+
+class Assembly;
+class ClientState;
+class IpcListener;
+class IpcMessage;
+class IpcReplier;
+class IpcExportedInterface;
+
+struct ClientStateManagerOptions {
+  // Time an endpoint connection waits for a free slot.
+  Duration endpointSlotWait = std::chrono::milliseconds(100);
+};
+
+class ClientStateManager : public IpcListenerDelegate, public std::enable_shared_from_this<ClientStateManager> {
+ public:
+  static constexpr std::ptrdiff_t kMaxEndpointConnections = 10;
+
+  // Creates the endpoint listener in the runtime folder and loads the persisted states. An endpoint that
+  // cannot be set up is logged; the manager works without it (endpoint() is then empty).
+  static std::shared_ptr<ClientStateManager> create(std::shared_ptr<Assembly> assembly,
+                                                    ClientStateManagerOptions options = {});
+  ~ClientStateManager() override;
+
+  // The state of `identifier`, created when new; null (with a fault line) for an empty identifier.
+  std::shared_ptr<ClientState> stateForClientIdentifier(const std::string& identifier);
+
+  // [{"identifier": ..., "agent": ...}] of every state that has a user agent.
+  Value::Array sessions();
+  // Writes sessions() under "sessions" when persistence is on; asynchronous.
+  void saveState();
+  void loadState();
+
+  std::optional<IpcEndpoint> endpoint() const;
+  const std::shared_ptr<IpcListener>& listener() const { return listener_; }
+  bool persistSessions() const { return persistSessions_; }
+
+  bool shouldAcceptNewConnection(IpcListener& listener, const std::shared_ptr<IpcConnection>& connection) override;
+
+ private:
+  ClientStateManager(std::shared_ptr<Assembly> assembly, ClientStateManagerOptions options);
+  void start();
+  Value::Array sessionsOnQueue() const;
+  void serveEndpointRequest(const IpcMessage& call, IpcReplier reply);
+
+  std::shared_ptr<Assembly> assembly_;
+  ClientStateManagerOptions options_;
+  std::shared_ptr<Queue> stateCacheQueue_;
+  std::map<std::string, std::shared_ptr<ClientState>> stateCache_;  // stateCacheQueue_ only
+  bool persistSessions_ = false;
+  std::counting_semaphore<kMaxEndpointConnections> connectSemaphore_{kMaxEndpointConnections};
+  std::shared_ptr<IpcListener> listener_;
+  std::shared_ptr<const IpcExportedInterface> endpointInterface_;
+};
+
+}  // namespace vorlen

@@ -1,0 +1,97 @@
+#include "service/VorlenService.h"
+
+#include <cstring>
+
+#include "base/Counters.h"
+#include "base/Log.h"
+#include "ipc/IpcConnection.h"
+#include "network/HttpSessions.h"
+#include "network/VorlenUserGUIDController.h"
+#include "platform/Assembly.h"
+#include "service/ClientState.h"
+
+namespace vorlen {
+
+namespace {
+
+const Logger& connectionLog() { return VorlenLogForCategory(VorlenLogCategoryConnection); }
+const Logger& sessionLog() { return VorlenLogForCategory(VorlenLogCategorySession); }
+
+std::string clientIdForPeer(const IpcPeer& peer) {
+  if (peer.executableName) return *peer.executableName;
+  connectionLog().error("error getting path for pid [{}] {}", peer.pid, std::strerror(peer.executableErrno));
+  return "(null)";
+}
+
+}  // namespace
+
+std::shared_ptr<VorlenService> VorlenService::create(std::shared_ptr<Assembly> assembly,
+                                                     ClientConnectionOptions connectionOptions) {
+  return std::shared_ptr<VorlenService>(new VorlenService(std::move(assembly), std::move(connectionOptions)));
+}
+
+VorlenService::VorlenService(std::shared_ptr<Assembly> assembly, ClientConnectionOptions connectionOptions)
+    : assembly_(std::move(assembly)), connectionOptions_(std::move(connectionOptions)) {
+  queue_ = Queue::serial("com.velmo.vorlen.serviceQueue", QueuePriority::Default, assembly_->clock());
+  assembly_->sharedSession = assembly_->userDefaults ? assembly_->userDefaults->boolForKey("VORSharedSession") : true;
+  if (!assembly_->guidController) assembly_->guidController = VorlenUserGUIDController::create(*assembly_);
+}
+
+bool VorlenService::shouldAcceptNewConnection(IpcListener&, const std::shared_ptr<IpcConnection>& connection) {
+  const IpcPeer& peer = connection->peer();
+  const std::string clientId = clientIdForPeer(peer);
+  connectionLog().notice("new connection from {} ({})", clientId, peer.pid);
+  connection->setProxyErrorHandler([pid = peer.pid](const std::string& reason) {
+    connectionLog().error("(pid:{}) remote proxy error: {}", pid, reason);
+  });
+
+  auto client = ClientConnection::create(assembly_, connection, connectionOptions_);
+
+  const pid_t pid = peer.pid;
+  queue_->async([this, self = shared_from_this(), client, pid] {
+    connections_.push_back(client);
+    size_t fromPid = 0;
+    for (const auto& c : connections_) {
+      if (c->connection()->peer().pid == pid) ++fromPid;
+    }
+    // Advisory only: the connection is kept all the same.
+    if (fromPid >= 2) connectionLog().error("too many connections {} from pid {}", fromPid, pid);
+  });
+
+  std::weak_ptr<VorlenService> weak = weak_from_this();
+  connection->setInvalidationHandler([weak, client, clientId, pid] {
+    connectionLog().notice("connection from {} ({}) invalidated", clientId, pid);
+    if (auto state = client->state()) {
+      std::string shortName = state->clientShortName();
+      if (!shortName.empty()) VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "icpinvalidation"));
+    }
+    if (auto self = weak.lock()) self->connectionInvalidated(client);
+  });
+  VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.clientconnection");
+  return true;
+}
+
+void VorlenService::connectionInvalidated(const std::shared_ptr<ClientConnection>& client) {
+  std::weak_ptr<VorlenService> weak = weak_from_this();
+  queue_->async([weak, client] {
+    client->flushSessionInvalidation([weak, client](bool flushed) {
+      sessionLog().debug("session {} on invalidation", flushed ? "flushed" : "not flushed");
+      auto self = weak.lock();
+      if (!self) return;
+      self->queue_->async([self, client] {
+        std::erase(self->connections_, client);
+        if (!self->connections_.empty()) return;
+        sessionLog().debug("purging url cache");
+        if (self->assembly_->httpSessions) self->assembly_->httpSessions->urlSession()->purgeInMemoryCache();
+      });
+    });
+  });
+}
+
+std::vector<std::shared_ptr<ClientConnection>> VorlenService::getClientConnections() const {
+  std::vector<std::shared_ptr<ClientConnection>> copy;
+  queue_->sync([&] { copy = connections_; });
+  return copy;
+}
+
+}  // namespace vorlen
