@@ -1,0 +1,248 @@
+#include "service/ClientConnection.h"
+
+#include <fstream>
+
+#include "base/Counters.h"
+#include "model/QXResultSection.h"
+#include "model/QXSearchResult.h"
+#include "model/VORRequest.h"
+#include "service/ClientState.h"
+#include "service/ServiceTestSupport.h"
+
+namespace vorlen {
+namespace {
+
+using test::ServiceFixture;
+
+class ClientConnectionTest : public ServiceFixture {};
+
+Value searchRequest(uint64_t queryId, std::string text) {
+  VORSearchRequest r;
+  r.queryId = queryId;
+  r.queryString = std::move(text);
+  return r.toRecord();
+}
+
+TEST_F(ClientConnectionTest, ConfigureRepliesWithEndpointThenSendsTheBagOutcome) {
+  auto calls = std::make_shared<test::Inbox<IpcMessage>>();
+  auto c = connect(calls);
+  auto reply = call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")});
+  ASSERT_TRUE(reply);
+  auto endpoint = IpcEndpoint::fromValue(reply->at(0));
+  ASSERT_TRUE(endpoint);
+  EXPECT_EQ(endpoint, assembly->clientStateManager->endpoint());
+
+  // No bag can be had in this object graph: the client hears the time-out error.
+  ASSERT_TRUE(calls->waitFor(1));
+  IpcMessage bagCall = calls->items()[0];
+  EXPECT_EQ(bagCall.op(), "bagDidLoad:error:");
+  EXPECT_TRUE(bagCall.arg(0).isNull());
+  EXPECT_EQ(errorOf(bagCall.arg(1))->code, 1);
+
+  // The client's agent gains the daemon's name and the device; an agent that has them stays as it is.
+  auto sessions = call(c, "listSessions:", {});
+  ASSERT_TRUE(sessions);
+  const auto& list = *sessions->at(0).getArray();
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(*list[0].find("identifier")->getString(), "com.example.browser");
+  std::string agent = *list[0].find("agent")->getString();
+  EXPECT_TRUE(agent.starts_with("Vorlend/1.0 (")) << agent;
+  EXPECT_TRUE(agent.ends_with(") Browser/3.1")) << agent;
+
+  auto again = connect();
+  ASSERT_TRUE(call(again, "configure:reply:", {configuration("com.example.other", agent)}));
+  auto both = call(again, "listSessions:", {});
+  ASSERT_TRUE(both);
+  EXPECT_EQ(*both->at(0).getArray()->at(1).find("agent")->getString(), agent);
+}
+
+TEST_F(ClientConnectionTest, AConfigurationThatLeavesNoStateClosesTheConnection) {
+  for (auto [identifier, agent] : {std::pair{"com.example.app", ""}, std::pair{"", "App/1.0"}}) {
+    ScopedLogCapture capture;
+    auto c = connect();
+    auto closed = std::make_shared<std::atomic<bool>>(false);
+    c->setInvalidationHandler([closed] { *closed = true; });
+    EXPECT_FALSE(call(c, "configure:reply:", {configuration(identifier, agent)}, std::chrono::milliseconds(500)));
+    EXPECT_TRUE(test::waitUntil([&] { return closed->load(); }));
+    EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Fault, "invalid configuration, closing connection"), 1u);
+  }
+  // Each refusal left an error event with code 500 and its reason in the daemon's own name.
+  auto events = sessions->feedbacks();
+  ASSERT_EQ(events.size(), 2u);
+  for (const auto& e : events) {
+    EXPECT_EQ(e.feedback.className(), "QXErrorFeedback");
+    auto error = e.feedback.record<VORError>("error");
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, 500);
+    EXPECT_EQ(error->reason(), "invalid configuration");
+    EXPECT_TRUE(e.userAgent.starts_with("Vorlend/1.0 (")) << e.userAgent;
+  }
+}
+
+TEST_F(ClientConnectionTest, OnlyTheNewestSearchIsAnswered) {
+  auto c = connect();
+  ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")}));
+
+  auto five = call(c, "request:reply:", {searchRequest(5, "hel")});
+  ASSERT_TRUE(five);
+  EXPECT_EQ(five->at(0).getUInt(), 5u);
+  EXPECT_EQ(errorOf(five->at(2))->reason(), "timeout");  // accepted, and answered by the state
+
+  // Not newer than 5: answered at once, with neither reply nor error.
+  for (uint64_t id : {4u, 5u}) {
+    auto stale = call(c, "request:reply:", {searchRequest(id, "he")});
+    ASSERT_TRUE(stale);
+    EXPECT_EQ(stale->at(0).getUInt(), id);
+    EXPECT_TRUE(stale->at(1).isNull());
+    EXPECT_TRUE(stale->at(2).isNull());
+  }
+  // Other kinds have no ordering: an old query id still reaches the state.
+  VORCardRequest card;
+  card.queryId = 1;
+  auto answered = call(c, "request:reply:", {card.toRecord()});
+  ASSERT_TRUE(answered);
+  EXPECT_TRUE(errorOf(answered->at(2)));
+
+  // Every accepted search left its skip event, with the query ids the connection was given.
+  auto events = sessions->feedbacks();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].feedback.className(), "VORSkipSearchFeedback");
+  EXPECT_EQ(events[0].queryId, 5);
+}
+
+TEST_F(ClientConnectionTest, RequestsTheDaemonDoesNotServeAreNeverAnswered) {
+  ScopedLogCapture capture;
+  auto c = connect();
+  // Before configuration nothing that needs a state is answered.
+  EXPECT_FALSE(call(c, "request:reply:", {searchRequest(1, "a")}, std::chrono::milliseconds(200)));
+  ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")}));
+
+  Value bogus = Value::record("VORTeleportRequest");
+  bogus.set("queryId", Value(uint64_t{2}));
+  EXPECT_FALSE(call(c, "request:reply:", {bogus}, std::chrono::milliseconds(200)));
+  Value badField = searchRequest(3, "abc");
+  badField.set("scale", Value("big"));
+  EXPECT_FALSE(call(c, "request:reply:", {badField}, std::chrono::milliseconds(200)));
+  EXPECT_FALSE(call(c, "request:reply:", {Value("not a record")}, std::chrono::milliseconds(200)));
+  EXPECT_GE(test::countLogLines(capture.sink(), LogLevel::Error, "VORTeleportRequest"), 1u);
+
+  // The connection keeps serving.
+  EXPECT_TRUE(c->isValid());
+  EXPECT_TRUE(call(c, "listSessions:", {}));
+}
+
+TEST_F(ClientConnectionTest, SecondAndLaterConnectionsOfAProcessAreLoggedAndKept) {
+  ScopedLogCapture capture;
+  std::vector<std::shared_ptr<IpcConnection>> three = {connect(), connect(), connect()};
+  for (auto& c : three) ASSERT_TRUE(call(c, "listSessions:", {}));
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "too many connections 2 from pid"), 1u);
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "too many connections 3 from pid"), 1u);
+  EXPECT_EQ(service->getClientConnections().size(), 3u);
+}
+
+TEST_F(ClientConnectionTest, IdleConnectionsAreClosedAndEveryMessageRestartsTheTimeout) {
+  auto c = connect();
+  auto closed = std::make_shared<std::atomic<bool>>(false);
+  c->setInvalidationHandler([closed] { *closed = true; });
+  ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")}));
+
+  clock->advance(seconds(59));
+  ASSERT_TRUE(call(c, "listSessions:", {}));  // restarts the 60 s
+  clock->advance(seconds(59));
+  EXPECT_FALSE(closed->load());
+  ASSERT_TRUE(c->isValid());
+  clock->advance(seconds(2));
+  EXPECT_TRUE(test::waitUntil([&] { return closed->load(); }));
+
+  // The client's session heard of it with the client's agent, and the connection left the list.
+  ASSERT_TRUE(sessions->invalidatedAgents.waitFor(1));
+  EXPECT_TRUE(sessions->invalidatedAgents.items()[0].ends_with("Browser/3.1"));
+  EXPECT_TRUE(test::waitUntil([&] { return service->getClientConnections().empty(); }));
+}
+
+TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCounted) {
+  auto c = connect();
+  auto send = [&](const QXFeedback& f, uint64_t queryId) {
+    c->send("reportEvent:queryId:feedback:", {Value("ignored name"), Value(queryId), f.toRecord()});
+  };
+  // Without a state the event goes nowhere.
+  send(QXFeedback("QXClearInputFeedback"), 1);
+  ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.voyant", "voyant/10")}));
+
+  QXSearchResult result;
+  result.queryId = 42;
+  result.type = 1;
+  result.topHit = 1;
+  result.title = "weather";
+  result.userInput = "wea";
+  result.completedQuery = "weather";
+  result.sectionBundleIdentifier = "com.velmo.vorlen.web";
+  QXFeedback engagement("QXResultEngagementFeedback");
+  ASSERT_TRUE(engagement.set("result", result.toRecord()));
+  send(engagement, 7);
+  ASSERT_TRUE(call(c, "listSessions:", {}));  // everything before it has been served
+
+  auto events = sessions->feedbacks();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].feedback.className(), "QXResultEngagementFeedback");
+  EXPECT_EQ(events[0].queryId, 7);
+  EXPECT_EQ(events[0].clientQueryId, 42u);
+  EXPECT_FALSE(events[0].userGuid);  // stamped by the session manager, not here
+  EXPECT_TRUE(events[0].userAgent.ends_with("voyant/10"));
+
+  EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.tophit.engagements"), 1);
+  EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.vorlen.engagements"), 1);
+
+  // The engagement was donated as an interaction, in a private file.
+  auto file = platform.paths.cachesDir / "interactions.jsonl";
+  EXPECT_EQ(test::fileMode(file), 0600u);
+  std::ifstream in(file);
+  std::string line;
+  ASSERT_TRUE(std::getline(in, line));
+  EXPECT_NE(line.find(R"("domain":"Voyant","verb":"Engagement","parameters":{"input":"wea","query":"weather"})"),
+            std::string::npos)
+      << line;
+
+  // The events of the open session come back through feedback:reply:.
+  auto current = call(c, "feedback:reply:", {Value("")});
+  ASSERT_TRUE(current);
+  EXPECT_EQ(current->at(0).getArray()->size(), 1u);
+}
+
+TEST(ClientQueryIdForFeedbackTest, ComesFromTheFieldEachClassCarries) {
+  auto resultWith = [](uint64_t id) {
+    QXSearchResult r;
+    r.queryId = id;
+    return r.toRecord();
+  };
+  auto sectionWith = [&](std::vector<uint64_t> ids) {
+    QXResultSection s;
+    for (auto id : ids) s.results.push_back(QXSearchResult::fromValidatedRecord(resultWith(id)));
+    return s.toRecord();
+  };
+
+  QXFeedback start("QXStartSearchFeedback");
+  start.set("queryId", Value(uint64_t{3}));
+  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(start), 3u);
+
+  QXFeedback visible("QXVisibleResultsFeedback");
+  visible.set("results", Value(Value::Array{resultWith(7), resultWith(8)}));
+  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(visible), 7u);
+
+  QXFeedback ranking("QXRankingFeedback");
+  ranking.set("sections", Value(Value::Array{sectionWith({11, 12}), sectionWith({13})}));
+  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(ranking), 11u);
+
+  QXFeedback header("QXVisibleSectionHeaderFeedback");
+  header.set("section", sectionWith({9}));
+  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(header), 9u);
+
+  // An empty section or a class without a query field gives 0.
+  QXFeedback emptySection("QXSectionEngagementFeedback");
+  emptySection.set("section", sectionWith({}));
+  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(emptySection), 0u);
+  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(QXFeedback("QXClearInputFeedback")), 0u);
+}
+
+}  // namespace
+}  // namespace vorlen

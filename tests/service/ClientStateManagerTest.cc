@@ -1,0 +1,112 @@
+#include "service/ClientStateManager.h"
+
+#include "model/VORRequest.h"
+#include "service/ClientState.h"
+#include "service/ServiceTestSupport.h"
+
+namespace vorlen {
+namespace {
+
+class ClientStateManagerTest : public test::ServiceFixture {
+ protected:
+  ClientStateManager& manager() { return *assembly->clientStateManager; }
+};
+
+TEST_F(ClientStateManagerTest, OneStatePerIdentifierAndNoneForAnEmptyOne) {
+  auto a = manager().stateForClientIdentifier("com.example.a");
+  EXPECT_EQ(a, manager().stateForClientIdentifier("com.example.a"));
+  EXPECT_NE(a, manager().stateForClientIdentifier("com.example.b"));
+  EXPECT_EQ(manager().stateForClientIdentifier(""), nullptr);
+
+  // Only states with a user agent are listed.
+  a->setUserAgent("A/1");
+  auto sessions = manager().sessions();
+  ASSERT_EQ(sessions.size(), 1u);
+  EXPECT_EQ(*sessions[0].find("agent")->getString(), "A/1");
+}
+
+TEST_F(ClientStateManagerTest, KnownClientsSurviveARestartOnlyWhenPersistenceIsOn) {
+  // Off (the default): configuring a client writes nothing.
+  auto c = connect();
+  ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/1")}));
+  ASSERT_TRUE(call(c, "listSessions:", {}));
+  EXPECT_FALSE(assembly->userDefaults->contains("sessions"));
+
+  TearDown();
+  start(/*persist=*/true);
+  c = connect();
+  ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/1")}));
+  // Saving is asynchronous on the state queue; a state-queue read comes after it.
+  ASSERT_TRUE(test::waitUntil([&] { return assembly->userDefaults->contains("sessions"); }));
+  manager().sessions();
+
+  // A fresh manager on the same preferences finds the state again, with its agent, before any client
+  // connects; entries that are not usable are skipped and later duplicates win.
+  auto stored = *assembly->userDefaults->arrayForKey("sessions");
+  stored.push_back(Value::dict({{"identifier", Value(int64_t{5})}, {"agent", Value("X/1")}}));
+  stored.push_back(Value::dict({{"identifier", Value("com.example.news")}, {"agent", Value(int64_t{1})}}));
+  stored.push_back(Value::dict({{"identifier", Value("com.example.mail")}, {"agent", Value("Mail/1")}}));
+  stored.push_back(Value::dict({{"identifier", Value("com.example.mail")}, {"agent", Value("Mail/2")}}));
+  assembly->userDefaults->set("sessions", Value(stored));
+
+  auto fresh = ClientStateManager::create(assembly);
+  auto sessions = fresh->sessions();
+  ASSERT_EQ(sessions.size(), 2u);
+  EXPECT_EQ(*sessions[0].find("identifier")->getString(), "com.example.browser");
+  EXPECT_TRUE(sessions[0].find("agent")->getString()->ends_with("Browser/1"));
+  EXPECT_EQ(*sessions[1].find("agent")->getString(), "Mail/2");
+  // The entry with a non-string agent made a state without agent.
+  EXPECT_FALSE(fresh->stateForClientIdentifier("com.example.news")->userAgent());
+}
+
+TEST_F(ClientStateManagerTest, EndpointServesMoreResultsAndCardsOnly) {
+  auto endpoint = manager().endpoint();
+  ASSERT_TRUE(endpoint);
+  auto c = connect(nullptr, endpoint->path);
+  Value config = configuration("com.example.browser", "Browser/1");
+
+  VORCardRequest card;
+  card.queryId = 8;
+  auto answered = call(c, "request:configuration:reply:", {card.toRecord(), config});
+  ASSERT_TRUE(answered);
+  EXPECT_EQ(answered->at(0).getUInt(), 8u);
+  EXPECT_TRUE(errorOf(answered->at(2)));
+
+  VORSearchRequest search;
+  search.queryId = 9;
+  EXPECT_FALSE(call(c, "request:configuration:reply:", {search.toRecord(), config}, std::chrono::milliseconds(200)));
+
+  auto refused = call(c, "request:configuration:reply:", {card.toRecord(), configuration("", "Browser/1")});
+  ASSERT_TRUE(refused);
+  auto error = errorOf(refused->at(2));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, 500);
+  EXPECT_TRUE(error->reason()->starts_with("invalid configuration ")) << *error->reason();
+}
+
+TEST_F(ClientStateManagerTest, EndpointHoldsAtMostTenConnections) {
+  ScopedLogCapture capture;
+  auto path = manager().endpoint()->path;
+  std::vector<std::shared_ptr<IpcConnection>> held;
+  for (int i = 0; i < 10; ++i) {
+    held.push_back(connect(nullptr, path));
+    ASSERT_TRUE(held.back());
+  }
+  // The eleventh waits for a slot, finds none and is closed.
+  test::RawClient eleventh(path);
+  ASSERT_TRUE(eleventh.connected());
+  EXPECT_TRUE(eleventh.waitForClose());
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "endpoint semaphore timeout"), 1u);
+
+  // A slot freed is a slot taken.
+  held.front()->invalidate();
+  ASSERT_TRUE(test::waitUntil(
+      [&] { return test::countLogLines(capture.sink(), LogLevel::Debug, "endpoint connection invalidated") == 1; }));
+  auto twelfth = connect(nullptr, path);
+  VORMoreResultsRequest more;
+  more.queryId = 1;
+  EXPECT_TRUE(call(twelfth, "request:configuration:reply:", {more.toRecord(), configuration("a.b", "B/1")}));
+}
+
+}  // namespace
+}  // namespace vorlen
