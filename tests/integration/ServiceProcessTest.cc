@@ -1,0 +1,142 @@
+// The real vorlend, driven over its socket: bad input hurts only the connection that sent it, and known
+// clients survive a restart when persistence is on.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "base/Archive.h"
+#include "base/Preferences.h"
+#include "ipc/IpcTestSupport.h"
+#include "model/VORRequest.h"
+#include "model/VORSessionConfiguration.h"
+#include "support/DaemonProcess.h"
+
+namespace vorlen {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ServiceProcessTest : public ::testing::Test {
+ protected:
+  std::map<std::string, std::string> environment() const {
+    return {{"XDG_RUNTIME_DIR", (dir / "run").string()}, {"XDG_CONFIG_HOME", (dir / "config").string()},
+            {"XDG_CACHE_HOME", (dir / "cache").string()}, {"TMPDIR", dir.path().string()},
+            {"VORLEND_LOG_LEVEL", "debug"},                {"HOME", dir.path().string()},
+            {"VORLEND_SOCKET", socket().string()}};
+  }
+  std::filesystem::path socket() const { return dir / "vorlend.sock"; }
+
+  std::unique_ptr<test::ChildProcess> startDaemon() {
+    std::filesystem::create_directories(dir / "run");
+    auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"), std::vector<std::string>{},
+                                                       environment(), dir.path());
+    EXPECT_TRUE(daemon->waitForOutput("vorlend started", 20s)) << daemon->stderrText();
+    return daemon;
+  }
+
+  std::shared_ptr<IpcConnection> connect() {
+    std::string error;
+    auto c = IpcConnection::connect(socket(), {}, &error);
+    EXPECT_TRUE(c) << error;
+    if (c) c->resume();
+    return c;
+  }
+
+  static std::optional<Value::Array> call(const std::shared_ptr<IpcConnection>& c, std::string op,
+                                          Value::Array args, std::chrono::milliseconds wait = 20s) {
+    auto inbox = std::make_shared<test::Inbox<Value::Array>>();
+    if (!c->call(std::move(op), std::move(args), [inbox](const IpcMessage& m) { inbox->put(m.args()); })) {
+      return std::nullopt;
+    }
+    for (auto end = std::chrono::steady_clock::now() + wait; inbox->size() == 0;) {
+      if (std::chrono::steady_clock::now() > end) return std::nullopt;
+      std::this_thread::sleep_for(1ms);
+    }
+    return inbox->items()[0];
+  }
+
+  static Value configuration(std::string identifier, std::string agent) {
+    VORSessionConfiguration c;
+    c.identifier = std::move(identifier);
+    c.userAgent = std::move(agent);
+    return c.toRecord();
+  }
+
+  static std::vector<uint8_t> frame(const std::vector<uint8_t>& payload) {
+    auto bytes = test::frameHeader(static_cast<uint32_t>(payload.size()));
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+  }
+
+  test::TempDir dir;
+};
+
+TEST_F(ServiceProcessTest, BadInputClosesOnlyItsOwnConnection) {
+  auto daemon = startDaemon();
+  auto good = connect();
+  ASSERT_TRUE(call(good, "configure:reply:", {configuration("com.example.browser", "Browser/1")}));
+
+  const std::vector<std::pair<const char*, std::vector<uint8_t>>> closers = {
+      {"over-long frame", test::frameHeader(0xFFFFFFF0u)},
+      {"not a property list", frame({'h', 'e', 'l', 'l', 'o'})},
+      {"root is not a dictionary", frame(Archive::encodeBinary(Value::array({Value(1)})))},
+      {"neither call nor reply", frame(Archive::encodeBinary(Value::dict({{"hello", Value("there")}})))},
+  };
+  for (const auto& [what, bytes] : closers) {
+    test::RawClient bad(socket());
+    ASSERT_TRUE(bad.connected());
+    ASSERT_TRUE(bad.write(bytes)) << what;
+    EXPECT_TRUE(bad.waitForClose()) << what;
+    // The well-behaved client is still served.
+    EXPECT_TRUE(call(good, "listSessions:", {})) << what;
+  }
+
+  // Ill-typed calls are ignored and leave the connection open.
+  auto sloppy = connect();
+  ASSERT_TRUE(call(sloppy, "configure:reply:", {configuration("com.example.sloppy", "Sloppy/1")}));
+  EXPECT_FALSE(call(sloppy, "listSessions:", {Value("extra")}, 300ms));
+  EXPECT_FALSE(call(sloppy, "addCompletion:forInput:", {Value(1), Value(2)}, 300ms));
+  Value unknown = Value::record("VORTeleportRequest");
+  EXPECT_FALSE(call(sloppy, "request:reply:", {unknown}, 300ms));
+  EXPECT_FALSE(call(sloppy, "noSuchOperation:", {}, 300ms));
+  EXPECT_TRUE(call(sloppy, "listSessions:", {}));
+  EXPECT_TRUE(call(good, "listSessions:", {}));
+
+  ASSERT_TRUE(daemon->signal(SIGTERM));
+  EXPECT_EQ(daemon->wait(20s), 0);
+  std::string log = daemon->stderrText();
+  for (const char* text : {"frame length 4294967280 exceeds", "VORTeleportRequest", "noSuchOperation:"}) {
+    EXPECT_NE(log.find(text), std::string::npos) << text << "\n" << log;
+  }
+}
+
+TEST_F(ServiceProcessTest, KnownClientsSurviveARestartWithPersistence) {
+  std::filesystem::create_directories(dir / "config" / "vorlend");
+  Preferences(dir / "config" / "vorlend", "com.velmo.vorlend").set("VORPersistSessions", Value(true));
+
+  auto daemon = startDaemon();
+  {
+    auto c = connect();
+    ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/1")}));
+    // The state list is written once the bag outcome reached the client.
+    ASSERT_TRUE(test::waitUntil([&] {
+      return Preferences(dir / "config" / "vorlend", "com.velmo.vorlend").contains("sessions");
+    }));
+    c->invalidate();
+  }
+  ASSERT_TRUE(daemon->signal(SIGTERM));
+  ASSERT_EQ(daemon->wait(20s), 0);
+
+  daemon = startDaemon();
+  auto c = connect();
+  // No configuration on this connection: the states listed were loaded at start-up.
+  auto sessions = call(c, "listSessions:", {});
+  ASSERT_TRUE(sessions);
+  ASSERT_EQ(sessions->at(0).getArray()->size(), 1u);
+  const Value& entry = sessions->at(0).getArray()->at(0);
+  EXPECT_EQ(*entry.find("identifier")->getString(), "com.example.browser");
+  EXPECT_TRUE(entry.find("agent")->getString()->ends_with(") Browser/1"));
+  EXPECT_EQ(test::fileMode(dir / "config" / "vorlend" / "com.velmo.vorlend.plist"), 0600u);
+}
+
+}  // namespace
+}  // namespace vorlen
