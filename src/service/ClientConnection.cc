@@ -4,6 +4,7 @@
 #include "base/Log.h"
 #include "base/Queue.h"
 #include "base/Timer.h"
+#include "base/Trace.h"
 #include "base/Transaction.h"
 #include "cache/EngagedCompletionCache.h"
 #include "feedback/ClientSessionManagerProtocol.h"
@@ -249,8 +250,8 @@ void ClientConnection::configure(VORSessionConfiguration configuration, IpcRepli
                   bag ? bag->version().value_or("(null)") : "(null)", self->state()->identifier(),
                   error ? error->describe() : "(null)");
     self->_sendBag(bag, error);
-    if (!bag) return;
-    self->_setEngagedCompletionCacheValues(*bag);
+    // A failed bag still subscribes the client to the next one and records it as a known client.
+    if (bag) self->_setEngagedCompletionCacheValues(*bag);
     {
       std::lock_guard lock(self->mu_);
       if (!self->bagObserver_ && self->assembly_->notificationCenter) {
@@ -324,6 +325,14 @@ void ClientConnection::request(std::shared_ptr<VORRequest> request, IpcReplier r
   auto answer = [reply](uint64_t queryId, std::optional<VORReply> r, std::optional<VORError> e) {
     if (reply) reply(Value::Array{Value(queryId), optionalRecord(r), optionalRecord(e)});
   };
+  // The traced kinds emit their start event now and their end event with the answer.
+  auto traced = [&answer](uint32_t start, uint32_t end) {
+    VorlenTraceEvent(start);
+    return [answer, end](uint64_t queryId, std::optional<VORReply> r, std::optional<VORError> e) {
+      VorlenTraceEvent(end);
+      answer(queryId, std::move(r), std::move(e));
+    };
+  };
   // In this order; the first match wins.
   switch (request->kind()) {
     case VORRequestKind::Search:
@@ -333,13 +342,14 @@ void ClientConnection::request(std::shared_ptr<VORRequest> request, IpcReplier r
       bound->moreResults(std::static_pointer_cast<const VORMoreResultsRequest>(request), answer);
       break;
     case VORRequestKind::Card:
-      bound->card(std::static_pointer_cast<const VORCardRequest>(request), answer);
+      bound->card(std::static_pointer_cast<const VORCardRequest>(request), traced(kTraceCardStart, kTraceCardEnd));
       break;
     case VORRequestKind::ZeroKeyword:
-      bound->zeroKeyword(std::static_pointer_cast<const VORZeroKeywordRequest>(request), answer);
+      bound->zeroKeyword(std::static_pointer_cast<const VORZeroKeywordRequest>(request),
+                         traced(kTraceZeroKeywordStart, kTraceZeroKeywordEnd));
       break;
     case VORRequestKind::Lookup:
-      bound->lookup(std::static_pointer_cast<const VORLookupRequest>(request), answer);
+      bound->lookup(std::static_pointer_cast<const VORLookupRequest>(request), traced(kTraceLookupStart, kTraceLookupEnd));
       break;
     case VORRequestKind::FlightLookup:
       bound->flightLookup(std::static_pointer_cast<const VORFlightLookupRequest>(request), answer);
@@ -362,9 +372,11 @@ void ClientConnection::search(std::shared_ptr<const VORSearchRequest> request, I
     empty();
     return;
   }
+  VorlenTraceEvent(kTraceSearchStart);
   std::weak_ptr<ClientConnection> weak = weak_from_this();
   state()->search(request, [weak, reply, empty, queryId](uint64_t id, std::optional<VORReply> r,
                                                          std::optional<VORError> e) {
+    VorlenTraceEvent(kTraceSearchEnd);
     auto self = weak.lock();
     if (self && self->currentQueryId_.load() > queryId) {
       empty();  // overtaken while in flight
@@ -400,6 +412,12 @@ uint64_t ClientConnection::clientQueryIdForFeedback(const QXFeedback& feedback) 
 }
 
 void ClientConnection::reportEvent(const QXFeedback& feedback, uint64_t queryId) {
+  VorlenTraceEvent(kTraceFeedbackStart);
+  _reportEvent(feedback, queryId);
+  VorlenTraceEvent(kTraceFeedbackEnd);
+}
+
+void ClientConnection::_reportEvent(const QXFeedback& feedback, uint64_t queryId) {
   auto bound = state();
   if (!bound) {
     // The error becomes a one-off feedback session of its own once sessions are stored; until then the

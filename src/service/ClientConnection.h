@@ -18,6 +18,9 @@
 // notifications ("identifier" in the user information) are forwarded with didDownloadResource: and
 // didDeleteResource:.
 //
+// Trace events (when tracing is on): start and end of searches, cards, zero-keyword and look-up queries,
+// and of each reported feedback event.
+//
 // Threading: calls from the client run on the IPC connection's serial queue. currentQueryId is atomic
 // because state replies arrive on other queues. Notification forwarding runs on a background queue.
 #pragma once
@@ -90,6 +93,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void request(std::shared_ptr<VORRequest> request, IpcReplier reply);
   void search(std::shared_ptr<const VORSearchRequest> request, IpcReplier reply);
   void reportEvent(const QXFeedback& feedback, uint64_t queryId);
+  void _reportEvent(const QXFeedback& feedback, uint64_t queryId);
   void feedback(IpcReplier reply);
   void listenToFlusher(IpcReplier reply);
   void listSessions(IpcReplier reply);
