@@ -23,6 +23,9 @@ namespace vorlen {
 
 class Counters {
  public:
+  // The file name of the persisted counters in the caches folder.
+  static constexpr const char* kFileName = "counters.plist";
+
   // `file` empty keeps counters in memory only. Existing values are loaded from `file`.
   Counters(std::filesystem::path file, std::shared_ptr<Clock> clock);
   ~Counters();  // writes pending changes

@@ -14,7 +14,7 @@ Platform Platform::forLinux(const Paths& paths) {
   p.clock = Clock::system();
   p.device = std::make_shared<LinuxDeviceProperties>(
       std::make_shared<Preferences>(paths.configDir, kServiceName));
-  p.counters = std::make_shared<Counters>(paths.cachesDir / "counters.plist", p.clock);
+  p.counters = std::make_shared<Counters>(paths.cachesDir / Counters::kFileName, p.clock);
   p.notificationCenter = NotificationCenter::create();
   p.interactionDonor = std::make_shared<InteractionDonor>(paths.cachesDir / "interactions.jsonl", p.clock);
   return p;

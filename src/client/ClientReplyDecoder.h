@@ -1,0 +1,79 @@
+// ClientReplyDecoder: the strict reading of the daemon's replies, and the values they carry.
+//
+// Each decoder takes the reply message of one operation and checks it completely before anything is
+// handed out: the exact number of arguments, the type of each, every record through its class's
+// fromRecord (which checks it against the record schema). An absent argument is the Null marker, which
+// arrives as a null Value. Any deviation makes the whole reply a ClientError of kind MalformedReply,
+// after one error line in the Connection category naming the operation and the fault; nothing half-read
+// is returned.
+//
+// Threading: stateless; safe from any thread. Decoding a file handle takes its descriptor out of the
+// message (once).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Value.h"
+#include "client/ClientResult.h"
+#include "ipc/IpcEndpoint.h"
+#include "ipc/IpcMessage.h"
+#include "ipc/UniqueFd.h"
+#include "model/VORBag.h"
+#include "model/VORError.h"
+#include "model/VORReply.h"
+
+namespace vorlen {
+
+// bag: -> (VORBag?, VORError?)
+struct BagReply {
+  std::optional<VORBag> bag;
+  std::optional<VORError> error;
+};
+
+// request:reply: and request:configuration:reply: -> (query id, VORReply?, VORError?). A search that a
+// newer search overtook has neither a reply nor an error.
+struct RequestReply {
+  uint64_t queryId = 0;
+  std::optional<VORReply> reply;
+  std::optional<VORError> error;
+};
+
+// feedback:reply: -> (events of the current session, VORError?)
+struct FeedbackReply {
+  std::vector<Value::Dict> events;
+  std::optional<VORError> error;
+};
+
+// One entry of listSessions:.
+struct SessionInfo {
+  std::string identifier;
+  std::string agent;
+  bool operator==(const SessionInfo&) const = default;
+};
+
+// fileHandleAndAttributesForResource:completion: -> (FileHandle?, attributes?, VORError?). `file` is a
+// read-only descriptor owned by the caller; invalid when the daemon sent none.
+struct ResourceFile {
+  UniqueFd file;
+  Value::Dict attributes;
+  std::optional<VORError> error;
+};
+
+class ClientReplyDecoder {
+ public:
+  // configure:reply: and listenToFlusher: -> (Endpoint); `op` names the operation in the error.
+  static ClientResult<IpcEndpoint> endpoint(const IpcMessage& reply, const char* op);
+  static ClientResult<BagReply> bag(const IpcMessage& reply);
+  // `op`: request:reply: or request:configuration:reply:, for the error text.
+  static ClientResult<RequestReply> request(const IpcMessage& reply, const char* op = "request:reply:");
+  static ClientResult<FeedbackReply> feedback(const IpcMessage& reply);
+  static ClientResult<std::vector<SessionInfo>> sessions(const IpcMessage& reply);
+  static ClientResult<ResourceFile> resourceFile(const IpcMessage& reply);
+  // getImageMap: -> (dictionary)
+  static ClientResult<Value::Dict> imageMap(const IpcMessage& reply);
+};
+
+}  // namespace vorlen

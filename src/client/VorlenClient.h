@@ -1,0 +1,236 @@
+// VorlenClient: a connection to vorlend for an application: configure, ask (bag, requests, sessions,
+// resource files, ...), report feedback, and receive the daemon's calls (bag loaded, resource downloaded
+// or deleted). The wire protocol is docs/PROTOCOL.md; this class speaks its VORDaemonIPC and
+// VOREndpointIPC operations and exports VORClientIPC.
+//
+// Every operation has two forms:
+//   - callback form: returns at once; the callback runs exactly once, on queue(), with the outcome;
+//   - blocking form (same name, no callback): waits for that outcome and returns it.
+// An outcome is a ClientResult: the decoded answer or a ClientError. Every call has a time-out
+// (options.callTimeout, 10 s): a call unanswered by then ends with TimedOut, "timed out after 10 s", and
+// a reply arriving later is dropped. A call whose connection closes first ends with ConnectionLost; a
+// socket that cannot be connected ends the call with Unreachable; a reply that breaks the protocol ends it
+// with MalformedReply (after one error line). Nothing the daemon sends can crash the client.
+// Operations without a reply (reportEvent, clearEngagedCompletions, addCompletion, updateParameters)
+// end with Sent once the message is handed to the transport.
+//
+// Connection: made lazily by the first call. The configuration given to configure() is remembered: when
+// the connection has gone (the daemon restarted, or closed it after 60 s of silence), the next call opens
+// a new one and sends configure:reply: on it first, then the call; the daemon serves one connection's
+// calls in order, so the call finds the client configured. A connection idle for
+// options.reconnectAfterIdle (50 s, under the daemon's 60 s) is replaced before the next call, so that a
+// call does not cross the daemon's idle close on the wire. A call sent at the moment the daemon goes away
+// is not retried; it ends with ConnectionLost.
+//
+// Callbacks from the daemon (onBagDidLoad, onDidDownloadResource, onDidDeleteResource) run on queue().
+// Set them before the first call to be sure not to miss the bag that follows configure().
+//
+// Threading: every method is safe from any thread. Callbacks run on queue(), one at a time.
+// REQUIRES: a blocking form is never called on queue() (it would wait for itself; it aborts instead).
+// Destroying the client closes its connections; callbacks of calls still waiting then run with
+// ConnectionLost "client closed".
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Clock.h"
+#include "base/Queue.h"
+#include "base/Value.h"
+#include "client/ClientReplyDecoder.h"
+#include "client/ClientResult.h"
+#include "ipc/IpcConnection.h"
+#include "ipc/IpcEndpoint.h"
+#include "model/VORBag.h"
+#include "model/VORError.h"
+#include "model/VORRequest.h"
+#include "model/VORSessionConfiguration.h"
+
+namespace vorlen {
+
+class IpcExportedInterface;
+class IpcRuntime;
+
+struct VorlenClientOptions {
+  // The service socket; empty: Paths::fromEnvironment().serviceSocket (the daemon's own rule).
+  std::filesystem::path socketPath;
+  // Time-out of every call, in both forms.
+  Duration callTimeout = seconds(10);
+  // A connection that has sent nothing for this long is replaced before the next call.
+  Duration reconnectAfterIdle = seconds(50);
+  // Null: the process's IPC runtime.
+  std::shared_ptr<IpcRuntime> runtime;
+  // The serial queue of callbacks and connection work. Null: a fresh serial queue.
+  std::shared_ptr<Queue> queue;
+  // Times the time-outs and the idle rule. Null: the system clock.
+  std::shared_ptr<Clock> clock;
+};
+
+class VorlenClient : public std::enable_shared_from_this<VorlenClient> {
+ public:
+  template <class T>
+  using Callback = std::function<void(ClientResult<T>)>;
+
+  // The seven values of updateParameters:..., in the operation's order.
+  struct CompletionParameters {
+    double voyantLast1hour = 0;
+    double voyantLast1day = 0;
+    double voyantLast1week = 0;
+    double voyantLast1month = 0;
+    double voyantAll = 0;
+    double voyantMostRecent = 0;
+    double minThresholdToSend = 0;
+  };
+
+  static std::shared_ptr<VorlenClient> create(VorlenClientOptions options = {});
+  ~VorlenClient();
+  VorlenClient(const VorlenClient&) = delete;
+  VorlenClient& operator=(const VorlenClient&) = delete;
+
+  const std::filesystem::path& socketPath() const { return socketPath_; }
+  const std::shared_ptr<Queue>& queue() const { return queue_; }
+  // The client-state endpoint of the last successful configure:reply:, if any.
+  std::optional<IpcEndpoint> endpoint() const;
+  // True while a service connection is open (as far as this side knows).
+  bool isConnected() const { return connected_.load(); }
+  // Calls waiting for their outcome.
+  size_t pendingCallCount() const { return pendingCount_.load(); }
+
+  // --- VORClientIPC: calls from the daemon, on queue(). A bag or error that fails the record check is
+  // dropped after one error line.
+  void onBagDidLoad(std::function<void(std::optional<VORBag>, std::optional<VORError>)> handler);
+  void onDidDownloadResource(std::function<void(const std::string& identifier)> handler);
+  void onDidDeleteResource(std::function<void(const std::string& identifier)> handler);
+
+  // --- VORDaemonIPC.
+  // configure:reply: -> the client-state endpoint. Remembered and re-sent on every new connection.
+  // A configuration without identifier or user agent is refused here (InvalidArgument): the daemon would
+  // close the connection without a reply.
+  void configure(VORSessionConfiguration configuration, Callback<IpcEndpoint> done);
+  ClientResult<IpcEndpoint> configure(VORSessionConfiguration configuration);
+
+  void bag(Callback<BagReply> done);
+  ClientResult<BagReply> bag();
+
+  // Any VORRequest subclass. The daemon never answers a request of a class it does not serve: such a
+  // call ends with TimedOut.
+  void request(const VORRequest& request, Callback<RequestReply> done);
+  ClientResult<RequestReply> request(const VORRequest& request);
+
+  // reportEvent:queryId:feedback: with a QXFeedback-family record (QXFeedback::toRecord(), or built by
+  // hand). The record is checked before sending; a bad one ends with InvalidArgument.
+  void reportEvent(std::string eventName, uint64_t queryId, Value feedbackRecord, Callback<Sent> done);
+  ClientResult<Sent> reportEvent(std::string eventName, uint64_t queryId, Value feedbackRecord);
+
+  // feedback:reply: -> the events of the client's current session.
+  void feedback(Callback<FeedbackReply> done);
+  ClientResult<FeedbackReply> feedback();
+
+  // listenToFlusher: -> the flusher endpoint.
+  void listenToFlusher(Callback<IpcEndpoint> done);
+  ClientResult<IpcEndpoint> listenToFlusher();
+
+  void listSessions(Callback<std::vector<SessionInfo>> done);
+  ClientResult<std::vector<SessionInfo>> listSessions();
+
+  // fileHandleAndAttributesForResource:completion:. The descriptor (read-only) belongs to the caller.
+  void fileHandleForResource(std::string identifier, Callback<ResourceFile> done);
+  ClientResult<ResourceFile> fileHandleForResource(std::string identifier);
+
+  void clearEngagedCompletions(Time from, Time to, Callback<Sent> done);
+  ClientResult<Sent> clearEngagedCompletions(Time from, Time to);
+
+  void addCompletion(std::string completion, std::string input, Callback<Sent> done);
+  ClientResult<Sent> addCompletion(std::string completion, std::string input);
+
+  void updateParameters(const CompletionParameters& parameters, Callback<Sent> done);
+  ClientResult<Sent> updateParameters(const CompletionParameters& parameters);
+
+  // getImageMap: -> resource identifier to URL.
+  void getImageMap(Callback<Value::Dict> done);
+  ClientResult<Value::Dict> getImageMap();
+
+  // --- VOREndpointIPC: request:configuration:reply: on a connection of its own to `endpoint` (the
+  // daemon serves only more-results and card requests there). The connection closes with the outcome.
+  void requestViaEndpoint(const IpcEndpoint& endpoint, const VORRequest& request,
+                          const VORSessionConfiguration& configuration, Callback<RequestReply> done);
+  ClientResult<RequestReply> requestViaEndpoint(const IpcEndpoint& endpoint, const VORRequest& request,
+                                                const VORSessionConfiguration& configuration);
+
+ private:
+  // The raw reply of a call, or why there is none.
+  using Finish = std::function<void(ClientResult<IpcMessage>)>;
+  struct Pending {
+    uint64_t connectionId = 0;
+    std::string op;
+    std::shared_ptr<ScheduledCall> timer;
+    Finish finish;
+  };
+  struct Handlers {
+    std::function<void(std::optional<VORBag>, std::optional<VORError>)> bagDidLoad;
+    std::function<void(const std::string&)> didDownloadResource;
+    std::function<void(const std::string&)> didDeleteResource;
+  };
+
+  explicit VorlenClient(VorlenClientOptions options);
+  void exportCallbacks();
+
+  // Queue: the service connection, opened (and configured, when `autoConfigure` and a configuration is
+  // remembered) as needed; null with the error when the socket cannot be connected.
+  std::shared_ptr<IpcConnection> ensureConnected(bool autoConfigure, ClientError* error);
+  // Queue: a new connection to `path` whose end fails its pending calls.
+  std::shared_ptr<IpcConnection> openConnection(const std::filesystem::path& path, uint64_t* id,
+                                                ClientError* error);
+  // Queue: sends a call wanting a reply on `connection` and tracks it until reply, time-out or close.
+  void issue(const std::shared_ptr<IpcConnection>& connection, uint64_t connectionId, std::string op,
+             Value::Array args, Finish finish);
+  // Queue: sends configure:reply: and remembers the endpoint it answers with.
+  void sendConfigure(const std::shared_ptr<IpcConnection>& connection, uint64_t connectionId,
+                     const VORSessionConfiguration& configuration, Callback<IpcEndpoint> done);
+  // Queue: ends a pending call once; later endings of the same call are ignored.
+  void complete(uint64_t token, ClientResult<IpcMessage> outcome);
+  void connectionEnded(uint64_t connectionId);
+
+  // Any thread: runs `start` on the queue with `done`.
+  template <class T>
+  void callService(std::string op, Value::Array args, ClientResult<T> (*decode)(const IpcMessage&),
+                   Callback<T> done);
+  void sendService(std::string op, Value::Array args, Callback<Sent> done);
+  // Any thread but the queue: runs the callback form and waits for its outcome.
+  template <class T, class Start>
+  ClientResult<T> wait(const char* op, Start start);
+
+  const std::filesystem::path socketPath_;
+  const Duration callTimeout_;
+  const Duration reconnectAfterIdle_;
+  const std::shared_ptr<IpcRuntime> runtime_;
+  const std::shared_ptr<Queue> queue_;
+  const std::shared_ptr<Clock> clock_;
+  std::shared_ptr<const IpcExportedInterface> exported_;
+
+  // Queue only.
+  std::shared_ptr<IpcConnection> connection_;
+  uint64_t connectionId_ = 0;
+  uint64_t nextConnectionId_ = 1;
+  Time lastSent_{};
+  std::optional<VORSessionConfiguration> configuration_;
+  std::map<uint64_t, Pending> pending_;
+  uint64_t nextToken_ = 1;
+
+  std::atomic<bool> connected_{false};
+  std::atomic<size_t> pendingCount_{0};
+
+  mutable std::mutex mu_;  // guards handlers_ and endpoint_
+  Handlers handlers_;
+  std::optional<IpcEndpoint> endpoint_;
+};
+
+}  // namespace vorlen

@@ -1,0 +1,181 @@
+// vorlenctl as a program: exit codes, output, and the defaults round trip, on private folders. The
+// daemon-facing commands run against ScriptedDaemon on a private socket.
+#include <gtest/gtest.h>
+
+#include "base/Archive.h"
+#include "base/Preferences.h"
+#include "client/ScriptedDaemon.h"
+#include "model/QXFeedback.h"
+#include "model/VORRequest.h"
+#include "support/DaemonProcess.h"
+
+namespace vorlen::test {
+namespace {
+
+class VorlenctlTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(std::filesystem::exists(builtProgram("vorlenctl")))
+        << "build the vorlenctl target first: " << builtProgram("vorlenctl");
+  }
+
+  struct Run {
+    int status;
+    std::string out, err;
+  };
+  Run run(std::vector<std::string> args) {
+    ChildProcess p(builtProgram("vorlenctl"), std::move(args),
+                   {{"XDG_RUNTIME_DIR", (dir / "run").string()},
+                    {"XDG_CONFIG_HOME", (dir / "config").string()},
+                    {"XDG_CACHE_HOME", (dir / "cache").string()},
+                    {"VORLEND_SOCKET", socket.string()}},
+                   dir.path());
+    std::optional<int> status = p.wait(std::chrono::seconds(30));
+    EXPECT_TRUE(status) << "vorlenctl did not finish";
+    return {status.value_or(-1), p.stdoutText(), p.stderrText()};
+  }
+
+  TempDir dir;
+  std::filesystem::path socket = dir / "vorlend.sock";
+};
+
+TEST_F(VorlenctlTest, WithoutADaemonDaemonCommandsExitThreeAndSaySo) {
+  for (const char* command : {"status", "bag", "sessions"}) {
+    SCOPED_TRACE(command);
+    Run r = run({command});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("vorlend is not reachable: cannot connect to " + socket.string()), std::string::npos)
+        << r.err;
+  }
+}
+
+TEST_F(VorlenctlTest, BadUsageExitsTwo) {
+  for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
+           {},
+           {"no-such-command"},
+           {"search"},
+           {"defaults", "write", "dom", "key"},
+           {"defaults", "write", "dom", "key", "abc", "--type", "int"},
+           {"defaults", "write", "dom", "key", "1", "--type", "colour"},
+           {"defaults", "read", "../escape", "key"},
+           {"report", "not json"},
+           {"report", R"({"$class": "QXStartSearchFeedback", "noSuchField": 1})"},
+           {"report", R"({"$class": "VORError", "domain": "d", "code": 1})"},
+           {"--timeout", "-1", "status"},
+       }) {
+    SCOPED_TRACE(::testing::PrintToString(args));
+    Run r = run(args);
+    EXPECT_EQ(r.status, 2) << r.err;
+    EXPECT_NE(r.err, "");
+  }
+}
+
+TEST_F(VorlenctlTest, DefaultsWriteReadDeleteRoundTrip) {
+  const std::string domain = "com.velmo.vorlend";
+  EXPECT_EQ(run({"defaults", "write", domain, "VORPersistSessions", "yes", "--type", "bool"}).status, 0);
+  EXPECT_EQ(run({"defaults", "write", domain, "VORScreenScale", "2.5", "--type", "real"}).status, 0);
+  EXPECT_EQ(run({"defaults", "write", domain, "VORCountryCode", "FR"}).status, 0);
+  EXPECT_EQ(run({"defaults", "write", domain, "VORBig", "18446744073709551615", "--type", "uint"}).status, 0);
+
+  // What the daemon's own Preferences reads from the file.
+  std::filesystem::path config = dir / "config" / "vorlend";
+  Preferences prefs(config, domain);
+  EXPECT_TRUE(prefs.boolForKey("VORPersistSessions"));
+  EXPECT_EQ(prefs.object("VORScreenScale"), Value(2.5));
+  EXPECT_EQ(prefs.stringForKey("VORCountryCode"), "FR");
+  EXPECT_EQ(prefs.unsignedForKey("VORBig"), UINT64_MAX);
+  EXPECT_EQ(fileMode(config / (domain + ".plist")), 0600u);
+
+  Run read = run({"defaults", "read", domain, "VORCountryCode"});
+  EXPECT_EQ(read.status, 0);
+  EXPECT_EQ(read.out, "FR\n");
+  Run json = run({"--json", "defaults", "read", domain, "VORScreenScale"});
+  EXPECT_EQ(json.status, 0);
+  EXPECT_EQ(json.out, "2.5\n");
+
+  EXPECT_EQ(run({"defaults", "delete", domain, "VORCountryCode"}).status, 0);
+  Run gone = run({"defaults", "read", domain, "VORCountryCode"});
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_NE(gone.err.find("no key \"VORCountryCode\""), std::string::npos) << gone.err;
+  EXPECT_EQ(run({"defaults", "delete", domain, "VORCountryCode"}).status, 1);
+  EXPECT_TRUE(Preferences(config, domain).boolForKey("VORPersistSessions"));  // the rest is kept
+}
+
+TEST_F(VorlenctlTest, StatsReadsTheSavedCounters) {
+  EXPECT_EQ(run({"stats"}).status, 1);  // nothing saved yet
+  std::filesystem::create_directories(dir / "cache" / "com.velmo.vorlend");
+  auto bytes = Archive::encodeBinary(Value::dict({{"com.velmo.vorlend.clientconnection", 3}}));
+  writeFile(dir / "cache" / "com.velmo.vorlend" / "counters.plist", std::string(bytes.begin(), bytes.end()));
+  Run r = run({"stats"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "com.velmo.vorlend.clientconnection 3\n");
+}
+
+class VorlenctlWithPeerTest : public VorlenctlTest {
+ protected:
+  std::shared_ptr<IpcRuntime> runtime = IpcRuntime::create();
+  ScriptedDaemon daemon{socket, dir.path(), runtime};
+};
+
+TEST_F(VorlenctlWithPeerTest, DaemonCommandsPrintAnswersAndMapErrors) {
+  Run status = run({"status"});
+  EXPECT_EQ(status.status, 0) << status.err;
+  EXPECT_NE(status.out.find("socket: " + socket.string()), std::string::npos) << status.out;
+
+  Run bag = run({"bag"});
+  EXPECT_EQ(bag.status, 0) << bag.err;
+  EXPECT_EQ(bag.out, "version: 42\n2 keys\n");
+
+  daemon.script("request:reply:", {Value(5), Value(), VORError::make(500, "service failure").toRecord()});
+  Run failed = run({"search", "weather"});
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_NE(failed.err.find("error 500 (VORErrorDomain): service failure"), std::string::npos) << failed.err;
+
+  daemon.script("listSessions:", {Value("not an array")});
+  EXPECT_EQ(run({"sessions"}).status, 1);
+
+  daemon.neverAnswer("bag:");
+  Run slow = run({"--timeout", "0.2", "bag"});
+  EXPECT_EQ(slow.status, 3);
+  EXPECT_NE(slow.err.find("timed out after 0.2 s"), std::string::npos) << slow.err;
+
+  // Every run configured its connection first, with the tool's identity.
+  for (const ScriptedDaemon::Call& c : daemon.calls()) {
+    if (c.op != "configure:reply:") continue;
+    EXPECT_EQ(*c.args[0].find("identifier"), Value("com.velmo.vorlenctl"));
+    EXPECT_EQ(*c.args[0].find("userAgent"), Value("vorlenctl/1.0"));
+  }
+  EXPECT_EQ(daemon.opsOn(0), (std::vector<std::string>{"configure:reply:"}));
+  EXPECT_EQ(daemon.opsOn(1), (std::vector<std::string>{"configure:reply:", "bag:"}));
+}
+
+TEST_F(VorlenctlWithPeerTest, SearchAndReportSendWellFormedRecords) {
+  Run search = run({"--json", "search", "weather"});
+  EXPECT_EQ(search.status, 0) << search.err;
+  EXPECT_NE(search.out.find("\"body\": \"ok\""), std::string::npos) << search.out;
+
+  Run report = run({"report", "--query-id", "7",
+                    R"({"$class": "QXStartSearchFeedback", "input": "wea", "queryId": 7, "triggerEvent": 2})"});
+  EXPECT_EQ(report.status, 0) << report.err;
+  std::optional<ScriptedDaemon::Call> event;
+  std::shared_ptr<VORRequest> request;
+  for (const ScriptedDaemon::Call& c : daemon.calls()) {
+    if (c.op == "reportEvent:queryId:feedback:") event = c;
+    if (c.op == "request:reply:") request = VORRequest::fromRecord(c.args[0]);
+  }
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->className(), std::string("VORSearchRequest"));
+  EXPECT_EQ(request->queryString, "weather");
+  EXPECT_GT(request->queryId, 0u);
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->args[1], Value(7));
+  std::optional<QXFeedback> feedback = QXFeedback::fromRecord(event->args[2]);
+  ASSERT_TRUE(feedback);
+  EXPECT_EQ(feedback->className(), "QXStartSearchFeedback");
+  EXPECT_EQ(feedback->string("input"), "wea");
+  EXPECT_GT(feedback->timestamp(), 0u);
+}
+
+}  // namespace
+}  // namespace vorlen::test

@@ -1,0 +1,39 @@
+// CtlOutput: where vorlenctl's results and errors go. Results go to stdout, as text for people or, with
+// --json, as one JSON document for scripts; errors always go to stderr as one "vorlenctl: ..." line, and
+// each error names the exit status it leads to.
+//
+// Threading: used from the main thread only.
+#pragma once
+
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "ExitCode.h"
+#include "client/ClientResult.h"
+#include "model/VORError.h"
+
+namespace vorlen::ctl {
+
+class CtlOutput {
+ public:
+  explicit CtlOutput(bool json) : json_(json) {}
+
+  bool json() const { return json_; }
+  // One line of human output (ignored in --json mode, which prints only document()).
+  void line(std::string_view text) const;
+  // The JSON result (only in --json mode).
+  void document(const nlohmann::ordered_json& doc) const;
+
+  // Prints the error and returns `code`.
+  ExitCode error(ExitCode code, std::string_view message) const;
+  // Unreachable, time-out and a broken connection: 3; a malformed answer: 1; a refused argument: 2.
+  ExitCode clientError(const ClientError& error) const;
+  // An error the daemon answered with: 1.
+  ExitCode daemonError(const VORError& error) const;
+
+ private:
+  bool json_;
+};
+
+}  // namespace vorlen::ctl

@@ -1,0 +1,47 @@
+// DaemonCommands: vorlenctl's subcommands that talk to vorlend through libvorlen-client: status,
+// configure, search, bag, sessions, report. Each configures the connection with the tool's identity
+// first (the daemon answers nothing else before), runs its operation with the blocking client forms and
+// returns the exit status.
+//
+// Threading: main thread only.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "CtlOutput.h"
+#include "ExitCode.h"
+#include "client/VorlenClient.h"
+
+namespace vorlen::ctl {
+
+struct Identity {
+  std::string identifier = "com.velmo.vorlenctl";
+  std::string agent = "vorlenctl/1.0";
+};
+
+class DaemonCommands {
+ public:
+  DaemonCommands(const CtlOutput& out, VorlenClientOptions options, Identity identity);
+
+  // Whether the daemon answers configure:reply:, and where.
+  ExitCode status();
+  ExitCode configure();
+  ExitCode search(const std::string& text);
+  // Version-like keys and the key count; the whole bag with --json.
+  ExitCode bag();
+  ExitCode sessions();
+  // `eventJson`: {"$class": <QXFeedback class>, fields...}.
+  ExitCode report(const std::string& eventJson, uint64_t queryId);
+
+ private:
+  // Configures the client; the exit status of the failure, or nothing on success.
+  std::optional<ExitCode> connect(IpcEndpoint* endpoint = nullptr);
+
+  const CtlOutput& out_;
+  Identity identity_;
+  std::shared_ptr<VorlenClient> client_;
+};
+
+}  // namespace vorlen::ctl

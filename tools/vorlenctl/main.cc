@@ -1,0 +1,115 @@
+// vorlenctl: the command line of vorlend. Human output by default, --json for scripts; exit status 0 ok,
+// 1 the operation failed, 2 bad usage, 3 the daemon is not reachable or did not answer in time.
+#include <csignal>
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "CtlOutput.h"
+#include "DaemonCommands.h"
+#include "DefaultsCommand.h"
+#include "ExitCode.h"
+#include "StatsCommand.h"
+#include "base/Log.h"
+#include "base/Paths.h"
+
+using namespace vorlen;
+using namespace vorlen::ctl;
+
+namespace {
+
+int run(int argc, char** argv) {
+  CLI::App app{"vorlenctl: talk to vorlend, edit its preferences, read its counters", "vorlenctl"};
+  app.require_subcommand(1);
+  app.fallthrough();
+
+  bool json = false;
+  std::string socket;
+  double timeout = 10.0;
+  Identity identity;
+  app.add_flag("--json", json, "print one JSON document instead of text");
+  app.add_option("--socket", socket, "the daemon's socket (default: as the daemon chooses it)");
+  app.add_option("--timeout", timeout, "seconds to wait for each answer")->check(CLI::PositiveNumber);
+  app.add_option("--id", identity.identifier, "client identifier sent with the configuration");
+  app.add_option("--agent", identity.agent, "user agent sent with the configuration");
+
+  auto* status = app.add_subcommand("status", "whether vorlend answers, and its socket");
+  auto* configure = app.add_subcommand("configure", "configure a connection (--id, --agent)");
+  auto* search = app.add_subcommand("search", "send a search and print its results");
+  std::string searchText;
+  search->add_option("TEXT", searchText, "the query")->required();
+  auto* bag = app.add_subcommand("bag", "version keys and size of the bag (--json: all of it)");
+  auto* sessions = app.add_subcommand("sessions", "the clients the daemon knows");
+  auto* report = app.add_subcommand("report", "report a feedback event given as JSON");
+  std::string eventJson;
+  uint64_t queryId = 0;
+  report->add_option("EVENT-JSON", eventJson, "{\"$class\": \"QX...Feedback\", fields...}")->required();
+  report->add_option("--query-id", queryId, "the query id the event belongs to");
+
+  auto* defaults = app.add_subcommand("defaults", "read, write or delete a preference");
+  defaults->require_subcommand(1);
+  std::string domain, key, value, type = "string";
+  std::optional<std::string> readKey;
+  auto* dRead = defaults->add_subcommand("read", "print a key, or the whole domain");
+  dRead->add_option("DOMAIN", domain)->required();
+  dRead->add_option("KEY", readKey);
+  auto* dWrite = defaults->add_subcommand("write", "set a key");
+  dWrite->add_option("DOMAIN", domain)->required();
+  dWrite->add_option("KEY", key)->required();
+  dWrite->add_option("VALUE", value)->required();
+  dWrite->add_option("--type", type, "bool|int|uint|real|string")
+      ->check(CLI::IsMember({"bool", "int", "uint", "real", "string"}));
+  auto* dDelete = defaults->add_subcommand("delete", "remove a key");
+  dDelete->add_option("DOMAIN", domain)->required();
+  dDelete->add_option("KEY", key)->required();
+
+  auto* stats = app.add_subcommand("stats", "the daemon's saved counters");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    fmt::print(stderr, "vorlenctl: {}\nRun with --help for usage.\n", e.what());
+    return static_cast<int>(ExitCode::Usage);
+  }
+
+  CtlOutput out(json);
+  Paths paths = Paths::fromEnvironment();
+  if (*defaults) {
+    DefaultsCommand command(out, paths.configDir);
+    if (*dRead) return static_cast<int>(command.read(domain, readKey));
+    if (*dWrite) return static_cast<int>(command.write(domain, key, value, type));
+    return static_cast<int>(command.remove(domain, key));
+  }
+  if (*stats) return static_cast<int>(StatsCommand::run(out, paths.cachesDir));
+
+  if (identity.identifier.empty() || identity.agent.empty())
+    return static_cast<int>(out.error(ExitCode::Usage, "--id and --agent must not be empty"));
+  VorlenClientOptions options;
+  options.socketPath = socket;
+  options.callTimeout = seconds(timeout);
+  DaemonCommands command(out, options, identity);
+  ExitCode code = ExitCode::Usage;
+  if (*status) code = command.status();
+  else if (*configure) code = command.configure();
+  else if (*search) code = command.search(searchText);
+  else if (*bag) code = command.bag();
+  else if (*sessions) code = command.sessions();
+  else if (*report) code = command.report(eventJson, queryId);
+  return static_cast<int>(code);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A daemon that goes away mid-write must be an error result, not a signal.
+  std::signal(SIGPIPE, SIG_IGN);
+  // The library's own log lines would repeat the errors this tool prints; show them only when asked.
+  if (!std::getenv("VORLEND_LOG_LEVEL")) Log::setThreshold(LogLevel::Fault);
+  return run(argc, argv);
+}
