@@ -5,6 +5,7 @@
 
 #include "base/Archive.h"
 #include "base/Preferences.h"
+#include "client/VorlenClient.h"
 #include "ipc/IpcTestSupport.h"
 #include "model/VORRequest.h"
 #include "model/VORSessionConfiguration.h"
@@ -62,7 +63,10 @@ class ServiceProcessTest : public ::testing::Test {
   }
 
   static std::vector<uint8_t> frame(const std::vector<uint8_t>& payload) {
-    auto bytes = test::frameHeader(static_cast<uint32_t>(payload.size()));
+    const auto header = test::frameHeader(static_cast<uint32_t>(payload.size()));
+    std::vector<uint8_t> bytes;
+    bytes.reserve(header.size() + payload.size());
+    bytes.insert(bytes.end(), header.begin(), header.end());
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     return bytes;
   }
@@ -136,6 +140,61 @@ TEST_F(ServiceProcessTest, KnownClientsSurviveARestartWithPersistence) {
   EXPECT_EQ(*entry.find("identifier")->getString(), "com.example.browser");
   EXPECT_TRUE(entry.find("agent")->getString()->ends_with(") Browser/1"));
   EXPECT_EQ(test::fileMode(dir / "config" / "vorlend" / "com.velmo.vorlend.plist"), 0600u);
+}
+
+TEST_F(ServiceProcessTest, ClientLibraryConfiguresAsksAndReconnectsAfterARestart) {
+  auto daemon = startDaemon();
+  VorlenClientOptions options;
+  options.socketPath = socket();
+  auto client = VorlenClient::create(options);
+  auto bagOutcomes = std::make_shared<test::Inbox<std::optional<VORError>>>();
+  client->onBagDidLoad([bagOutcomes](std::optional<VORBag>, std::optional<VORError> e) { bagOutcomes->put(e); });
+
+  VORSessionConfiguration configuration;
+  configuration.identifier = "com.example.browser";
+  configuration.userAgent = "Browser/2";
+  auto endpoint = client->configure(configuration);
+  ASSERT_TRUE(endpoint.ok()) << endpoint.errorText();
+  ASSERT_TRUE(bagOutcomes->waitFor(1));
+  EXPECT_EQ(bagOutcomes->items()[0]->reason(), "timeout");  // no bag can be had in this daemon yet
+
+  VORSearchRequest search;
+  search.queryId = 3;
+  search.queryString = "weather";
+  auto answer = client->request(search);
+  ASSERT_TRUE(answer.ok()) << answer.errorText();
+  EXPECT_EQ(answer.value->queryId, 3u);
+  ASSERT_TRUE(answer.value->error);
+  EXPECT_EQ(answer.value->error->code, 1);
+
+  VORCardRequest card;
+  card.queryId = 4;
+  auto viaEndpoint = client->requestViaEndpoint(*endpoint.value, card, configuration);
+  ASSERT_TRUE(viaEndpoint.ok()) << viaEndpoint.errorText();
+  EXPECT_EQ(viaEndpoint.value->queryId, 4u);
+
+  // The daemon goes away and comes back: the next call reconnects and configures again first.
+  ASSERT_TRUE(daemon->signal(SIGTERM));
+  ASSERT_EQ(daemon->wait(20s), 0);
+  daemon = startDaemon();
+  auto sessions = client->listSessions();
+  ASSERT_TRUE(sessions.ok()) << sessions.errorText();
+  ASSERT_EQ(sessions.value->size(), 1u);
+  EXPECT_EQ(sessions.value->at(0).identifier, "com.example.browser");
+
+  // A configuration the daemon could not use is refused by the library before it is sent; sent anyway,
+  // the daemon closes the connection without an answer.
+  auto other = VorlenClient::create(options);
+  configuration.userAgent = "";
+  auto refused = other->configure(configuration);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error->kind, ClientError::Kind::InvalidArgument);
+  auto raw = connect();
+  auto closed = std::make_shared<std::atomic<bool>>(false);
+  raw->setInvalidationHandler([closed] { *closed = true; });
+  EXPECT_FALSE(call(raw, "configure:reply:", {configuration.toRecord()}, 500ms));
+  EXPECT_TRUE(test::waitUntil([&] { return closed->load(); }));
+  EXPECT_TRUE(daemon->waitForOutput("invalid configuration, closing connection", 20s));
 }
 
 }  // namespace
