@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# End-to-end run of the daemon on private folders: build, start vorlend, show that it is up, stop it
-# with SIGTERM and show how it ended.
+# End-to-end run of the daemon on private folders: build, start vorlend, talk to it as a client with
+# vorlenctl (configure, search, list sessions), stop it with SIGTERM and show how it ended.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
-bash scripts/build.sh default vorlend
+bash scripts/build.sh default vorlend vorlenctl
 
 root=$(mktemp -d "${TMPDIR:-/tmp}/vorlend-demo-XXXXXX")
 chmod 700 "$root"
@@ -34,6 +34,16 @@ ps -o pid,rss,etime,cmd -p "$daemon_pid" || true
 echo "== its folders:"
 find "$root" -mindepth 1 -maxdepth 4 \( -type d -o -type s -o -type f \) ! -name vorlend.log -printf '%M %p\n' | sort
 
+ctl() { echo "\$ vorlenctl $*"; build/default/vorlenctl "$@"; }
+echo "== a client session"
+ctl status
+ctl configure --id com.velmo.demo --agent "voyant/1.0"
+# No bag server is configured for this run, so the daemon answers every query with its bag time-out
+# error; vorlenctl prints it and exits 1.
+ctl search --id com.velmo.demo --agent "voyant/1.0" "weather" || echo "(search exit status $?)"
+ctl sessions
+ctl --json sessions
+
 echo "== stopping it with SIGTERM"
 kill -TERM "$daemon_pid"
 set +e
@@ -43,5 +53,7 @@ set -e
 daemon_pid=
 echo "== vorlend log:"
 cat "$root/vorlend.log"
+echo "== counters it kept"
+build/default/vorlenctl stats
 echo "== vorlend exited with status $status"
 [ "$status" -eq 0 ]
