@@ -44,15 +44,7 @@ class ServiceProcessTest : public ::testing::Test {
 
   static std::optional<Value::Array> call(const std::shared_ptr<IpcConnection>& c, std::string op,
                                           Value::Array args, std::chrono::milliseconds wait = 20s) {
-    auto inbox = std::make_shared<test::Inbox<Value::Array>>();
-    if (!c->call(std::move(op), std::move(args), [inbox](const IpcMessage& m) { inbox->put(m.args()); })) {
-      return std::nullopt;
-    }
-    for (auto end = std::chrono::steady_clock::now() + wait; inbox->size() == 0;) {
-      if (std::chrono::steady_clock::now() > end) return std::nullopt;
-      std::this_thread::sleep_for(1ms);
-    }
-    return inbox->items()[0];
+    return test::callAndWait(c, std::move(op), std::move(args), wait);
   }
 
   static Value configuration(std::string identifier, std::string agent) {

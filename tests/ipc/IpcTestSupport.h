@@ -72,6 +72,21 @@ class Inbox {
   std::vector<T> items_;
 };
 
+// The reply arguments of one call on `c`; nullopt when no reply came within `wait`.
+inline std::optional<Value::Array> callAndWait(const std::shared_ptr<IpcConnection>& c, std::string op,
+                                               Value::Array args,
+                                               std::chrono::milliseconds wait = std::chrono::seconds(20)) {
+  auto inbox = std::make_shared<Inbox<Value::Array>>();
+  if (!c->call(std::move(op), std::move(args), [inbox](const IpcMessage& m) { inbox->put(m.args()); })) {
+    return std::nullopt;
+  }
+  for (auto end = std::chrono::steady_clock::now() + wait; inbox->size() == 0;) {
+    if (std::chrono::steady_clock::now() > end) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return inbox->items()[0];
+}
+
 // A socket client that writes whatever bytes it is told to.
 class RawClient {
  public:

@@ -93,19 +93,9 @@ class ServiceFixture : public ::testing::Test {
     return c;
   }
 
-  // The reply of one call; nullopt when none came within `wait`.
   static std::optional<Reply> call(const std::shared_ptr<IpcConnection>& c, std::string op, Value::Array args,
                                    std::chrono::milliseconds wait = std::chrono::seconds(20)) {
-    auto inbox = std::make_shared<Inbox<Reply>>();
-    if (!c->call(std::move(op), std::move(args), [inbox](const IpcMessage& m) { inbox->put(m.args()); })) {
-      return std::nullopt;
-    }
-    auto end = std::chrono::steady_clock::now() + wait;
-    while (inbox->size() == 0 && std::chrono::steady_clock::now() < end) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    if (inbox->size() == 0) return std::nullopt;
-    return inbox->items()[0];
+    return callAndWait(c, std::move(op), std::move(args), wait);
   }
 
   static Value configuration(std::string identifier, std::string agent) {
