@@ -69,8 +69,6 @@ std::optional<VORBag> ClientState::bag() const {
 
 bool ClientState::_ensureBag() {
   std::lock_guard lock(mu_);
-  // Without a bag controller in the Assembly there is nothing to fetch a bag from; the held bag (if a
-  // controller ever gave one) stays usable.
   return bag_.has_value();
 }
 

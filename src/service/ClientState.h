@@ -81,7 +81,8 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
  private:
   ClientState(std::string identifier, std::shared_ptr<Assembly> assembly);
 
-  // True when a usable bag is held (fetching one through the bag controller when there is one).
+  // True when a usable bag is held. Getting one needs the bag controller, which the Assembly does not
+  // have yet, so no bag is ever held in this build.
   bool _ensureBag();
   // The no-bag answer of the query kinds: the time-out error, and a skip event where the kind records one.
   void _replyBagFailure(const VORRequest& request, const char* logText, bool recordSkip, const QueryReply& reply);
