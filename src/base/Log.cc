@@ -111,10 +111,11 @@ void Logger::write(LogLevel level, std::string_view message) const {
 }
 
 const Logger& VorlenLogForCategory(unsigned category) {
-  // Built at once on first use; the table is immutable afterwards and safe from any thread.
-  static const std::vector<Logger> table = [] {
-    std::vector<Logger> t;
-    for (const char* name : kCategoryNames) t.emplace_back(name);
+  // Built at once on first use; the table is immutable afterwards and safe from any thread. Never
+  // destroyed, like the log state: pool workers outlive static teardown and may still log.
+  static const std::vector<Logger>* table = [] {
+    auto* t = new std::vector<Logger>;
+    for (const char* name : kCategoryNames) t->emplace_back(name);
     return t;
   }();
   if (category >= VorlenLoggingCategoryCount) {
@@ -122,12 +123,12 @@ const Logger& VorlenLogForCategory(unsigned category) {
                  "VorlenLogForCategory");
     std::abort();
   }
-  return table[category];
+  return (*table)[category];
 }
 
 const Logger& VorlenDefaultLog() {
-  static const Logger log("");
-  return log;
+  static const Logger* log = new Logger("");  // never destroyed, as the category table
+  return *log;
 }
 
 std::shared_ptr<LogSink> Log::setSink(std::shared_ptr<LogSink> sink) {
