@@ -103,7 +103,7 @@ void ClientState::_recordFeedback(QXFeedback feedback, const VORRequest& request
                                             std::nullopt, userAgent().value_or(""), request.clientQueryId));
 }
 
-void ClientState::_replyBagFailure(const VORRequest& request, const char* logText, bool recordSkip,
+void ClientState::_replyBagFailure(const VORRequest& request, std::string_view logText, bool recordSkip,
                                    const QueryReply& reply) {
   searchLog().error("{}", logText);
   if (reply) reply(request.queryId, std::nullopt, VORError::make(1, "timeout"));
@@ -115,9 +115,8 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
                    request->queryString, describeReply(reply));
   _countForClient("keystrokes");
   if (!_ensureBag()) {
-    searchLog().error("Bag fetch failed, can't complete non-cached query {}.", request->queryString);
-    if (reply) reply(request->queryId, std::nullopt, VORError::make(1, "timeout"));
-    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagFetchFailed, request->queryString), *request);
+    _replyBagFailure(*request, fmt::format("Bag fetch failed, can't complete non-cached query {}.", request->queryString),
+                     true, reply);
     return;
   }
   // A bag is held but the request factory and the HTTP path are not in the Assembly: nothing can be

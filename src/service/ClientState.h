@@ -85,7 +85,8 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // have yet, so no bag is ever held in this build.
   bool _ensureBag();
   // The no-bag answer of the query kinds: the time-out error, and a skip event where the kind records one.
-  void _replyBagFailure(const VORRequest& request, const char* logText, bool recordSkip, const QueryReply& reply);
+  void _replyBagFailure(const VORRequest& request, std::string_view logText, bool recordSkip,
+                        const QueryReply& reply);
   void _recordFeedback(QXFeedback feedback, const VORRequest& request);
   void _countForClient(std::string_view suffix) const;
 
