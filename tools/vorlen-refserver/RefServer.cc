@@ -17,9 +17,11 @@
 #include <mutex>
 #include <thread>
 
+#include <fmt/format.h>
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "SearchCorpus.h"
 #include "base/Log.h"
 
 namespace vorlen {
@@ -172,6 +174,7 @@ struct RefServer::Impl {
   std::condition_variable wake;
   bool stopping = false;
   BagControl control;
+  SearchControl searchControl;
   std::vector<RecordedRequest> recorded;
   std::map<std::string, size_t> counts;
   uint64_t echoCount = 0;
@@ -222,6 +225,9 @@ struct RefServer::Impl {
     bag["card_url"] = base + "/card";
     bag["flight_url"] = base + "/flight";
     bag["warm_url"] = base + "/warm";
+    bag["minimum_query_length"] = 2;
+    bag["search_render_timeout"] = 2.0;
+    bag["smart_history_enabled"] = true;
     bag["feedback_enabled"] = true;
     bag["feedback_url"] = base + "/feedback";
     bag["crowdsourcing_url"] = base + "/crowdsourcing";
@@ -258,6 +264,56 @@ struct RefServer::Impl {
         drop(req);
         break;
     }
+  }
+
+  // Answers a search-type request: `make` builds the body from the request's "q".
+  template <class Make>
+  void handleSearch(const httplib::Request& req, httplib::Response& res, Make make) {
+    record(req);
+    SearchControl c;
+    {
+      std::lock_guard lock(mu);
+      c = searchControl;
+    }
+    auto number = [&](const char* name, long fallback) {
+      if (!req.has_param(name)) return fallback;
+      const std::string v = req.get_param_value(name);
+      char* end = nullptr;
+      long n = std::strtol(v.c_str(), &end, 10);
+      return (end != v.c_str() && *end == '\0') ? n : fallback;
+    };
+    pause(static_cast<int>(number("ref_delay_ms", c.delayMs)));
+    if (number("ref_drop", 0) != 0) {
+      drop(req);
+      return;
+    }
+    res.status = static_cast<int>(number("ref_status", c.status));
+    if (!c.forceFetch.empty()) res.set_header("X-Velmo-ForceFetch", c.forceFetch);
+    if (c.serverTiming) {
+      Json timing = Json::array({Json{{"status", "OK"}, {"duration", 12.5}, {"partial_client_ip", "127.0.0"}}});
+      res.set_header("X-Velmo-Server-Timing", dump(timing));
+    }
+    if (res.status != 200) {
+      res.set_content(dump(Json{{"status", "ERROR"}, {"code", res.status}}), "application/json");
+      return;
+    }
+    res.set_content(dump(make(req.get_param_value("q"), c)), "application/json");
+  }
+
+  void handleSearchControl(const httplib::Request& req, httplib::Response& res) {
+    SearchControl parsed;
+    std::string error;
+    if (!parseSearchControl(req.body, &parsed, &error)) {
+      log().error("refserver: rejecting search control: {}", error);
+      res.status = 400;
+      res.set_content(dump(Json{{"error", error}}), "application/json");
+      return;
+    }
+    {
+      std::lock_guard lock(mu);
+      searchControl = parsed;
+    }
+    res.set_content(dump(Json{{"status", parsed.status}}), "application/json");
   }
 
   void handleControl(const httplib::Request& req, httplib::Response& res) {
@@ -352,6 +408,39 @@ struct RefServer::Impl {
       return httplib::Server::HandlerResponse::Unhandled;
     });
     server.Get("/bag", [this](const httplib::Request& req, httplib::Response& res) { handleBag(req, res); });
+    server.Get("/search", [this](const httplib::Request& req, httplib::Response& res) {
+      // One endpoint serves three request kinds, told apart as the daemon builds them: zero keyword
+      // carries "qtype=zkw", a look-up carries "ltype".
+      const bool zkw = req.get_param_value("qtype") == "zkw";
+      const bool lookup = req.has_param("ltype");
+      handleSearch(req, res, [&](const std::string& q, const SearchControl& c) {
+        if (zkw) return SearchCorpus::zeroKeyword(c.maxAge, baseURL());
+        if (lookup) return SearchCorpus::lookup(q, baseURL());
+        return SearchCorpus::search(q, c.maxAge, baseURL());
+      });
+    });
+    server.Get("/more", [this](const httplib::Request& req, httplib::Response& res) {
+      handleSearch(req, res, [&](const std::string& q, const SearchControl&) {
+        return SearchCorpus::moreResults(q, baseURL());
+      });
+    });
+    server.Get("/card", [this](const httplib::Request& req, httplib::Response& res) {
+      handleSearch(req, res,
+                   [&](const std::string& q, const SearchControl&) { return SearchCorpus::card(q, baseURL()); });
+    });
+    server.Get("/lookup", [this](const httplib::Request& req, httplib::Response& res) {
+      handleSearch(req, res,
+                   [&](const std::string& q, const SearchControl&) { return SearchCorpus::lookup(q, baseURL()); });
+    });
+    server.Get("/flight", [this](const httplib::Request& req, httplib::Response& res) {
+      handleSearch(req, res, [](const std::string& q, const SearchControl&) { return SearchCorpus::flights(q); });
+    });
+    server.Get("/warm", [this](const httplib::Request& req, httplib::Response& res) {
+      record(req);
+      res.set_content("", "text/plain");
+    });
+    server.Post("/_control/search",
+                [this](const httplib::Request& req, httplib::Response& res) { handleSearchControl(req, res); });
     server.Post("/_control/bag",
                 [this](const httplib::Request& req, httplib::Response& res) { handleControl(req, res); });
     server.Get("/_requests", [this](const httplib::Request&, httplib::Response& res) {
@@ -467,6 +556,16 @@ std::string RefServer::bagBody() const {
   return impl_->bag(bagControl().version);
 }
 
+void RefServer::setSearchControl(SearchControl control) {
+  std::lock_guard lock(impl_->mu);
+  impl_->searchControl = std::move(control);
+}
+
+RefServer::SearchControl RefServer::searchControl() const {
+  std::lock_guard lock(impl_->mu);
+  return impl_->searchControl;
+}
+
 size_t RefServer::requestCount(std::string_view path) const {
   std::lock_guard lock(impl_->mu);
   auto it = impl_->counts.find(std::string(path));
@@ -525,6 +624,44 @@ bool RefServer::parseBagControl(std::string_view text, BagControl* out, std::str
       *error = "version must be a string or an integer";
       return false;
     }
+  }
+  *out = std::move(c);
+  return true;
+}
+
+bool RefServer::parseSearchControl(std::string_view text, SearchControl* out, std::string* error) {
+  Json doc = Json::parse(text.begin(), text.end(), nullptr, false);
+  if (doc.is_discarded() || !doc.is_object()) {
+    *error = "not a JSON object";
+    return false;
+  }
+  SearchControl c;
+  auto integer = [&](const char* key, int64_t lo, int64_t hi, int* into) {
+    auto it = doc.find(key);
+    if (it == doc.end()) return true;
+    if (!it->is_number_integer() || it->get<int64_t>() < lo || it->get<int64_t>() > hi) {
+      *error = fmt::format("{} must be an integer from {} to {}", key, lo, hi);
+      return false;
+    }
+    *into = static_cast<int>(it->get<int64_t>());
+    return true;
+  };
+  if (!integer("status", 100, 599, &c.status) || !integer("delay_ms", 0, 600000, &c.delayMs) ||
+      !integer("max_age", 0, 86400, &c.maxAge))
+    return false;
+  if (auto it = doc.find("force_fetch"); it != doc.end()) {
+    if (!it->is_string()) {
+      *error = "force_fetch must be a string";
+      return false;
+    }
+    c.forceFetch = it->get<std::string>();
+  }
+  if (auto it = doc.find("server_timing"); it != doc.end()) {
+    if (!it->is_boolean()) {
+      *error = "server_timing must be a boolean";
+      return false;
+    }
+    c.serverTiming = it->get<bool>();
   }
   *out = std::move(c);
   return true;

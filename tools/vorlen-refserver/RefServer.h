@@ -6,11 +6,27 @@
 //                             switched by POST /_control/bag (see BagControl) to exercise failure paths.
 //                             Every answer closes its connection, so each bag request arrives on a
 //                             connection of its own and the count of /bag is the number of attempts.
+//   GET  /search              type-ahead search: the answer for "q" from the shipped corpus (SearchCorpus);
+//                             with "qtype=zkw" the zero-keyword answer (trending suggestions) instead, and
+//                             for a look-up (it carries "ltype") the look-up answer.
+//   GET  /more                more results for "q".
+//   GET  /card                a card for "q".
+//   GET  /lookup              a look-up answer for "q".
+//   GET  /flight              flight status for "q" of the form CARRIER-NUMBER.
+//   GET  /warm                an empty 200: a request that only opens a connection.
+//   The search-type answers (/search, /more, /card, /lookup, /flight) follow SearchControl, set by
+//   POST /_control/search, and per request the query items "ref_status=N", "ref_delay_ms=N" and
+//   "ref_drop=1" (which a daemon sends when told to through its debug parameters).
 // Endpoints for tests and tools (paths beginning with "/_"):
 //   POST   /_control/bag      {"mode": "ok"|"status"|"empty"|"array"|"slow"|"drop", "status": 503,
 //                             "delay_ms": 2000, "version": "10"}; omitted fields keep their defaults
 //                             (status 503, delay 0, version "1"). A body that is not such an object is
 //                             refused with 400 and a log line.
+//   POST   /_control/search   {"status": 200, "delay_ms": 0, "max_age": 300, "force_fetch": "{\"bag\": 10}",
+//                             "server_timing": false}; omitted fields take these defaults. "force_fetch", when
+//                             not empty, is sent as the header "X-Velmo-ForceFetch"; "server_timing" adds the
+//                             header "X-Velmo-Server-Timing": a JSON array of one record with "status",
+//                             "duration" (milliseconds) and "partial_client_ip".
 //   GET    /_requests         every request recorded so far, as JSON (requests to /_control, /_requests
 //                             and /_counts are neither recorded nor counted).
 //   DELETE /_requests         forgets them and resets the per-path counts.
@@ -52,6 +68,14 @@ class RefServer {
     std::string version = "1";
   };
 
+  struct SearchControl {
+    int status = 200;
+    int delayMs = 0;
+    int maxAge = 300;        // "max_age" of search answers, seconds
+    std::string forceFetch;  // "X-Velmo-ForceFetch" when not empty
+    bool serverTiming = false;
+  };
+
   struct RecordedRequest {
     std::string method;
     std::string path;
@@ -83,12 +107,17 @@ class RefServer {
   // The bag as currently served in mode Ok.
   std::string bagBody() const;
 
+  void setSearchControl(SearchControl control);
+  SearchControl searchControl() const;
+
   size_t requestCount(std::string_view path) const;
   std::vector<RecordedRequest> requests() const;
   void clearRequests();
 
   // Parses a control document as POST /_control/bag does; false for anything else.
   static bool parseBagControl(std::string_view json, BagControl* out, std::string* error);
+  // Parses a control document as POST /_control/search does; false for anything else.
+  static bool parseSearchControl(std::string_view json, SearchControl* out, std::string* error);
 
  private:
   struct Impl;
