@@ -9,6 +9,7 @@
 // read-only afterwards. useQuintara() reads the preferences store at each call and is safe from any thread.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "base/NotificationCenter.h"
@@ -17,7 +18,7 @@
 
 namespace vorlen {
 
-class NetworkRequestFactory;
+class VORNetworkRequestFactory;
 class BagController;
 class DownloadManager;
 class UploadManager;
@@ -34,6 +35,8 @@ class PersistentStorage;
 class LocationManager;
 class HttpSessions;
 class EngagedCompletionCache;
+class ClientSessionProtocol;
+struct VorlenFeedback;
 
 class Assembly {
  public:
@@ -44,7 +47,7 @@ class Assembly {
   // In declaration order of the object graph.
   std::shared_ptr<Preferences> userDefaults;                  // standard domain "com.velmo.vorlend"
   std::shared_ptr<NotificationCenter> notificationCenter;
-  std::shared_ptr<NetworkRequestFactory> requestFactory;
+  std::shared_ptr<VORNetworkRequestFactory> requestFactory;
   std::shared_ptr<BagController> bagController;
   std::shared_ptr<DownloadManager> downloadManager;
   std::shared_ptr<UploadManager> uploadManager;
@@ -67,6 +70,9 @@ class Assembly {
   std::shared_ptr<HttpSessions> httpSessions;
   // The one engaged-completion database of the process.
   std::shared_ptr<EngagedCompletionCache> engagedCompletionCache;
+  // Opens a feedback session of a component's own (the bag fetch); empty until feedback sessions exist,
+  // and then such events are dropped.
+  std::function<std::shared_ptr<ClientSessionProtocol>(const Assembly&, VorlenFeedback)> makeClientSession;
   // The bag controller writes and reads its disk cache only while this is true (it is in the daemon).
   bool diskBagCacheEnabled = true;
 
