@@ -50,7 +50,8 @@ void clearNode(critbit_tree* t, critbit_node p) {
 }
 
 int walk(critbit_node p, int (*cb)(const char*, void*), void* ctx) {
-  // Iterative descent on the left spine keeps the stack flat for long chains of keys.
+  // Recurses into child 0 and loops down child 1, so a chain of keys that each extend the previous one
+  // (which grows on the child-1 side, a key sorting before its extensions) costs no stack.
   while (isInternal(p)) {
     critbit_internal_node* q = internalOf(p);
     int r = walk(q->child[0], cb, ctx);
