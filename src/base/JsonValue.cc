@@ -1,4 +1,4 @@
-#include "JsonValue.h"
+#include "base/JsonValue.h"
 
 #include <openssl/evp.h>
 
@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-namespace vorlen::ctl {
+namespace vorlen {
 
 namespace {
 
@@ -32,7 +32,11 @@ std::string iso8601(Time t) {
   return fmt::format("{}.{:06}Z", buf, frac);
 }
 
-std::optional<Value> convert(const nlohmann::json& j, const std::string& place, std::string* error) {
+std::optional<Value> convert(const nlohmann::json& j, const std::string& place, int depth, std::string* error) {
+  if ((j.is_array() || j.is_object()) && depth >= JsonValue::kMaxDepth) {
+    if (error) *error = (place.empty() ? std::string("value") : place) + ": nested too deeply";
+    return std::nullopt;
+  }
   switch (j.type()) {
     case nlohmann::json::value_t::string: return Value(j.get<std::string>());
     case nlohmann::json::value_t::boolean: return Value(j.get<bool>());
@@ -46,7 +50,7 @@ std::optional<Value> convert(const nlohmann::json& j, const std::string& place, 
     case nlohmann::json::value_t::array: {
       Value::Array a;
       for (size_t i = 0; i < j.size(); ++i) {
-        std::optional<Value> v = convert(j[i], fmt::format("{}[{}]", place, i), error);
+        std::optional<Value> v = convert(j[i], fmt::format("{}[{}]", place, i), depth + 1, error);
         if (!v) return std::nullopt;
         a.push_back(std::move(*v));
       }
@@ -55,7 +59,7 @@ std::optional<Value> convert(const nlohmann::json& j, const std::string& place, 
     case nlohmann::json::value_t::object: {
       Value::Dict d;
       for (auto it = j.begin(); it != j.end(); ++it) {
-        std::optional<Value> v = convert(it.value(), place + "." + it.key(), error);
+        std::optional<Value> v = convert(it.value(), place + "." + it.key(), depth + 1, error);
         if (!v) return std::nullopt;
         d.insert_or_assign(it.key(), std::move(*v));
       }
@@ -94,7 +98,7 @@ nlohmann::ordered_json JsonValue::toJson(const Value& v) {
 }
 
 std::optional<Value> JsonValue::toValue(const nlohmann::json& json, std::string* error) {
-  return convert(json, "", error);
+  return convert(json, "", 0, error);
 }
 
-}  // namespace vorlen::ctl
+}  // namespace vorlen

@@ -1,10 +1,12 @@
-// JsonValue: the conversion between property-list Values and JSON for vorlenctl's input and output.
+// JsonValue: the conversion between property-list Values and JSON, for JSON that arrives from outside
+// (server bodies and headers, command-line input) and for printing.
 //
 // Value to JSON (output): strings, numbers, booleans, arrays and dictionaries map directly; data becomes
 // a base64 string and a date an ISO-8601 UTC string with microseconds, so every value can be printed.
 // JSON to Value (input): strings, booleans, arrays and objects map directly; integers become signed
 // integers (unsigned above 2^63-1), other numbers reals. JSON null has no property-list form and is
-// rejected.
+// rejected, as is nesting deeper than kMaxDepth containers (the property-list codec's own limit, so
+// whatever converts can also be stored).
 //
 // Threading: stateless.
 #pragma once
@@ -16,13 +18,15 @@
 
 #include "base/Value.h"
 
-namespace vorlen::ctl {
+namespace vorlen {
 
 class JsonValue {
  public:
+  static constexpr int kMaxDepth = 64;
+
   static nlohmann::ordered_json toJson(const Value& value);
-  // nullopt with the place and reason in *error when `json` holds a null.
+  // nullopt with the place and reason in *error when `json` holds a null or nests too deeply.
   static std::optional<Value> toValue(const nlohmann::json& json, std::string* error);
 };
 
-}  // namespace vorlen::ctl
+}  // namespace vorlen

@@ -7,7 +7,7 @@
 
 #include <fmt/format.h>
 
-#include "JsonValue.h"
+#include "base/JsonValue.h"
 #include "base/Preferences.h"
 
 namespace vorlen::ctl {

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "JsonValue.h"
+#include "base/JsonValue.h"
 #include "base/Uuid.h"
 #include "model/QXFeedback.h"
 #include "model/RecordSchema.h"

@@ -1,0 +1,31 @@
+#include "base/JsonValue.h"
+
+#include <gtest/gtest.h>
+
+namespace vorlen {
+namespace {
+
+TEST(JsonValueTest, ConvertsBothWaysAndRefusesWhatAPropertyListCannotHold) {
+  std::string error;
+  auto v = JsonValue::toValue(nlohmann::json::parse(R"({"a": [1, 2.5, "x", true], "big": 18446744073709551615})"),
+                              &error);
+  ASSERT_TRUE(v) << error;
+  EXPECT_EQ(v->getDict()->at("a").getArray()->at(0).getInt(), 1);
+  EXPECT_EQ(v->getDict()->at("big").type(), Value::Type::UInt);
+  EXPECT_EQ(JsonValue::toJson(*v).dump(), R"({"a":[1,2.5,"x",true],"big":18446744073709551615})");
+
+  EXPECT_FALSE(JsonValue::toValue(nlohmann::json::parse(R"({"a": {"b": null}})"), &error));
+  EXPECT_EQ(error, ".a.b: null has no property-list form");
+
+  // Nesting is bounded so that hostile input cannot exhaust the stack; the limit itself still converts.
+  auto nested = [](int depth) {
+    std::string text(static_cast<size_t>(depth), '[');
+    return nlohmann::json::parse(text + std::string(static_cast<size_t>(depth), ']'));
+  };
+  EXPECT_TRUE(JsonValue::toValue(nested(JsonValue::kMaxDepth), &error)) << error;
+  EXPECT_FALSE(JsonValue::toValue(nested(JsonValue::kMaxDepth + 1), &error));
+  EXPECT_NE(error.find("nested too deeply"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace vorlen
