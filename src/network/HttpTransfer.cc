@@ -95,7 +95,11 @@ std::variant<std::unique_ptr<HttpTransfer>, HttpError> HttpTransfer::create(
   curl_easy_setopt(e, CURLOPT_SSL_SESSIONID_CACHE, settings.tlsSessionReuse ? 1L : 0L);
   curl_easy_setopt(e, CURLOPT_HTTP_VERSION,
                    settings.http2Multiplexing ? long(CURL_HTTP_VERSION_2TLS) : long(CURL_HTTP_VERSION_1_1));
-  curl_easy_setopt(e, CURLOPT_PIPEWAIT, settings.http2Multiplexing ? 1L : 0L);
+  // Waiting for a connection to tell whether it multiplexes pays only where TLS negotiates HTTP/2, which it
+  // knows after the handshake. A cleartext connection speaks HTTP/1.1 and would learn nothing until its
+  // response ends, so waiting there would queue a keystroke's request behind a slow earlier one.
+  const bool tls = request.url.rfind("https://", 0) == 0;
+  curl_easy_setopt(e, CURLOPT_PIPEWAIT, settings.http2Multiplexing && tls ? 1L : 0L);
   curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
                    millisecondsClamped(request.timeoutSeconds.value_or(settings.requestTimeoutSeconds)));
   curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, millisecondsClamped(settings.resourceTimeoutSeconds));
