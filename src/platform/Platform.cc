@@ -4,7 +4,14 @@
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "platform/DeviceProperties.h"
+#include "platform/DeviceRestrictions.h"
+#include "platform/GeoConfiguration.h"
+#include "platform/GeoSession.h"
 #include "platform/InteractionDonor.h"
+#include "platform/LocaleProvider.h"
+#include "platform/LocationProvider.h"
+#include "platform/PlatformChangeMonitor.h"
+#include "platform/SystemNotifier.h"
 
 namespace vorlen {
 
@@ -17,6 +24,23 @@ Platform Platform::forLinux(const Paths& paths) {
   p.counters = std::make_shared<Counters>(paths.cachesDir / Counters::kFileName, p.clock);
   p.notificationCenter = NotificationCenter::create();
   p.interactionDonor = std::make_shared<InteractionDonor>(paths.cachesDir / "interactions.jsonl", p.clock);
+  p.systemNotifier = SystemNotifier::create();
+  {
+    auto defaults = std::make_shared<Preferences>(paths.configDir, kServiceName);
+    auto locale = std::make_shared<LinuxLocaleProvider>(defaults, p.notificationCenter);
+    auto location = std::make_shared<LinuxLocationProvider>(defaults, p.notificationCenter);
+    auto geo = std::make_shared<LinuxGeoConfiguration>(defaults, locale, p.notificationCenter);
+    auto restrictions = std::make_shared<LinuxDeviceRestrictions>(defaults, p.notificationCenter);
+    p.locale = locale;
+    p.location = location;
+    p.geoSession = std::make_shared<LinuxGeoSession>();
+    p.geo = geo;
+    p.restrictions = restrictions;
+    p.changeMonitor = PlatformChangeMonitor::create(
+        p.clock, {[locale] { locale->checkForChanges(); }, [geo] { geo->checkForChanges(); },
+                  [location] { location->checkForChanges(); }, [restrictions] { restrictions->checkForChanges(); }});
+    p.changeMonitor->start();
+  }
   return p;
 }
 
@@ -30,6 +54,12 @@ Platform Platform::forTesting(const std::filesystem::path& root, std::shared_ptr
   p.counters = std::make_shared<Counters>(std::filesystem::path(), p.clock);
   p.notificationCenter = NotificationCenter::create();
   p.interactionDonor = std::make_shared<InteractionDonor>(p.paths.cachesDir / "interactions.jsonl", p.clock);
+  p.systemNotifier = SystemNotifier::create();
+  p.locale = std::make_shared<FakeLocaleProvider>(p.notificationCenter);
+  p.location = std::make_shared<FakeLocationProvider>();
+  p.geoSession = std::make_shared<FakeGeoSession>();
+  p.geo = std::make_shared<FakeGeoConfiguration>(p.notificationCenter);
+  p.restrictions = std::make_shared<FakeDeviceRestrictions>(p.notificationCenter);
   return p;
 }
 

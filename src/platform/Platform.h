@@ -16,6 +16,13 @@ namespace vorlen {
 class DeviceProperties;
 class Counters;
 class InteractionDonor;
+class SystemNotifier;
+class LocaleProvider;
+class LocationProvider;
+class GeoSession;
+class GeoConfiguration;
+class DeviceRestrictions;
+class PlatformChangeMonitor;
 
 struct Platform {
   Paths paths;
@@ -25,6 +32,19 @@ struct Platform {
   std::shared_ptr<NotificationCenter> notificationCenter;
   // Interaction donations: <caches>/interactions.jsonl.
   std::shared_ptr<InteractionDonor> interactionDonor;
+  // System-wide notifications: logged and handed to in-process observers.
+  std::shared_ptr<SystemNotifier> systemNotifier;
+  // Locale, preferred languages, time zone; location; geo session; geo configuration (environment, client
+  // metadata, country code); restrictions, managed account and diagnostics consent. Each posts its
+  // kPlatform...DidChangeNotification on `notificationCenter`.
+  std::shared_ptr<LocaleProvider> locale;
+  std::shared_ptr<LocationProvider> location;
+  std::shared_ptr<GeoSession> geoSession;
+  std::shared_ptr<GeoConfiguration> geo;
+  std::shared_ptr<DeviceRestrictions> restrictions;
+  // Linux only (null in tests): re-reads the preferences behind the adapters above every few seconds, so
+  // an edit of them is announced without a signal; checkNow() is what a SIGHUP should run.
+  std::shared_ptr<PlatformChangeMonitor> changeMonitor;
 
   // Linux services for the given folders (which must exist). The counters persist to
   // <caches>/counters.plist.
