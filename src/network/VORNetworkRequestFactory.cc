@@ -1,0 +1,774 @@
+#include "network/VORNetworkRequestFactory.h"
+
+#include <mutex>
+
+#include "base/Log.h"
+#include "base/Preferences.h"
+#include "model/Constants.h"
+#include "network/BagController.h"
+#include "network/LocationManager.h"
+#include "network/UrlComponents.h"
+#include "network/UserAgent.h"
+#include "network/VORRequestContext.h"
+#include "network/VorlenURLRequestBuilder.h"
+#include "platform/Assembly.h"
+#include "platform/DeviceProperties.h"
+#include "platform/DeviceRestrictions.h"
+#include "platform/LocaleProvider.h"
+#include "platform/PlatformNotifications.h"
+
+namespace vorlen {
+
+namespace {
+
+const Logger& requestLog() { return VorlenLogForCategory(VorlenLogCategoryRequest); }
+
+constexpr const char* kDebugParametersKey = "VORDebugParameters";
+constexpr const char* kUseQuintaraKey = "VORUseQuintara";
+// The client text whose agent resource downloads are sent with.
+constexpr const char* kDownloadClientText = "Norvanta/1";
+// Visibility settings written on every new bag, with the client agent whose view of the bag decides them.
+constexpr const char* kNewsVisibilitySetting = "allowNewsInSystemSearch";
+constexpr const char* kNewsAgent = "news";
+constexpr const char* kHashtagImagesVisibilitySetting = "allowHashtagImagesInSystemSearch";
+constexpr const char* kHashtagImagesAgent = "hashtagimages";
+
+std::vector<QueryItem> queryItemsOf(const VORRequest& query) {
+  std::vector<QueryItem> items;
+  items.reserve(query.queryItems.size());
+  for (const VORQueryItem& item : query.queryItems) items.push_back(QueryItem{item.name, item.value});
+  return items;
+}
+
+std::optional<VorlenURLRequestBuilder> builderFor(const std::optional<std::string>& url, const char* what) {
+  if (!url || url->empty()) {
+    requestLog().error("no {} URL in the bag", what);
+    return std::nullopt;
+  }
+  auto builder = VorlenURLRequestBuilder::requestBuilderWithURL(*url);
+  if (!builder) requestLog().error("invalid {} URL: {}", what, *url);
+  return builder;
+}
+
+}  // namespace
+
+struct VORNetworkRequestFactory::Impl {
+  Impl(const Assembly& assembly, std::shared_ptr<Queue> queue)
+      : _contextAccessQueue(std::move(queue)),
+        context(_contextAccessQueue, assembly.locationManager),
+        defaults(assembly.userDefaults),
+        center(assembly.notificationCenter),
+        locationManager(assembly.locationManager),
+        locale(assembly.platform.locale),
+        restrictions(assembly.platform.restrictions),
+        device(assembly.platform.device),
+        clock(assembly.clock() ? assembly.clock() : Clock::system()) {}
+
+  std::shared_ptr<Queue> _contextAccessQueue;
+  VORRequestContext context;  // on _contextAccessQueue
+  std::optional<std::string> debugParametersText;  // the preference text the debug items were parsed from
+  std::optional<std::string> _vorlendUserAgent;
+
+  std::shared_ptr<Preferences> defaults;
+  std::shared_ptr<NotificationCenter> center;
+  std::shared_ptr<LocationManager> locationManager;
+  std::shared_ptr<LocaleProvider> locale;
+  std::shared_ptr<DeviceRestrictions> restrictions;
+  std::shared_ptr<DeviceProperties> device;
+  std::shared_ptr<Clock> clock;
+  std::vector<std::unique_ptr<NotificationCenter::Token>> observers;
+
+  mutable std::mutex proxyMu;
+  std::optional<Value::Dict> proxyConfiguration;
+
+  // ---- Context upkeep (on the context queue).
+
+  // Re-parses "VORDebugParameters" when its text changed since the last request.
+  void _refreshDebugParameters() {
+    _contextAccessQueue->assertCurrent();
+    std::optional<std::string> text = defaults ? defaults->stringForKey(kDebugParametersKey) : std::nullopt;
+    if (text == debugParametersText) return;
+    debugParametersText = text;
+    context._debuggingQueryItems = text ? VORRequestContext::parseDebugParameters(*text) : std::vector<QueryItem>{};
+  }
+
+  bool useQuintara() const { return defaults && defaults->boolForKey(kUseQuintaraKey); }
+
+  // Starts location updates when the bag wants location with requests and the user allows it.
+  void _startLocationIfNeeded(const VORBag& bag, const std::shared_ptr<VORNetworkRequestFactory>& self) {
+    if (!locationManager || bag.supportedGeoLocationSources().empty()) return;
+    if (!LocationProvider::isAuthorized(locationManager->authorizationStatus())) return;
+    locationManager->startUpdatingLocation(self);
+  }
+
+  // Every query request ends with its time-out.
+  static HttpRequest emit(const VorlenURLRequestBuilder& b, double timeout) {
+    HttpRequest request = b.createMutableUrlRequest();
+    request.timeoutSeconds = timeout;
+    return request;
+  }
+};
+
+std::shared_ptr<VORNetworkRequestFactory> VORNetworkRequestFactory::create(const Assembly& assembly) {
+  std::shared_ptr<VORNetworkRequestFactory> factory(new VORNetworkRequestFactory(assembly));
+  factory->_setUp();
+  return factory;
+}
+
+VORNetworkRequestFactory::VORNetworkRequestFactory(const Assembly& assembly)
+    : impl_(std::make_unique<Impl>(assembly, Queue::serial("com.velmo.vorlend.contextaccess", QueuePriority::Default,
+                                                           assembly.clock()))) {
+  if (impl_->device) impl_->_vorlendUserAgent = createUserAgentString(kVORVorlendNameVersion, *impl_->device);
+}
+
+VORNetworkRequestFactory::~VORNetworkRequestFactory() = default;
+
+void VORNetworkRequestFactory::_setUp() {
+  Impl& d = *impl_;
+  std::shared_ptr<VORNetworkRequestFactory> self = shared_from_this();
+  std::weak_ptr<VORNetworkRequestFactory> weak = self;
+
+  // Locale, country, client metadata, restrictions, managed account, location: first set-up, no
+  // announcement.
+  _updateLocaleContexts(false);
+  _updateDeviceCountryCode(false);
+  std::optional<std::string> metadata;
+  if (d.locationManager) {
+    std::string text = d.locationManager->getMapsClientMetadata();
+    if (!text.empty()) metadata = std::move(text);
+  }
+  const int authorization = d.locationManager ? d.locationManager->authorizationStatus() : 0;
+  d._contextAccessQueue->sync([&] {
+    d.context._geoClientMetadata = metadata;
+    // _initLocationServices: until a fix arrives the source says why there is none.
+    d.context._geoLocationSource = LocationProvider::isAuthorized(authorization) ? "error.init" : "userno";
+  });
+  _updateDeviceRestrictions();
+  _updateIsManagedAccount();
+
+  if (!d.center) return;
+  auto observe = [&](const char* name, std::function<void(VORNetworkRequestFactory&, const Notification&)> handler) {
+    d.observers.push_back(d.center->addObserver<VORNetworkRequestFactory>(name, nullptr, self, std::move(handler)));
+  };
+  observe(kPlatformCurrentLocaleDidChangeNotification,
+          [](VORNetworkRequestFactory& f, const Notification&) { f._updateLocaleContexts(true); });
+  observe(kPlatformTimeZoneDidChangeNotification,
+          [](VORNetworkRequestFactory& f, const Notification&) { f._updateTimeZoneName(); });
+  observe(kPlatformCountryCodeDidChangeNotification,
+          [](VORNetworkRequestFactory& f, const Notification&) { f._updateDeviceCountryCode(true); });
+  observe(kPlatformEffectiveSettingsDidChangeNotification,
+          [](VORNetworkRequestFactory& f, const Notification&) { f._updateDeviceRestrictions(); });
+  observe(kPlatformAccountStoreDidChangeNotification,
+          [](VORNetworkRequestFactory& f, const Notification&) { f._updateIsManagedAccount(); });
+  observe(kPlatformAccountCredentialsDidChangeNotification,
+          [](VORNetworkRequestFactory& f, const Notification&) { f._updateIsManagedAccount(); });
+  observe(kVORBagChangeNotification,
+          [](VORNetworkRequestFactory& f, const Notification& n) { f.bagChangeNotification(n); });
+}
+
+// ---- Context updates ---------------------------------------------------------------------------------------
+
+void VORNetworkRequestFactory::_updateLocaleContexts(bool announce) {
+  Impl& d = *impl_;
+  if (!d.locale) return;
+  // Read outside the queue: the locale service may be slow (ICU data loading).
+  const LocaleProvider& locale = *d.locale;
+  std::string identifier = locale.localeIdentifier();
+  std::string calendar = locale.calendarIdentifier();
+  std::optional<std::string> measurement = VORRequestContext::measurementSystemCode(locale.measurementSystem());
+  std::optional<std::string> languages = VORRequestContext::preferredLanguagesText(locale.preferredLanguages());
+  std::string temperature = locale.preferredTemperatureUnit().value_or(locale.localeTemperatureUnit());
+  std::string esl = locale.effectiveSystemLanguage();
+  bool is24h = locale.hourFormatPattern().find("HH") != std::string::npos;
+  std::string timeZone = locale.timeZoneName();
+
+  d._contextAccessQueue->sync([&] {
+    VORRequestContext& c = d.context;
+    c._localeIdentifier = identifier.empty() ? std::nullopt : std::optional(identifier);
+    c._localeCalendarIdentifier = calendar.empty() ? std::nullopt : std::optional(calendar);
+    c._localeMeasurementSystem = measurement;
+    c._preferredLanguages = languages;
+    c._tempUnits = temperature.empty() ? std::nullopt : std::optional(temperature.substr(0, 1));
+    c._effectiveSystemLanguage = esl.empty() ? std::nullopt : std::optional(esl);
+    c._is24hDateFormat = is24h ? std::optional<std::string>("1") : std::nullopt;
+    c._localTimeZoneName = timeZone.empty() ? std::nullopt : std::optional(timeZone);
+  });
+  // Posted off the context queue, after the update: observers (the bag controller) build requests at once.
+  if (announce && d.center) d.center->post(kVORBagRefreshRequired, this);
+}
+
+void VORNetworkRequestFactory::_updateTimeZoneName() {
+  Impl& d = *impl_;
+  if (!d.locale) return;
+  std::string timeZone = d.locale->timeZoneName();
+  d._contextAccessQueue->sync(
+      [&] { d.context._localTimeZoneName = timeZone.empty() ? std::nullopt : std::optional(timeZone); });
+}
+
+void VORNetworkRequestFactory::_updateDeviceCountryCode(bool announce) {
+  Impl& d = *impl_;
+  std::string code = d.locationManager ? d.locationManager->getDeviceCountryCode() : std::string();
+  std::optional<std::string> next = code.empty() ? std::nullopt : std::optional(code);
+  bool changed = false;
+  d._contextAccessQueue->sync([&] {
+    changed = d.context._geoDeviceCountryCode != next;
+    d.context._geoDeviceCountryCode = next;
+  });
+  if (changed && announce && d.center) d.center->post(kVORBagRefreshRequired, this);
+}
+
+void VORNetworkRequestFactory::_updateDeviceRestrictions() {
+  Impl& d = *impl_;
+  if (!d.restrictions) return;
+  const DeviceRestrictions& r = *d.restrictions;
+  d._contextAccessQueue->sync([&] {
+    requestLog().debug("device restriction have changed, currently restriction status is {}",
+                       int(d.context._deviceRestricted));
+    bool restricted;
+    if (r.bookStoreSetting() == DeviceRestrictions::kNo) {
+      restricted = true;
+    } else if (!r.isMediaStoreAllowed()) {
+      restricted = true;
+    } else {
+      restricted = !r.isAppInstallationAllowed();
+    }
+    d.context._diagnosticsAllowed = r.isDiagnosticSubmissionAllowed();
+    if (restricted != d.context._deviceRestricted) {
+      d.context._deviceRestricted = restricted;
+      requestLog().info("updating device restriction status to: {}", int(restricted));
+    }
+  });
+}
+
+void VORNetworkRequestFactory::_updateIsManagedAccount() {
+  Impl& d = *impl_;
+  if (!d.restrictions) return;
+  bool managed = d.restrictions->isManagedAccount();
+  d._contextAccessQueue->sync([&] {
+    if (managed == d.context._isManagedAccount) return;
+    d.context._isManagedAccount = managed;
+    requestLog().info("updating managed account status to: {}", int(managed));
+  });
+}
+
+void VORNetworkRequestFactory::bagChangeNotification(const Notification& notification) {
+  const Value* record = notification.userInfo.find(kVORBagKey);
+  if (!record) return;
+  auto bag = VORBag::fromRecord(*record);
+  if (bag) _didGetBag(*bag);
+}
+
+void VORNetworkRequestFactory::_didGetBag(const VORBag& bag) {
+  Impl& d = *impl_;
+  std::vector<std::string> sources = bag.supportedGeoLocationSources();
+  std::weak_ptr<VORNetworkRequestFactory> weak = weak_from_this();
+  d._contextAccessQueue->async([weak, sources] {
+    auto self = weak.lock();
+    if (!self) return;
+    Impl& d = *self->impl_;
+    d.context._supportedGeoLocationSources = sources;
+    if (!sources.empty()) {
+      if (d.locationManager) d.locationManager->startUpdatingLocation(self);
+    } else {
+      if (d.locationManager) d.locationManager->stopUpdatingLocation();
+      d.context._setNoLocationWithReason(fmt::format("{}.{}", "bagno", "all"));
+    }
+  });
+
+  // Visibility of news and hashtag images in system search follows those clients' view of the bag.
+  if (d.restrictions) {
+    Queue::global(QueuePriority::Background)->async([restrictions = d.restrictions, raw = bag.rawBag()] {
+      for (auto [setting, agent] : {std::pair{kNewsVisibilitySetting, kNewsAgent},
+                                    std::pair{kHashtagImagesVisibilitySetting, kHashtagImagesAgent}}) {
+        bool enabled = VORBag(raw, agent).isEnabled();
+        restrictions->setVisibilitySetting(setting, enabled);
+        requestLog().info("set effective visibility setting for {} to {}", setting, int(enabled));
+      }
+    });
+  }
+
+  // The network service proxy's configuration for this service.
+  Value::Dict proxy = bag.quintaraConfiguration().value_or(
+      Value::Dict{{"appRule", Value::dict({{"enable", Value::dict({{"Enabled", false}})}})}});
+  requestLog().debug("network service proxy configuration for vorlend: {}", Value(proxy).describe());
+  std::lock_guard lock(d.proxyMu);
+  d.proxyConfiguration = std::move(proxy);
+}
+
+std::optional<Value::Dict> VORNetworkRequestFactory::networkServiceProxyConfiguration() const {
+  std::lock_guard lock(impl_->proxyMu);
+  return impl_->proxyConfiguration;
+}
+
+// ---- Pushed context ----------------------------------------------------------------------------------------
+
+void VORNetworkRequestFactory::setSilhouetteTopics(const Value& topics) {
+  std::optional<std::string> text;
+  if (const std::string* s = topics.getString()) {
+    text = *s;
+  } else {
+    text = VORRequestContext::jsonText(topics);
+  }
+  impl_->_contextAccessQueue->sync([&] { impl_->context._silhouetteTopicsStr = text; });
+}
+
+void VORNetworkRequestFactory::setPerformedSearch() {
+  impl_->_contextAccessQueue->sync([&] { impl_->context.setPerformedSearch(); });
+}
+
+void VORNetworkRequestFactory::subscriptionManagerDidUpdateSubscriptionDictionaries(const Value::Array& dictionaries) {
+  std::optional<std::string> text;
+  if (!dictionaries.empty()) {
+    text = VORRequestContext::jsonText(Value(dictionaries));
+    if (!text) {
+      VorlenLogForCategory(VorlenLogCategorySubscription).error("cannot encode subscription dictionaries as JSON");
+    }
+  }
+  impl_->_contextAccessQueue->sync([&] { impl_->context._subscriptionInfo = text; });
+}
+
+void VORNetworkRequestFactory::subscriptionManagerDidUpdateStorefrontIdentifier(
+    const std::optional<std::string>& storefront) {
+  impl_->_contextAccessQueue->sync([&] { impl_->context._storeFrontIdentifier = storefront; });
+}
+
+void VORNetworkRequestFactory::setAppWhitelistSignature(const std::optional<std::string>& signature) {
+  impl_->_contextAccessQueue->sync([&] { impl_->context._appWhitelistSignature = signature; });
+}
+
+std::optional<GeoSessionEntity> VORNetworkRequestFactory::getMapsUserSessionEntityAndReset(bool reset) {
+  if (!impl_->locationManager) return std::nullopt;
+  return impl_->locationManager->getMapsUserSessionEntityAndReset(reset);
+}
+
+void VORNetworkRequestFactory::flushContextAccessQueue() {
+  impl_->_contextAccessQueue->sync([] {});
+}
+
+VORNetworkRequestFactory::LocationState VORNetworkRequestFactory::locationStateForTesting() {
+  LocationState state;
+  impl_->_contextAccessQueue->sync([&] {
+    state.latLng = impl_->context._geoLocationLatLng;
+    state.source = impl_->context._geoLocationSource;
+    state.lookupLatLng = impl_->context._lookupGeoLocationLatLng;
+  });
+  return state;
+}
+
+// ---- Location delegate -------------------------------------------------------------------------------------
+
+void VORNetworkRequestFactory::locationManagerDidUpdateLocations(const std::vector<LocationFix>& locations) {
+  if (locations.empty()) return;
+  LocationFix last = locations.back();
+  std::weak_ptr<VORNetworkRequestFactory> weak = weak_from_this();
+  impl_->_contextAccessQueue->async([weak, last] {
+    auto self = weak.lock();
+    if (!self) return;
+    Impl& d = *self->impl_;
+    // One fix per start: a fix the bag accepts ends the updates; a refused one leaves them running.
+    if (d.context._setLocationIfAllowedByBag(last) && d.locationManager) d.locationManager->stopUpdatingLocation();
+  });
+}
+
+void VORNetworkRequestFactory::locationManagerDidFailWithError(const std::string& error) {
+  requestLog().fault("Location determination failed with error {}", error);
+  std::weak_ptr<VORNetworkRequestFactory> weak = weak_from_this();
+  impl_->_contextAccessQueue->async([weak] {
+    if (auto self = weak.lock()) self->impl_->context._setNoLocationWithReason("error.fail");
+  });
+}
+
+void VORNetworkRequestFactory::locationManagerDidChangeAuthorizationStatus(int status) {
+  Impl& d = *impl_;
+  if (d.locationManager && d.locationManager->locationServicesEnabled() && LocationProvider::isAuthorized(status)) {
+    d.locationManager->startUpdatingLocation(weak_from_this());
+    return;
+  }
+  std::weak_ptr<VORNetworkRequestFactory> weak = weak_from_this();
+  d._contextAccessQueue->async([weak] {
+    if (auto self = weak.lock()) self->impl_->context._setNoLocationWithReason("userno");
+  });
+}
+
+// ---- Query requests ----------------------------------------------------------------------------------------
+
+std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSearchRequest& query, const VORBag& bag,
+                                                                   const Uuid& userGuid, const VORRequestClient& client,
+                                                                   const std::optional<std::string>& fieldMask) {
+  Impl& d = *impl_;
+  auto builder = builderFor(bag.searchURL(), "search");
+  if (!builder) return std::nullopt;
+  d._startLocationIfNeeded(bag, shared_from_this());
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    b.forceQueryItemWithName("q", query.queryString);
+    switch (query.triggerEvent) {
+      case 8:
+      case 10:
+        b.forceQueryItemWithName("qtype", "suggested");
+        break;
+      case 21:
+        b.defaultQueryItemWithName("suggest_queries", "withtop");
+        break;
+      case 22:
+      case 23:
+        b.forceQueryItemWithName("qtype", "explicit");
+        break;
+      default:
+        break;
+    }
+    b.forceQueryItemsFromArray(queryItemsOf(query));
+    c._addDebugQueryItems(b);
+    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
+    c._addSecretKeyQueryItem(b);
+    c._addCardQueryItem(b);
+    c._addHttpRequestTopTopics(b, query.topTopics);
+    c._addDeviceCountryCodeQueryItem(b);
+    c._addLocaleQueryItem(b);
+    c._addEffectiveSystemLanguageQueryItem(b);
+    c._addHttpRequestPreferredLanguages(b);
+    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
+    c._addCalendarQueryItem(b);
+    c._addTimeZoneQueryItem(b);
+    c._addTemperatureUnitsQueryItem(b);
+    c._addTempUnitPreferenceQueryItem(b, c._tempUnits);
+    c._add24hDateFormatQueryItem(b);
+    c._addl2l3modelVersions(b, bag.l2version(), bag.l3version());
+    c._addSuggestionStrings(b, query);
+    c._addSilhouetteTopics(b);
+    c._addHttpGeoClientMetadata(b);
+    if (c._geoLocation) {
+      c._addLocationQueryItem(b);
+      c._addLocationSourceQueryItem(b);
+    }
+    c._addHttpAppWhitelistSignature(b);
+    c._addManagedAccountQueryItem(b);
+    c._addStoreFrontQueryItem(b);
+    c._addHttpRequestSubscriptionInfo(b);
+    c._addHttpRequestUserGuid(b, userGuid);
+    c._addHttpRequestUserAgent(b, client.userAgent);
+    c._addHttpRequestUIScale(b, query.scale);
+    c._addHttpMapsEnvironmentName(b, bag);
+    c._addHttpRequestMapsSessionId(b);
+    out = Impl::emit(b, client.requestTimeout);
+  });
+  return out;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VORZeroKeywordRequest& query,
+                                                                        const VORBag& bag, const Uuid& userGuid,
+                                                                        const VORRequestClient& client,
+                                                                        const std::optional<std::string>& fieldMask) {
+  Impl& d = *impl_;
+  auto builder = builderFor(bag.searchURL(), "search");
+  if (!builder) return std::nullopt;
+  d._startLocationIfNeeded(bag, shared_from_this());
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    b.forceQueryItemWithName("qtype", "zkw");
+    b.forceQueryItemsFromArray(queryItemsOf(query));
+    c._addDebugQueryItems(b);
+    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
+    c._addSecretKeyQueryItem(b);
+    c._addLocaleQueryItem(b);
+    c._addEffectiveSystemLanguageQueryItem(b);
+    c._addHttpRequestPreferredLanguages(b);
+    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
+    c._addCalendarQueryItem(b);
+    c._addTimeZoneQueryItem(b);
+    c._addTempUnitPreferenceQueryItem(b, c._tempUnits);
+    c._addTemperatureUnitsQueryItem(b);
+    c._add24hDateFormatQueryItem(b);
+    c._addSilhouetteTopics(b);
+    c._addDeviceCountryCodeQueryItem(b);
+    c._addHttpGeoClientMetadata(b);
+    c._addLocationQueryItem(b);
+    c._addLocationSourceQueryItem(b);
+    c._addStoreFrontQueryItem(b);
+    c._addHttpRequestSubscriptionInfo(b);
+    c._addManagedAccountQueryItem(b);
+    c._addHttpRequestUserGuid(b, userGuid);
+    c._addHttpRequestUserAgent(b, client.userAgent);
+    c._addHttpRequestUIScale(b, query.scale);
+    c._addHttpMapsEnvironmentName(b, bag);
+    c._addHttpRequestMapsSessionId(b);
+    out = Impl::emit(b, client.requestTimeout);
+  });
+  return out;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VORMoreResultsRequest& query,
+                                                                        const VORBag& bag, const Uuid& userGuid,
+                                                                        const VORRequestClient& client,
+                                                                        const std::optional<std::string>& fieldMask) {
+  Impl& d = *impl_;
+  auto builder = builderFor(bag.moreResultsURL(), "more results");
+  if (!builder) return std::nullopt;
+  // A URL that already carries a position needs none of ours.
+  if (!builder->containsQueryItemWithName("latlng")) d._startLocationIfNeeded(bag, shared_from_this());
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    b.forceQueryItemsFromArray(queryItemsOf(query));
+    c._addDebugQueryItems(b);
+    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
+    c._addSecretKeyQueryItem(b);
+    c._addLocaleQueryItem(b);
+    c._addEffectiveSystemLanguageQueryItem(b);
+    c._addHttpRequestPreferredLanguages(b);
+    c._addLocationQueryItem(b);
+    c._addLocationSourceQueryItem(b);
+    c._addHttpAppWhitelistSignature(b);
+    c._addStoreFrontQueryItem(b);
+    c._addHttpRequestSubscriptionInfo(b);
+    c._addManagedAccountQueryItem(b);
+    c._addHttpRequestUserGuid(b, userGuid);
+    c._addHttpRequestUserAgent(b, client.userAgent);
+    c._addHttpRequestUIScale(b, query.scale);
+    out = Impl::emit(b, client.requestTimeout);
+  });
+  return out;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRequest& query, const VORBag& bag,
+                                                                 const Uuid& userGuid, const VORRequestClient& client) {
+  Impl& d = *impl_;
+  auto builder = builderFor(bag.cardURL(), "card");
+  if (!builder) return std::nullopt;
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    b.forceQueryItemsFromArray(queryItemsOf(query));
+    c._addDebugQueryItems(b);
+    c._addSecretKeyQueryItem(b);
+    c._addLocaleQueryItem(b);
+    c._addEffectiveSystemLanguageQueryItem(b);
+    c._addHttpRequestPreferredLanguages(b);
+    c._addDeviceCountryCodeQueryItem(b);
+    c._addLocationQueryItem(b);
+    c._addLocationSourceQueryItem(b);
+    c._addStoreFrontQueryItem(b);
+    c._addHttpGeoClientMetadata(b);
+    c._addHttpRequestUserGuid(b, userGuid);
+    c._addHttpRequestUserAgent(b, client.userAgent);
+    c._addHttpRequestUIScale(b, query.scale);
+    c._addHttpAppWhitelistSignature(b);
+    c._addHttpRequestMapsSessionId(b);
+    c._addHttpMapsEnvironmentName(b, bag);
+    c._addHttpRequestSubscriptionInfo(b);
+    out = Impl::emit(b, client.requestTimeout);
+  });
+  return out;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLookupRequest& query, const VORBag& bag,
+                                                                   const Uuid& userGuid,
+                                                                   const VORRequestClient& client) {
+  Impl& d = *impl_;
+  auto builder = builderFor(bag.searchURL(), "search");
+  if (!builder) return std::nullopt;
+  d._startLocationIfNeeded(bag, shared_from_this());
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    b.forceQueryItemWithName("q", query.queryString);
+    b.forceQueryItemsFromArray(queryItemsOf(query));
+    c._addDebugQueryItems(b);
+    c._addSecretKeyQueryItem(b);
+    c._addLocaleQueryItem(b);
+    c._addEffectiveSystemLanguageQueryItem(b);
+    c._addHttpRequestPreferredLanguages(b);
+    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
+    c._addDeviceCountryCodeQueryItem(b);
+    c._addHttpGeoClientMetadata(b);
+    c._addLocationQueryItem(b);
+    c._addLocationSourceQueryItem(b);
+    c._addStoreFrontQueryItem(b);
+    c._addHttpRequestSubscriptionInfo(b);
+    c._addClientContextQueryItem(b, query.appBundleIdentifier);
+    c._addLookupHintDomainQueryItem(b, query.hintDomain);
+    c._addLookupSelectionType(b, query.lookupSelectionType);
+    c._addQueryLanguageQueryItem(b, query.queryString);
+    c._addLookupContextLanguageQueryItem(b, query.lookupContext);
+    c._addManagedAccountQueryItem(b);
+    c._addHttpRequestUserGuid(b, userGuid);
+    c._addHttpRequestUserAgent(b, client.userAgent);
+    c._addHttpRequestUIScale(b, query.scale);
+    c._addHttpAppWhitelistSignature(b);
+    c._addHttpRequestMapsSessionId(b);
+    out = Impl::emit(b, client.requestTimeout);
+  });
+  return out;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const VORFlightSearchRequest& query,
+                                                                         const VORBag& bag, const Uuid& userGuid,
+                                                                         const VORRequestClient& client) {
+  Impl& d = *impl_;
+  auto builder = builderFor(bag.flightURL(), "flight");
+  if (!builder) return std::nullopt;
+  d._startLocationIfNeeded(bag, shared_from_this());
+  const double now = toUnixSeconds(d.clock->now());
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    b.forceQueryItemWithName("q", query.flightQuery);
+    b.forceQueryItemWithName("timestamp", fmt::format("{}", now));
+    b.forceQueryItemsFromArray(queryItemsOf(query));
+    c._addDebugQueryItems(b);
+    c._addSecretKeyQueryItem(b);
+    c._addLocaleQueryItem(b);
+    c._addEffectiveSystemLanguageQueryItem(b);
+    c._addHttpRequestPreferredLanguages(b);
+    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
+    c._addDeviceCountryCodeQueryItem(b);
+    c._addHttpGeoClientMetadata(b);
+    c._addLocationQueryItem(b);
+    c._addLocationSourceQueryItem(b);
+    c._addHttpRequestUserGuid(b, userGuid);
+    c._addHttpRequestUserAgent(b, client.userAgent);
+    c._addHttpRequestUIScale(b, query.scale);
+    c._addHttpAppWhitelistSignature(b);
+    c._addHttpRequestMapsSessionId(b);
+    c._forceProtobuf(b);
+    out = Impl::emit(b, client.requestTimeout);
+  });
+  return out;
+}
+
+// ---- Other requests ----------------------------------------------------------------------------------------
+
+std::optional<HttpRequest> VORNetworkRequestFactory::warmRequest(const std::string& url) {
+  auto builder = builderFor(url, "warm");
+  if (!builder) return std::nullopt;
+  HttpRequest request = builder->createMutableUrlRequest();
+  request.cachePolicy = HttpCachePolicy::ReloadIgnoringLocalCacheData;
+  return request;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::bagFetchRequest(const BagController& controller,
+                                                                     const std::optional<std::string>& userAgent,
+                                                                     const std::optional<std::string>& version) {
+  Impl& d = *impl_;
+  std::optional<std::string> country;
+  d._contextAccessQueue->sync([&] { country = d.context._geoDeviceCountryCode; });
+  std::string url = controller.bagFetchURLWithCountry(country);
+  auto builder = VorlenURLRequestBuilder::requestBuilderWithURL(url);
+  if (!builder) {
+    VorlenLogForCategory(VorlenLogCategoryBag).error("bag URL is not absolute: {}", url);
+    return std::nullopt;
+  }
+  const bool quintara = d.useQuintara();
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    c._addVersionQueryItem(b, version);
+    c._addSecretKeyQueryItem(b);
+    c._addDebugQueryItems(b);
+    c._addLocaleQueryItem(b);
+    c._addEffectiveSystemLanguageQueryItem(b);
+    c._addHttpRequestPreferredLanguages(b);
+    c._addDeviceCountryCodeQueryItem(b);
+    c._addHttpRequestUserAgent(b, userAgent);
+    b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
+    out = b.createMutableUrlRequest();
+    out->cachePolicy = HttpCachePolicy::ReloadIgnoringLocalCacheData;
+  });
+  return out;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagController& controller,
+                                                                     const std::optional<std::string>& userAgent,
+                                                                     const std::optional<std::string>& version) {
+  Impl& d = *impl_;
+  std::optional<std::string> country;
+  d._contextAccessQueue->sync([&] { country = d.context._geoDeviceCountryCode; });
+  std::string url = controller.bagFetchURLWithCountry(country);
+  auto builder = VorlenURLRequestBuilder::requestBuilderWithURL(url);
+  if (!builder) {
+    VorlenLogForCategory(VorlenLogCategoryBag).error("bag URL is not absolute: {}", url);
+    return std::nullopt;
+  }
+  const bool quintara = d.useQuintara();
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    c._addVersionQueryItem(b, version);
+    c._addDebugQueryItems(b);
+    c._addLocaleQueryItem(b);
+    c._addEffectiveSystemLanguageQueryItem(b);
+    c._addDeviceCountryCodeQueryItem(b);
+    c._addAgentQueryItem(b, userAgent);
+    b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
+    out = b.createMutableUrlRequest();
+  });
+  return out;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::fileDownloadRequest(const std::string& url,
+                                                                         const std::optional<std::string>& version,
+                                                                         bool includeLatLong) {
+  Impl& d = *impl_;
+  auto builder = builderFor(url, "resource");
+  if (!builder) return std::nullopt;
+  std::optional<std::string> agent = d.device ? createUserAgentString(kDownloadClientText, *d.device) : std::nullopt;
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    c._addSecretKeyQueryItem(b);
+    c._addHttpRequestUserAgent(b, agent);
+    if (includeLatLong) c._addHttpFuzzedLocation(b);
+    c._addHttpIfNoneMatch(b, version);
+    out = b.createMutableUrlRequest();
+  });
+  return out;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::flusherUploadRequest(const std::string& url,
+                                                                          double timeoutSeconds,
+                                                                          const std::string& digest) {
+  Impl& d = *impl_;
+  auto builder = builderFor(url, "upload");
+  if (!builder) return std::nullopt;
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    d._refreshDebugParameters();
+    const VORRequestContext& c = d.context;
+    VorlenURLRequestBuilder& b = *builder;
+    b.defaultHttpHeaderWithName("X-Velmo-Digest", digest);
+    c._addDebugQueryItems(b);
+    c._addSecretKeyQueryItem(b);
+    c._addDeviceCountryCodeQueryItem(b);
+    c._addLocaleQueryItem(b);
+    c._addDiagnosticsAndUsageQueryItem(b);
+    c._addHttpRequestPreferredLanguages(b);
+    c._addHttpRequestUserAgent(b, d._vorlendUserAgent);
+    b.forceHttpHeaderWithName("Content-Encoding", "deflate");
+    out = b.createMutableUrlRequest();
+    out->method = "POST";
+    out->cachePolicy = HttpCachePolicy::ReloadIgnoringLocalCacheData;
+    out->timeoutSeconds = timeoutSeconds;
+  });
+  return out;
+}
+
+}  // namespace vorlen

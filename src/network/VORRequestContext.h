@@ -1,0 +1,173 @@
+// VORRequestContext: the request factory's context about the device and the user, and the vocabulary of
+// query items and header fields that requests take from it. Each add-operation adds one item or header
+// with default semantics (a value already set wins) unless its comment says forced, and leaves it out when
+// the comment says so.
+//
+// Query items:
+//   key        the fixed API key                                  never left out
+//   locale     _localeIdentifier                                  never (bare name when absent)
+//   du_enabled "1"                                                diagnostics not allowed
+//   kb_ime     the query's keyboard input mode                    none
+//   temp       the given temperature preference                   none
+//   qlang      language detected in the query text                none detected
+//   lctxlang   language detected in the look-up context           none detected
+//   ldomain    the look-up hint domain                            empty
+//   context    the client's context value                         never
+//   ltype      2 "hint", 1 "explicit", else "default"             never
+//   mode       "managed"                                          neither managed account nor restricted
+//   version    the given version                                  empty
+//   card       "1"                                                never
+//   latlng     _geoLocationLatLng                                 empty
+//   geosrc     _geoLocationSource                                 empty
+//   agent      the given user agent                               empty
+//   storefront _storeFrontIdentifier                              empty
+//   cc         _geoDeviceCountryCode                              empty
+//   units      _localeMeasurementSystem ("SI", "US", "UK")        none (the name speaks of temperature,
+//                                                                 but the measurement system is sent)
+//   24h        "1"                                                not a 24-hour locale
+//   sil        _silhouetteTopicsStr                               absent or empty
+//   time_zone  _localTimeZoneName                                 empty
+//   calendar   _localeCalendarIdentifier                          empty
+//   esl        _effectiveSystemLanguage                           empty
+//   l2, l3     the bag's model versions                           either empty: neither (logged)
+//   (debug)    _debuggingQueryItems, forced                       none configured
+// Headers:
+//   Accept "application/x-protobuf" (forced); X-Velmo-UserGuid; User-Agent; X-Velmo-UI-Scale ("%.1f", when
+//   above 0); X-Velmo-Languages; X-Velmo-GeoSession; X-Velmo-GeoEnvironment (when the bag says so);
+//   X-Velmo-Subscriptions; X-Velmo-Whitelisted-App-Signature; X-Velmo-TopTopics; X-Velmo-FuzzedLatLong;
+//   If-None-Match; X-Velmo-GeoMetadata.
+//
+// Threading: REQUIRES: every member runs on the context access queue given at construction (each
+// add-operation asserts it). The static helpers are pure.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/Queue.h"
+#include "base/Uuid.h"
+#include "base/Value.h"
+#include "model/QXSearchSuggestion.h"
+#include "model/VORBag.h"
+#include "network/QueryItem.h"
+#include "platform/LocationProvider.h"
+
+namespace vorlen {
+
+class VorlenURLRequestBuilder;
+class LocationManager;
+class VORSearchRequest;
+
+class VORRequestContext {
+ public:
+  static constexpr const char* kSecretKey = "corgipup2718";
+
+  // `locationManager` may be null (no geo session, environment or metadata then).
+  VORRequestContext(std::shared_ptr<Queue> contextAccessQueue, std::shared_ptr<LocationManager> locationManager);
+
+  // ---- Context fields (on the context queue).
+  std::optional<std::string> _localeIdentifier;
+  std::optional<std::string> _localeCalendarIdentifier;
+  std::optional<std::string> _localeMeasurementSystem;
+  std::optional<std::string> _preferredLanguages;  // JSON array text
+  std::optional<std::string> _tempUnits;
+  std::optional<std::string> _effectiveSystemLanguage;
+  std::optional<std::string> _is24hDateFormat;
+  std::optional<std::string> _localTimeZoneName;
+  std::optional<std::string> _geoDeviceCountryCode;
+  std::optional<LocationFix> _geoLocation;
+  std::optional<std::string> _geoLocationLatLng;
+  std::optional<std::string> _geoLocationSource;
+  std::optional<std::string> _lookupGeoLocationLatLng;
+  std::optional<std::string> _geoClientMetadata;
+  std::optional<std::string> _storeFrontIdentifier;
+  std::optional<std::string> _subscriptionInfo;
+  std::optional<std::string> _silhouetteTopicsStr;
+  std::optional<std::string> _appWhitelistSignature;
+  bool _isManagedAccount = false;
+  bool _deviceRestricted = false;
+  bool _diagnosticsAllowed = false;
+  std::vector<QueryItem> _debuggingQueryItems;
+  std::vector<std::string> _supportedGeoLocationSources;
+
+  // ---- Query items.
+  void _addSecretKeyQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addLocaleQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addDiagnosticsAndUsageQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addKeyboardInputModeQueryItem(VorlenURLRequestBuilder& b, const std::optional<std::string>& mode) const;
+  void _addTempUnitPreferenceQueryItem(VorlenURLRequestBuilder& b, const std::optional<std::string>& temp) const;
+  void _addQueryLanguageQueryItem(VorlenURLRequestBuilder& b, const std::string& queryString) const;
+  void _addLookupContextLanguageQueryItem(VorlenURLRequestBuilder& b, const std::string& lookupContext) const;
+  void _addLookupHintDomainQueryItem(VorlenURLRequestBuilder& b, const std::string& hintDomain) const;
+  void _addClientContextQueryItem(VorlenURLRequestBuilder& b, const std::string& context) const;
+  void _addLookupSelectionType(VorlenURLRequestBuilder& b, uint64_t lookupSelectionType) const;
+  void _addManagedAccountQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addVersionQueryItem(VorlenURLRequestBuilder& b, const std::optional<std::string>& version) const;
+  void _addCardQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addLocationQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addLocationSourceQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addAgentQueryItem(VorlenURLRequestBuilder& b, const std::optional<std::string>& userAgent) const;
+  void _addStoreFrontQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addDeviceCountryCodeQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addTemperatureUnitsQueryItem(VorlenURLRequestBuilder& b) const;
+  void _add24hDateFormatQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addSilhouetteTopics(VorlenURLRequestBuilder& b) const;
+  void _addTimeZoneQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addCalendarQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addEffectiveSystemLanguageQueryItem(VorlenURLRequestBuilder& b) const;
+  void _addl2l3modelVersions(VorlenURLRequestBuilder& b, const std::string& l2, const std::string& l3) const;
+  void _addDebugQueryItems(VorlenURLRequestBuilder& b) const;
+  // "lc", "lco", "lcs" from the suggestions the search query carries.
+  void _addSuggestionStrings(VorlenURLRequestBuilder& b, const VORSearchRequest& query) const;
+
+  // ---- Headers.
+  void _forceProtobuf(VorlenURLRequestBuilder& b) const;
+  void _addHttpRequestUserGuid(VorlenURLRequestBuilder& b, const Uuid& userGuid) const;
+  void _addHttpRequestUserAgent(VorlenURLRequestBuilder& b, const std::optional<std::string>& userAgent) const;
+  void _addHttpRequestUIScale(VorlenURLRequestBuilder& b, double scale) const;
+  void _addHttpRequestPreferredLanguages(VorlenURLRequestBuilder& b) const;
+  void _addHttpRequestMapsSessionId(VorlenURLRequestBuilder& b) const;
+  void _addHttpMapsEnvironmentName(VorlenURLRequestBuilder& b, const VORBag& bag) const;
+  void _addHttpRequestSubscriptionInfo(VorlenURLRequestBuilder& b) const;
+  void _addHttpAppWhitelistSignature(VorlenURLRequestBuilder& b) const;
+  void _addHttpRequestTopTopics(VorlenURLRequestBuilder& b, const Value& topTopics) const;
+  void _addHttpFuzzedLocation(VorlenURLRequestBuilder& b) const;
+  void _addHttpIfNoneMatch(VorlenURLRequestBuilder& b, const std::optional<std::string>& version) const;
+  void _addHttpGeoClientMetadata(VorlenURLRequestBuilder& b) const;
+
+  // ---- Location rules.
+  // Applies a fix when the bag's sources allow it; true when it was applied (updates may then stop).
+  bool _setLocationIfAllowedByBag(const LocationFix& fix);
+  void _setLocation(const LocationFix& fix);
+  void _setNoLocationWithReason(const std::string& reason);
+  // Freezes the full coordinates of the current location as the look-up location.
+  void setPerformedSearch();
+
+  // ---- Pure helpers.
+  // "Metric" -> "SI", "U.S." -> "US", "U.K." -> "UK", else nothing.
+  static std::optional<std::string> measurementSystemCode(std::string_view system);
+  // By fix type: 1, 2, 3, 9 "gps"; 6, 7, 8 "cell"; 4, 5 "wifi"; else "unknown".
+  static std::string _locationSourceForLocation(const LocationFix& fix);
+  // Origin of a suggestion by type (1 "se", 5 "ss-<topic>", 6 "ut", 7 "co", 8 "3d", 9 "en"), or nothing.
+  static std::optional<std::string> originStringForSearchSuggestion(const QXSearchSuggestion& suggestion);
+  // Query items of a "VORDebugParameters" text ("a=1&b=2"); a component without exactly one "=" is logged
+  // and skipped.
+  static std::vector<QueryItem> parseDebugParameters(const std::string& text);
+  // At most the first three languages as a JSON array text.
+  static std::optional<std::string> preferredLanguagesText(const std::vector<std::string>& languages);
+  // JSON text of a property-list value; nothing for null or a value JSON cannot hold (dates, data).
+  static std::optional<std::string> jsonText(const Value& value);
+  // The language of a text by its script (ICU), or nothing when it cannot be told; see the .cc for the
+  // mapping from scripts to languages.
+  static std::optional<std::string> detectLanguage(const std::string& text);
+
+ private:
+  std::shared_ptr<Queue> _contextAccessQueue;
+  std::shared_ptr<LocationManager> locationManager_;
+};
+
+}  // namespace vorlen

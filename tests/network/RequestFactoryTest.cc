@@ -1,0 +1,631 @@
+// Requests built by VORNetworkRequestFactory are sent through a real HttpSession to the in-process
+// RefServer, and the assertions are on what arrived there.
+#include "network/VORNetworkRequestFactory.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "base/Log.h"
+#include "base/ManualClock.h"
+#include "base/Paths.h"
+#include "base/Preferences.h"
+#include "model/Constants.h"
+#include "network/BagController.h"
+#include "network/HttpTestSupport.h"
+#include "network/LocationManager.h"
+#include "network/UrlComponents.h"
+#include "platform/Assembly.h"
+#include "platform/DeviceRestrictions.h"
+#include "platform/GeoConfiguration.h"
+#include "platform/LocaleProvider.h"
+#include "platform/LocationProvider.h"
+#include "platform/PlatformNotifications.h"
+#include "vorlen-refserver/RefServer.h"
+
+namespace vorlen {
+namespace {
+
+using Recorded = RefServer::RecordedRequest;
+
+// The bag endpoint role, as the factory uses it: only the URL for a country code matters.
+class UrlOnlyBagController final : public BagController {
+ public:
+  explicit UrlOnlyBagController(std::string base) : base_(std::move(base)) {}
+  std::optional<VORBag> currentBag() override { return std::nullopt; }
+  std::optional<VORBag> cachedBagState() override { return std::nullopt; }
+  std::optional<std::string> warmURL() override { return std::nullopt; }
+  void forceFetchBag(const Value::Dict&) override {}
+  std::string bagFetchURLWithCountry(const std::optional<std::string>& countryCode) const override {
+    lastCountry = countryCode;
+    return base_;
+  }
+  mutable std::optional<std::string> lastCountry;
+
+ private:
+  std::string base_;
+};
+
+std::optional<std::string> item(const Recorded& r, const std::string& name) {
+  for (const auto& [n, v] : r.queryItems) {
+    if (n == name) return v;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> itemNamesOnTheWire(const Recorded& r) {
+  std::vector<std::string> names;
+  for (const QueryItem& i : UrlComponents::parse("http://h/?" + r.rawQuery)->queryItems()) names.push_back(i.name);
+  return names;
+}
+
+bool hasHeader(const Recorded& r, const std::string& name) {
+  return std::any_of(r.headers.begin(), r.headers.end(), [&](const auto& h) {
+    return std::equal(h.first.begin(), h.first.end(), name.begin(), name.end(),
+                      [](char a, char b) { return std::tolower(a) == std::tolower(b); });
+  });
+}
+
+class RequestFactoryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(server.start());
+    HttpSessionSettings s;
+    s.name = "factory-test";
+    session = HttpSession::create(s);
+    // RefServer::start() returns before its accept loop runs, and a stop() before that loop started never
+    // ends it; one answered request proves the loop is running.
+    HttpRequest ping;
+    ping.url = server.baseURL() + "/_echo";
+    send(ping);
+    assembly = std::make_shared<Assembly>(Platform::forTesting(dir.path(), clock));
+    assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
+    assembly->notificationCenter = assembly->platform.notificationCenter;
+    locale = std::static_pointer_cast<FakeLocaleProvider>(assembly->platform.locale);
+    location = std::static_pointer_cast<FakeLocationProvider>(assembly->platform.location);
+    geo = std::static_pointer_cast<FakeGeoConfiguration>(assembly->platform.geo);
+    restrictions = std::static_pointer_cast<FakeDeviceRestrictions>(assembly->platform.restrictions);
+    FakeLocaleProvider::Values v;
+    v.localeIdentifier = "en_GB";
+    v.preferredLanguages = {"en-GB", "fr-FR", "de", "es", "it"};
+    v.measurementSystem = "U.K.";
+    v.localeTemperatureUnit = "Celsius";
+    v.hourFormatPattern = "HH:mm";
+    v.timeZoneName = "Europe/London";
+    v.regionCode = "GB";
+    locale->setValues(v);
+    geo->setCountryCode("GB");
+  }
+
+  // Builds the location manager and the factory from the Assembly as the daemon does.
+  std::shared_ptr<VORNetworkRequestFactory> makeFactory() {
+    assembly->locationManager = LocationManager::create(*assembly);
+    factory = VORNetworkRequestFactory::create(*assembly);
+    assembly->requestFactory = factory;
+    return factory;
+  }
+
+  Value::Dict rawBag(Value::Array sources = {}) const {
+    std::string echo = server.baseURL() + "/_echo";
+    return Value::Dict{{"enabled", true},
+                       {"search_url", echo + "?kind=search"},
+                       {"more_results_url", echo + "?kind=more"},
+                       {"card_url", echo + "?kind=card"},
+                       {"flight_url", echo + "?kind=flight"},
+                       {"l2_version", "l2-7"},
+                       {"l3_version", "l3-9"},
+                       {"send_geo_environment_header", true},
+                       {"supported_geo_location_sources", Value(std::move(sources))}};
+  }
+  VORBag bag(Value::Array sources = {}) const { return VORBag(rawBag(std::move(sources)), "Voyant/1"); }
+
+  void installBag(const VORBag& b) {
+    Notification n;
+    n.name = kVORBagChangeNotification;
+    n.userInfo = Value::dict({{kVORBagKey, b.toRecord()}});
+    assembly->notificationCenter->post(n);
+    factory->flushContextAccessQueue();
+    assembly->locationManager->flushForTesting();
+  }
+
+  // Sends the request and answers what the server recorded of it.
+  Recorded send(const HttpRequest& request) {
+    server.clearRequests();
+    test::CompletionProbe probe;
+    session->dataTask(request, probe.handler())->resume();
+    EXPECT_TRUE(probe.waitFor(1));
+    auto all = server.requests();
+    EXPECT_EQ(all.size(), 1u);
+    return all.empty() ? Recorded{} : all.back();
+  }
+
+  VORRequestClient client{std::string("Vorlend/1.0 (TestDevice1,1; TestOS 1A100) Voyant/1"), 12.5};
+  Uuid guid = *Uuid::parse("1B4E28BA-2FA1-41D2-883F-0016D3CCA427");
+
+  test::TempDir dir;
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+  RefServer server;
+  std::shared_ptr<HttpSession> session;
+  std::shared_ptr<Assembly> assembly;
+  std::shared_ptr<FakeLocaleProvider> locale;
+  std::shared_ptr<FakeLocationProvider> location;
+  std::shared_ptr<FakeGeoConfiguration> geo;
+  std::shared_ptr<FakeDeviceRestrictions> restrictions;
+  std::shared_ptr<VORNetworkRequestFactory> factory;
+};
+
+TEST_F(RequestFactoryTest, SearchRequestCarriesTheWholeContextInAlphabeticalOrder) {
+  makeFactory();
+  VORSearchRequest q;
+  q.queryString = "weather; today";
+  q.triggerEvent = 22;
+  q.scale = 2.0;
+  q.keyboardInputMode = "en_GB";
+  q.topTopics = Value::array({"sports", "news"});
+  QXSearchSuggestion engaged;
+  engaged.suggestion = "weather";
+  engaged.type = 5;
+  engaged.topicIdentifier = "T1";
+  engaged.score = 0.5;
+  QXSearchSuggestion dup;
+  dup.suggestion = "weather uk";
+  dup.type = 6;
+  dup.score = 0.25;
+  engaged.duplicateSuggestions = {dup};
+  q.engagedSuggestion = engaged;
+  QXSearchSuggestion completion;
+  completion.suggestion = "weather today";
+  completion.type = 2;  // no origin
+  completion.score = 1.0;
+  q.completionCacheSuggestion = completion;
+
+  auto request = factory->searchRequest(q, bag(), guid, client, std::string("title,url"));
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->timeoutSeconds, 12.5);
+  Recorded r = send(*request);
+
+  auto names = itemNamesOnTheWire(r);
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end())) << r.rawQuery;
+  EXPECT_NE(r.rawQuery.find("weather%3B"), std::string::npos) << r.rawQuery;
+  EXPECT_EQ(item(r, "q"), "weather; today");
+  EXPECT_EQ(item(r, "qtype"), "explicit");
+  EXPECT_EQ(item(r, "kind"), "search");  // the bag URL's own item survives
+  EXPECT_EQ(item(r, "key"), "corgipup2718");
+  EXPECT_EQ(item(r, "card"), "1");
+  EXPECT_EQ(item(r, "cc"), "GB");
+  EXPECT_EQ(item(r, "locale"), "en_GB");
+  EXPECT_EQ(item(r, "esl"), "en");
+  EXPECT_EQ(item(r, "kb_ime"), "en_GB");
+  EXPECT_EQ(item(r, "calendar"), "gregorian");
+  EXPECT_EQ(item(r, "time_zone"), "Europe/London");
+  EXPECT_EQ(item(r, "units"), "UK");
+  EXPECT_EQ(item(r, "temp"), "C");
+  EXPECT_EQ(item(r, "24h"), "1");
+  EXPECT_EQ(item(r, "l2"), "l2-7");
+  EXPECT_EQ(item(r, "l3"), "l3-9");
+  EXPECT_EQ(item(r, "lc"), "weather:weather uk:weather today");
+  EXPECT_EQ(item(r, "lco"), "ss-T1:ut:");
+  EXPECT_EQ(item(r, "lcs"), "0.50:0.25:1.00");
+  EXPECT_EQ(item(r, VORNetworkRequestFactory::kFieldMaskQueryItem), "title,url");
+  EXPECT_FALSE(item(r, "latlng"));  // no location known
+  EXPECT_FALSE(item(r, "geosrc"));
+  EXPECT_FALSE(item(r, "mode"));
+  EXPECT_FALSE(item(r, "du_enabled"));
+
+  EXPECT_EQ(r.header("X-Velmo-Languages"), R"(["en-GB","fr-FR","de"])");
+  EXPECT_EQ(r.header("X-Velmo-UserGuid"), guid.string());
+  EXPECT_EQ(r.header("User-Agent"), *client.userAgent);
+  EXPECT_EQ(r.header("X-Velmo-UI-Scale"), "2.0");
+  EXPECT_EQ(r.header("X-Velmo-TopTopics"), R"(["sports","news"])");
+  EXPECT_EQ(r.header("X-Velmo-GeoMetadata"), "bWV0YQ==");  // base64 of the fake's "meta"
+  EXPECT_EQ(r.header("X-Velmo-GeoEnvironment"), "test");
+  EXPECT_EQ(Uuid::parse(r.header("X-Velmo-GeoSession")).has_value(), true);
+  EXPECT_FALSE(hasHeader(r, "X-Velmo-Subscriptions"));
+  EXPECT_FALSE(hasHeader(r, "X-Velmo-Whitelisted-App-Signature"));
+  EXPECT_NE(r.header("Accept"), "application/x-protobuf");
+}
+
+TEST_F(RequestFactoryTest, QueryItemsWinOverDefaultsAndDebugItemsWinOverEverything) {
+  assembly->userDefaults->set("VORDebugParameters", "locale=xx_XX&broken&q=debugged&a=b=c&empty=");
+  makeFactory();
+  ScopedLogCapture logs;
+  VORSearchRequest q;
+  q.queryString = "typed";
+  q.triggerEvent = 8;
+  q.queryItems = {VORQueryItem{}, VORQueryItem{}};
+  q.queryItems[0].name = "key";
+  q.queryItems[0].value = "client-key";
+  q.queryItems[1].name = "qtype";
+  q.queryItems[1].value = "mine";
+  Recorded r = send(*factory->searchRequest(q, bag(), guid, client));
+  EXPECT_EQ(item(r, "key"), "client-key");  // default semantics: the query's own item stays
+  EXPECT_EQ(item(r, "qtype"), "mine");      // forced after the trigger's "suggested"
+  EXPECT_EQ(item(r, "locale"), "xx_XX");    // debug items are forced
+  EXPECT_EQ(item(r, "q"), "debugged");      // ... even over the query text
+  EXPECT_EQ(item(r, "empty"), "");
+  EXPECT_FALSE(item(r, "broken"));
+  EXPECT_FALSE(item(r, "a"));
+  EXPECT_TRUE(logs.sink().contains("invalid query components: broken"));
+  EXPECT_TRUE(logs.sink().contains("invalid query components: a=b=c"));
+
+  // A new preference text is picked up by the next request.
+  assembly->userDefaults->remove("VORDebugParameters");
+  Recorded after = send(*factory->searchRequest(q, bag(), guid, client));
+  EXPECT_EQ(item(after, "locale"), "en_GB");
+  EXPECT_EQ(item(after, "q"), "typed");
+}
+
+TEST_F(RequestFactoryTest, MeasurementSystemHourCycleAndModelVersionsDecideTheirItems) {
+  auto v = locale->values();
+  v.measurementSystem = "Imperial";
+  v.hourFormatPattern = "h:mm a";
+  v.preferredLanguages = {};
+  locale->setValues(v);
+  makeFactory();
+  ScopedLogCapture logs;
+  auto raw = rawBag();
+  raw["l3_version"] = "";
+  VORSearchRequest q;
+  q.queryString = "x";
+  Recorded r = send(*factory->searchRequest(q, VORBag(raw, "Voyant/1"), guid, client));
+  EXPECT_FALSE(item(r, "units"));
+  EXPECT_FALSE(item(r, "24h"));
+  EXPECT_FALSE(item(r, "l2"));
+  EXPECT_FALSE(item(r, "l3"));
+  EXPECT_EQ(r.header("X-Velmo-Languages"), "[]");
+  EXPECT_TRUE(logs.sink().contains("error adding model versions to search request, one is invalid: l2=l2-7, l3="));
+
+  v.measurementSystem = "Metric";
+  locale->change(v);
+  Recorded metric = send(*factory->searchRequest(q, bag(), guid, client));
+  EXPECT_EQ(item(metric, "units"), "SI");
+}
+
+TEST_F(RequestFactoryTest, ZeroKeywordRequestIsZkwUnlessTheQuerySaysOtherwise) {
+  makeFactory();
+  VORZeroKeywordRequest q;
+  q.scale = 3.0;
+  Recorded r = send(*factory->zeroKeywordRequest(q, bag(), guid, client));
+  EXPECT_EQ(item(r, "qtype"), "zkw");
+  EXPECT_FALSE(item(r, "q"));
+  EXPECT_FALSE(item(r, "card"));
+  EXPECT_EQ(item(r, "units"), "UK");
+  EXPECT_EQ(item(r, "cc"), "GB");
+  EXPECT_EQ(r.header("X-Velmo-UI-Scale"), "3.0");
+  EXPECT_EQ(r.header("X-Velmo-GeoEnvironment"), "test");
+  EXPECT_TRUE(hasHeader(r, "X-Velmo-GeoSession"));
+
+  q.queryItems = {VORQueryItem{}};
+  q.queryItems[0].name = "qtype";
+  q.queryItems[0].value = "zkw_news";
+  Recorded own = send(*factory->zeroKeywordRequest(q, bag(), guid, client));
+  EXPECT_EQ(item(own, "qtype"), "zkw_news");
+}
+
+TEST_F(RequestFactoryTest, MoreResultsKeepsALatLngOfItsURLAndThenStartsNoLocation) {
+  location->setAuthorizationStatus(LocationProvider::kAuthorizedAlways);
+  makeFactory();
+  VORMoreResultsRequest q;
+  auto raw = rawBag(Value::Array{"wifi"});
+  raw["more_results_url"] = server.baseURL() + "/_echo?latlng=1.5,2.5";
+  installBag(VORBag(raw, "Voyant/1"));
+  const int starts = location->startCount();
+  Recorded r = send(*factory->moreResultsRequest(q, VORBag(raw, "Voyant/1"), guid, client));
+  assembly->locationManager->flushForTesting();
+  EXPECT_EQ(location->startCount(), starts);
+  EXPECT_EQ(item(r, "latlng"), "1.5,2.5");
+  EXPECT_EQ(item(r, "key"), "corgipup2718");
+  EXPECT_FALSE(item(r, "cc"));  // not part of this request kind
+  EXPECT_EQ(r.header("X-Velmo-UserGuid"), guid.string());
+  EXPECT_FALSE(hasHeader(r, "X-Velmo-GeoSession"));
+
+  raw["more_results_url"] = server.baseURL() + "/_echo";
+  send(*factory->moreResultsRequest(q, VORBag(raw, "Voyant/1"), guid, client));
+  assembly->locationManager->flushForTesting();
+  EXPECT_EQ(location->startCount(), starts + 1);
+}
+
+TEST_F(RequestFactoryTest, CardLookupAndFlightRequestsCarryTheirOwnSets) {
+  makeFactory();
+  factory->setAppWhitelistSignature(std::string("sig-1"));
+  factory->subscriptionManagerDidUpdateStorefrontIdentifier(std::string("143444"));
+  factory->subscriptionManagerDidUpdateSubscriptionDictionaries(Value::Array{Value::dict({{"provider", "tv"}})});
+
+  VORCardRequest card;
+  card.scale = 2.0;
+  card.queryItems = {VORQueryItem{}};
+  card.queryItems[0].name = "id";
+  card.queryItems[0].value = "c42";
+  Recorded c = send(*factory->cardRequest(card, bag(), guid, client));
+  EXPECT_EQ(item(c, "id"), "c42");
+  EXPECT_EQ(item(c, "kind"), "card");
+  EXPECT_EQ(item(c, "storefront"), "143444");
+  EXPECT_EQ(item(c, "cc"), "GB");
+  EXPECT_FALSE(item(c, "card"));
+  EXPECT_EQ(c.header("X-Velmo-Whitelisted-App-Signature"), "sig-1");
+  EXPECT_EQ(c.header("X-Velmo-Subscriptions"), R"([{"provider":"tv"}])");
+  EXPECT_EQ(c.header("X-Velmo-GeoEnvironment"), "test");
+  EXPECT_NE(c.header("Accept"), "application/x-protobuf");
+
+  VORLookupRequest lookup;
+  lookup.queryString = "東京タワー";
+  lookup.lookupContext = "Καλημέρα κόσμε";
+  lookup.appBundleIdentifier = "org.example.reader";
+  lookup.hintDomain = "places";
+  lookup.lookupSelectionType = 2;
+  Recorded l = send(*factory->lookupRequest(lookup, bag(), guid, client));
+  EXPECT_EQ(item(l, "q"), "東京タワー");
+  EXPECT_EQ(item(l, "context"), "org.example.reader");
+  EXPECT_EQ(item(l, "ldomain"), "places");
+  EXPECT_EQ(item(l, "ltype"), "hint");
+  EXPECT_EQ(item(l, "qlang"), "ja");
+  EXPECT_EQ(item(l, "lctxlang"), "el");
+  EXPECT_EQ(item(l, "storefront"), "143444");
+  EXPECT_FALSE(hasHeader(l, "X-Velmo-GeoEnvironment"));
+  lookup.lookupSelectionType = 7;
+  lookup.queryString = "latin text";
+  Recorded l2 = send(*factory->lookupRequest(lookup, bag(), guid, client));
+  EXPECT_EQ(item(l2, "ltype"), "default");
+  EXPECT_FALSE(item(l2, "qlang"));  // Latin script names no one language
+
+  VORFlightSearchRequest flight;
+  flight.flightQuery = "VL-123";
+  Recorded f = send(*factory->flightSearchRequest(flight, bag(), guid, client));
+  EXPECT_EQ(f.header("Accept"), "application/x-protobuf");
+  EXPECT_EQ(item(f, "q"), "VL-123");
+  EXPECT_EQ(item(f, "timestamp"), "1767225600");
+  EXPECT_FALSE(item(f, "storefront"));
+  EXPECT_EQ(f.header("X-Velmo-Whitelisted-App-Signature"), "sig-1");
+}
+
+TEST_F(RequestFactoryTest, ABagWithoutTheURLGivesNoRequest) {
+  makeFactory();
+  auto raw = rawBag();
+  raw.erase("flight_url");
+  raw["card_url"] = "not a url";
+  VORFlightSearchRequest flight;
+  EXPECT_FALSE(factory->flightSearchRequest(flight, VORBag(raw, "Voyant/1"), guid, client));
+  EXPECT_FALSE(factory->cardRequest(VORCardRequest{}, VORBag(raw, "Voyant/1"), guid, client));
+}
+
+TEST_F(RequestFactoryTest, WarmDownloadAndUploadRequests) {
+  makeFactory();
+  auto warm = factory->warmRequest(server.baseURL() + "/_echo?w=1");
+  ASSERT_TRUE(warm);
+  EXPECT_EQ(warm->cachePolicy, HttpCachePolicy::ReloadIgnoringLocalCacheData);
+  Recorded w = send(*warm);
+  EXPECT_EQ(w.queryItems, (std::vector<std::pair<std::string, std::string>>{{"w", "1"}}));
+  EXPECT_FALSE(hasHeader(w, "X-Velmo-UserGuid"));
+
+  auto download = factory->fileDownloadRequest(server.baseURL() + "/_echo", std::string("v7"), true);
+  ASSERT_TRUE(download);
+  EXPECT_EQ(download->cachePolicy, HttpCachePolicy::UseProtocolCachePolicy);
+  Recorded d = send(*download);
+  EXPECT_EQ(item(d, "key"), "corgipup2718");
+  EXPECT_EQ(d.header("If-None-Match"), "v7");
+  EXPECT_EQ(d.header("User-Agent"), "Vorlend/1.0 (TestDevice1,1; TestOS 1A100) Norvanta/1");
+  EXPECT_FALSE(hasHeader(d, "X-Velmo-FuzzedLatLong"));  // no location yet
+  EXPECT_EQ(d.queryItems.size(), 1u);
+
+  auto upload = factory->flusherUploadRequest(server.baseURL() + "/_echo", 300, "digest-abc");
+  ASSERT_TRUE(upload);
+  EXPECT_EQ(upload->timeoutSeconds, 300);
+  EXPECT_EQ(upload->cachePolicy, HttpCachePolicy::ReloadIgnoringLocalCacheData);
+  Recorded u = send(*upload);
+  EXPECT_EQ(u.method, "POST");
+  EXPECT_EQ(u.header("Content-Encoding"), "deflate");
+  EXPECT_EQ(u.header("X-Velmo-Digest"), "digest-abc");
+  EXPECT_EQ(u.header("User-Agent"), "Vorlend/1.0 (TestDevice1,1; TestOS 1A100) Vorlend/1.0");
+  EXPECT_EQ(item(u, "du_enabled"), "1");
+  EXPECT_EQ(item(u, "cc"), "GB");
+  EXPECT_EQ(item(u, "locale"), "en_GB");
+
+  restrictions->setDiagnosticSubmissionAllowed(false);
+  Recorded noConsent = send(*factory->flusherUploadRequest(server.baseURL() + "/_echo", 300, "d"));
+  EXPECT_FALSE(item(noConsent, "du_enabled"));
+}
+
+TEST_F(RequestFactoryTest, BagFetchAndBagCacheRequestsDifferOnlyInKeyHeadersAndAgentPlace) {
+  assembly->userDefaults->set("VORDebugParameters", "dbg=1");
+  makeFactory();
+  UrlOnlyBagController controller(server.baseURL() + "/bag");
+  const std::string agent = "Vorlend/1.0 (TestDevice1,1; TestOS 1A100) Vorlend/1.0";
+
+  auto fetch = factory->bagFetchRequest(controller, agent, std::string("12"));
+  ASSERT_TRUE(fetch);
+  EXPECT_EQ(controller.lastCountry, "GB");
+  EXPECT_EQ(fetch->cachePolicy, HttpCachePolicy::ReloadIgnoringLocalCacheData);
+  Recorded f = send(*fetch);
+  EXPECT_EQ(f.path, "/bag");
+  EXPECT_EQ(f.header("User-Agent"), agent);
+  EXPECT_EQ(f.header("X-Velmo-Languages"), R"(["en-GB","fr-FR","de"])");
+  EXPECT_EQ(item(f, "quintara"), "0");
+  EXPECT_EQ(item(f, "version"), "12");
+  EXPECT_EQ(item(f, "dbg"), "1");
+
+  auto cache = factory->bagCacheRequest(controller, agent, std::string("12"));
+  ASSERT_TRUE(cache);
+  EXPECT_TRUE(cache->headers.empty());
+  auto cacheItems = UrlComponents::parse(cache->url)->queryItems();
+  std::vector<std::pair<std::string, std::string>> cacheList;
+  for (const auto& i : cacheItems) cacheList.emplace_back(i.name, i.value.value_or(""));
+  std::vector<std::pair<std::string, std::string>> expected;
+  for (const auto& p : f.queryItems) {
+    if (p.first != "key") expected.push_back(p);
+  }
+  expected.emplace_back("agent", agent);
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(cacheList, expected);
+  EXPECT_EQ(cache->url.substr(0, cache->url.find('?')), server.baseURL() + "/bag");
+
+  // The identity follows the state: the alternate endpoint mode and the country code.
+  assembly->userDefaults->set("VORUseQuintara", true);
+  auto quintara = factory->bagCacheRequest(controller, agent, std::string("12"));
+  EXPECT_NE(quintara->url, cache->url);
+  EXPECT_NE(quintara->url.find("quintara=1"), std::string::npos);
+
+  auto bad = UrlOnlyBagController("/relative/bag");
+  EXPECT_FALSE(factory->bagFetchRequest(bad, agent, std::nullopt));
+  EXPECT_FALSE(factory->bagCacheRequest(bad, agent, std::nullopt));
+}
+
+TEST_F(RequestFactoryTest, LocaleAndCountryChangesAskForABagRefresh) {
+  makeFactory();
+  std::vector<const void*> senders;
+  auto token = assembly->notificationCenter->addObserver(
+      kVORBagRefreshRequired, nullptr, [&](const Notification& n) { senders.push_back(n.sender); });
+  UrlOnlyBagController controller(server.baseURL() + "/bag");
+  std::string before = factory->bagCacheRequest(controller, std::nullopt, std::nullopt)->url;
+
+  auto v = locale->values();
+  v.localeIdentifier = "fr_FR";
+  v.preferredLanguages = {"fr-FR"};
+  v.effectiveSystemLanguage = "fr";
+  locale->change(v);
+  ASSERT_EQ(senders.size(), 1u);
+  EXPECT_EQ(senders[0], factory.get());
+  std::string afterLocale = factory->bagCacheRequest(controller, std::nullopt, std::nullopt)->url;
+  EXPECT_NE(afterLocale, before);
+  EXPECT_NE(afterLocale.find("locale=fr_FR"), std::string::npos);
+  EXPECT_NE(afterLocale.find("esl=fr"), std::string::npos);
+
+  geo->setCountryCode("FR");
+  ASSERT_EQ(senders.size(), 2u);
+  EXPECT_EQ(factory->bagCacheRequest(controller, std::nullopt, std::nullopt)->url.find("cc=GB"), std::string::npos);
+  EXPECT_EQ(controller.lastCountry, "FR");
+  // A country-code notification without a change of the code asks for nothing.
+  assembly->notificationCenter->post(kPlatformCountryCodeDidChangeNotification);
+  EXPECT_EQ(senders.size(), 2u);
+}
+
+TEST_F(RequestFactoryTest, RestrictionsOrAManagedAccountSendManagedMode) {
+  makeFactory();
+  VORZeroKeywordRequest q;
+  EXPECT_FALSE(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"));
+  restrictions->setAppInstallationAllowed(false);
+  EXPECT_EQ(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"), "managed");
+  restrictions->setAppInstallationAllowed(true);
+  restrictions->setBookStoreSetting(DeviceRestrictions::kYes);
+  EXPECT_FALSE(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"));
+  restrictions->setBookStoreSetting(DeviceRestrictions::kNo);
+  EXPECT_EQ(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"), "managed");
+  restrictions->setBookStoreSetting(DeviceRestrictions::kNotSet);
+  EXPECT_FALSE(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"));
+  restrictions->setManagedAccount(true);
+  EXPECT_EQ(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"), "managed");
+}
+
+// ---- Location context, driven through the fake location service ----------------------------------------------
+
+LocationFix fix(int64_t type, double lat = 37.7749, double lng = -122.4194, double accuracy = 65) {
+  return LocationFix{lat, lng, accuracy, type};
+}
+
+TEST_F(RequestFactoryTest, SourceBeforeAnyFixSaysWhetherLocationIsAllowed) {
+  makeFactory();
+  EXPECT_EQ(factory->locationStateForTesting().source, "userno");
+  location->setAuthorizationStatus(LocationProvider::kAuthorizedWhenInUse);
+  auto second = VORNetworkRequestFactory::create(*assembly);
+  EXPECT_EQ(second->locationStateForTesting().source, "error.init");
+}
+
+TEST_F(RequestFactoryTest, AFixTheBagAcceptsIsUsedOncePerStart) {
+  location->setAuthorizationStatus(LocationProvider::kAuthorizedAlways);
+  makeFactory();
+  installBag(bag(Value::Array{"wifi", "cell"}));
+  EXPECT_EQ(location->startCount(), 1);
+  EXPECT_TRUE(location->isUpdating());
+
+  // A source the bag does not support: no location, the reason, and updates keep running.
+  location->pushLocations({fix(1)});
+  factory->flushContextAccessQueue();
+  auto state = factory->locationStateForTesting();
+  EXPECT_FALSE(state.latLng);
+  EXPECT_EQ(state.source, "bagno.gps");
+  EXPECT_TRUE(location->isUpdating());
+
+  // The last fix of a list counts; an accepted one stops the updates.
+  location->pushLocations({fix(1), fix(4, 48.8566, 2.3522, 30)});
+  factory->flushContextAccessQueue();
+  assembly->locationManager->flushForTesting();
+  state = factory->locationStateForTesting();
+  EXPECT_EQ(state.latLng, "48.856600,2.352200");
+  EXPECT_EQ(state.source, "wifi,30.000000");
+  EXPECT_EQ(state.lookupLatLng, "48.000000,2.000000");  // truncated toward zero
+  EXPECT_FALSE(location->isUpdating());
+  EXPECT_EQ(location->stopCount(), 1);
+
+  // A later fix keeps the coarse look-up location; a performed search freezes the full one.
+  location->pushLocations({fix(7, -33.8688, 151.2093, 1000)});
+  factory->flushContextAccessQueue();
+  state = factory->locationStateForTesting();
+  EXPECT_EQ(state.source, "cell,1000.000000");
+  EXPECT_EQ(state.lookupLatLng, "48.000000,2.000000");
+  factory->setPerformedSearch();
+  EXPECT_EQ(factory->locationStateForTesting().lookupLatLng, "-33.868800,151.209300");
+
+  VORSearchRequest q;
+  q.queryString = "cafe";
+  Recorded r = send(*factory->searchRequest(q, bag(Value::Array{"wifi", "cell"}), guid, client));
+  EXPECT_EQ(item(r, "latlng"), "-33.868800,151.209300");
+  EXPECT_EQ(item(r, "geosrc"), "cell,1000.000000");
+  Recorded d = send(*factory->fileDownloadRequest(server.baseURL() + "/_echo", std::nullopt, true));
+  EXPECT_EQ(d.header("X-Velmo-FuzzedLatLong"), "-33.868800,151.209300");
+}
+
+TEST_F(RequestFactoryTest, FailuresRefusalsAndABagWithoutSourcesClearTheLocation) {
+  location->setAuthorizationStatus(LocationProvider::kAuthorizedAlways);
+  makeFactory();
+  installBag(bag(Value::Array{"gps"}));
+  location->pushLocations({fix(9)});
+  factory->flushContextAccessQueue();
+  ASSERT_TRUE(factory->locationStateForTesting().latLng);
+
+  {
+    ScopedLogCapture logs;
+    location->pushFailure("timed out");
+    factory->flushContextAccessQueue();
+    EXPECT_TRUE(logs.sink().contains("Location determination failed with error timed out"));
+  }
+  auto state = factory->locationStateForTesting();
+  EXPECT_FALSE(state.latLng);
+  EXPECT_FALSE(state.lookupLatLng);
+  EXPECT_EQ(state.source, "error.fail");
+  VORZeroKeywordRequest zkw;
+  Recorded r = send(*factory->zeroKeywordRequest(zkw, bag(Value::Array{"gps"}), guid, client));
+  EXPECT_FALSE(item(r, "latlng"));
+  EXPECT_EQ(item(r, "geosrc"), "error.fail");  // the reason travels
+
+  location->pushAuthorizationStatus(LocationProvider::kDenied);
+  factory->flushContextAccessQueue();
+  EXPECT_EQ(factory->locationStateForTesting().source, "userno");
+  const int starts = location->startCount();
+  location->pushAuthorizationStatus(LocationProvider::kAuthorizedAlways);
+  assembly->locationManager->flushForTesting();
+  EXPECT_EQ(location->startCount(), starts + 1);
+
+  installBag(bag());
+  EXPECT_EQ(factory->locationStateForTesting().source, "bagno.all");
+  EXPECT_FALSE(location->isUpdating());
+}
+
+TEST_F(RequestFactoryTest, ANewBagSetsVisibilityAndTheProxyConfiguration) {
+  makeFactory();
+  auto raw = rawBag();
+  raw["clients"] = Value::dict({{"news", Value::dict({{"enabled", false}})}});
+  raw["quintara_configuration"] = Value::dict({{"appRule", "x"}});
+  installBag(VORBag(raw, "Voyant/1"));
+  ASSERT_TRUE(test::eventually([&] { return restrictions->visibilitySetting("allowHashtagImagesInSystemSearch").has_value(); }));
+  ASSERT_TRUE(test::eventually([&] { return restrictions->visibilitySetting("allowNewsInSystemSearch").has_value(); }));
+  EXPECT_EQ(restrictions->visibilitySetting("allowNewsInSystemSearch"), false);
+  EXPECT_EQ(restrictions->visibilitySetting("allowHashtagImagesInSystemSearch"), true);
+  EXPECT_EQ(factory->networkServiceProxyConfiguration(), (Value::Dict{{"appRule", "x"}}));
+
+  installBag(bag());
+  auto fallback = factory->networkServiceProxyConfiguration();
+  ASSERT_TRUE(fallback);
+  EXPECT_EQ(Value(*fallback), Value::dict({{"appRule", Value::dict({{"enable", Value::dict({{"Enabled", false}})}})}}));
+}
+
+}  // namespace
+}  // namespace vorlen
