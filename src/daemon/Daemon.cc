@@ -12,6 +12,10 @@
 #include "cache/EngagedCompletionCache.h"
 #include "ipc/IpcListener.h"
 #include "network/HttpSessions.h"
+#include "network/LocationManager.h"
+#include "network/VORNetworkRequestFactory.h"
+#include "network/VorlenBagController.h"
+#include "platform/PlatformChangeMonitor.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
 
@@ -50,16 +54,24 @@ std::shared_ptr<Assembly> Daemon::start() {
   assembly->engagedCompletionCache =
       EngagedCompletionCache::create(platform_.paths.cachesDir, platform_.clock, defaults);
 
-  // 4. Location, requests, subscriptions, downloads, uploads, storage, flushers and background
-  //    activities come here, in that order, as their components are built. Their slots stay empty until
+  // 4. Location, then requests. Subscriptions, downloads, uploads, storage, flushers and background
+  //    activities join here, in that order, as their components are built. Their slots stay empty until
   //    then, and every user tolerates an empty slot.
+  assembly->locationManager = LocationManager::create(*assembly);
+  assembly->requestFactory = VORNetworkRequestFactory::create(*assembly);
 
   // 5. One launch per process start.
   VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.launch");
 
-  // 6. Look-up and the bag controller join here as they are built; then the client states.
+  // 6. Look-up joins here as it is built; then the bag controller (which installs the disk bag at once)
+  //    and the client states.
+  bagController_ = VorlenBagController::create(assembly);
+  assembly->bagController = bagController_;
   assembly->clientStateManager = ClientStateManager::create(assembly);
-  // 7-8. The allow-list, silhouette topics and the custom flusher join here as they are built.
+  // 7. Silhouette topics, any property-list value, handed over unchanged. The allow-list and the custom
+  //    flusher join here as they are built.
+  if (Value silhouette = defaults->object("silhouette"); !silhouette.isNull())
+    assembly->requestFactory->setSilhouetteTopics(silhouette);
 
   // 9. The service completes the object graph.
   service_ = VorlenService::create(assembly);
@@ -83,6 +95,12 @@ std::shared_ptr<Assembly> Daemon::start() {
     ipcEventQueue_->async([] { VorlenDefaultLog().info("launch event for {}", kServiceName); });
   }
 
+  // 12. Load or fetch the bag early, off the main thread.
+  std::weak_ptr<BagController> bags = bagController_;
+  Queue::global(QueuePriority::Background)->async([bags] {
+    if (auto controller = bags.lock()) controller->currentBag();
+  });
+
   // 13. Announce start-up from a default-priority concurrent queue.
   auto center = assembly->notificationCenter;
   Queue::global(QueuePriority::Default)->async([center] { center->post("VORStartup"); });
@@ -100,6 +118,7 @@ void Daemon::blockTerminationSignals() {
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   // A client that vanishes mid-write must be an error code on that connection, not a process death.
   signal(SIGPIPE, SIG_IGN);
@@ -110,6 +129,7 @@ void Daemon::run() {
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGHUP);
   // Idle exit applies only when the service manager can start us again on the next connection.
   const bool idleExit = options_.idleExitSeconds && listener_ && listener_->isSocketActivated();
   auto idleSince = std::chrono::steady_clock::now();
@@ -130,6 +150,12 @@ void Daemon::run() {
         continue;
       }
     } else if (sigwait(&set, &sig) != 0) {
+      continue;
+    }
+    if (sig == SIGHUP) {
+      // The locale, time zone or another platform setting changed: re-read them and announce changes.
+      VorlenDefaultLog().info("SIGHUP: re-reading platform settings");
+      if (platform_.changeMonitor) platform_.changeMonitor->checkNow();
       continue;
     }
     VorlenDefaultLog().debug("{}", sig == SIGINT ? "SIGINT" : "SIGTERM");

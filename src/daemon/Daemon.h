@@ -17,6 +17,7 @@ namespace vorlen {
 
 class IpcListener;
 class VorlenService;
+class BagController;
 
 struct DaemonOptions {
   // Exit after this many seconds without connections or open transactions (socket activation only).
@@ -50,6 +51,7 @@ class Daemon {
   std::shared_ptr<Queue> ipcEventQueue_;
   std::shared_ptr<VorlenService> service_;
   std::shared_ptr<IpcListener> listener_;
+  std::shared_ptr<BagController> bagController_;
 };
 
 }  // namespace vorlen

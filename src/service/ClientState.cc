@@ -1,11 +1,31 @@
 #include "service/ClientState.h"
 
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
 #include "base/Counters.h"
+#include "base/JsonValue.h"
 #include "base/Log.h"
+#include "cache/CachedResultSet.h"
+#include "cache/EngagedCompletionCache.h"
+#include "cache/QueryCache.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "feedback/VorlenFeedback.h"
+#include "model/Constants.h"
 #include "model/QXFeedbackFactory.h"
+#include "network/BagController.h"
+#include "network/HttpSession.h"
+#include "network/HttpSessions.h"
+#include "network/NetworkTimingData.h"
+#include "network/UrlComponents.h"
+#include "network/UserAgent.h"
+#include "network/VORRetryableNetworkRequest.h"
+#include "network/VorlenUserGUIDController.h"
 #include "platform/Assembly.h"
+#include "platform/DeviceProperties.h"
 #include "service/TypeVocabularies.h"
 
 namespace vorlen {
@@ -13,19 +33,95 @@ namespace vorlen {
 namespace {
 
 const Logger& searchLog() { return VorlenLogForCategory(VorlenLogCategorySearch); }
+const Logger& protocolLog() { return VorlenLogForCategory(VorlenLogCategoryProtocol); }
+const Logger& cachingLog() { return VorlenLogForCategory(VorlenLogCategoryCaching); }
+const Logger& flightLog() { return VorlenLogForCategory(VorlenLogCategoryFlight); }
 
 const char* describeReply(const ClientState::QueryReply& reply) { return reply ? "<reply>" : "(null)"; }
 
 // Skip reasons of VORSkipSearchFeedback.
+constexpr uint64_t kSkipQueryTooShort = 1;
+constexpr uint64_t kSkipBagDisabled = 2;
 constexpr uint64_t kSkipBagFetchFailed = 3;
+
+// Trigger events and endpoints of the events this file records.
+constexpr uint64_t kTriggerLocalSearch = 1;
+constexpr uint64_t kTriggerCacheHit = 4;
+constexpr uint64_t kTriggerWarm = 19;
+constexpr uint64_t kTriggerFlight = 20;
+constexpr uint64_t kTriggerSystemSearchCompletion = 21;
+constexpr uint64_t kTriggerDidGoToSearch = 23;
+constexpr uint64_t kIndexTypeCompletionCache = 7;
+constexpr uint64_t kEndpointSearch = 6;
+constexpr uint64_t kEndpointCard = 11;
+constexpr uint64_t kEndpointWarm = 12;
+constexpr uint64_t kEndpointFlight = 13;
+
+// Completion-cache client numbers.
+constexpr int64_t kCompletionClientBrowser = 1;
+constexpr int64_t kCompletionClientSystemSearch = 2;
+
+// More-results requests are retried after transport failures within this many seconds.
+constexpr double kMoreResultsExpirySeconds = 10;
+constexpr uint64_t kMoreResultsRetries = 2;
 
 // The lifetime of a warm connection: no pre-warm within this long of the last network request.
 constexpr auto kWarmInterval = std::chrono::seconds(30);
 
+// Response header carrying the server's own timing record: a JSON array whose first element holds
+// "status", "duration" (milliseconds), "partial_client_ip" and optionally "fbq".
+constexpr const char* kServerTimingHeader = "X-Velmo-Server-Timing";
+constexpr const char* kForceFetchHeader = "X-Velmo-ForceFetch";
+
+std::string lowered(std::string_view text) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return std::tolower(c); });
+  return out;
+}
+
+// Characters as the client counts them (UTF-16 code units).
+size_t characterCount(std::string_view text) { return CachedResultSet::utf16Length(text); }
+
+Value::Dict describeHeaders(const std::map<std::string, std::string>& headers) {
+  Value::Dict d;
+  for (const auto& [k, v] : headers) d.emplace(k, Value(v));
+  return d;
+}
+
 }  // namespace
 
+// What one network query needs beyond its HTTP request.
+struct ClientState::NetworkQuery {
+  std::shared_ptr<const VORRequest> request;
+  HttpRequest http;
+  QXFeedback start;
+  const Logger* log = nullptr;
+  // Logged when an answer arrives.
+  std::string gotResponseText;
+  // Retried after transport failures within a short expiry (more results).
+  bool retryable = false;
+  // Any status but 200 is a failed query, logged with this text (status, error) (more results, card).
+  std::optional<std::string> statusFailureFormat;
+  // The body must be a JSON object (more results, card).
+  bool requireJsonObject = false;
+  // The typed text a successful answer is cached under (search only).
+  std::optional<std::string> cacheInput;
+  // The identifier of this request, kept with a cached answer.
+  Uuid uuid = Uuid::random();
+  // Error code of an answer that is not an HTTP response.
+  int64_t invalidResponseCode = 500;
+};
+
 std::shared_ptr<ClientState> ClientState::create(std::string identifier, std::shared_ptr<Assembly> assembly) {
-  return std::shared_ptr<ClientState>(new ClientState(std::move(identifier), std::move(assembly)));
+  auto state = std::shared_ptr<ClientState>(new ClientState(std::move(identifier), std::move(assembly)));
+  const auto& a = state->assembly_;
+  if (a && a->userDefaults && a->userDefaults->boolForKey("VORNoQueryCache")) {
+    cachingLog().info("query cache OFF for {}", state->identifier_);
+  } else if (a) {
+    state->queryCache_ = QueryCache::create(*a);
+    cachingLog().info("query cache ON for {}", state->identifier_);
+  }
+  return state;
 }
 
 ClientState::ClientState(std::string identifier, std::shared_ptr<Assembly> assembly)
@@ -68,8 +164,22 @@ std::optional<VORBag> ClientState::bag() const {
 }
 
 bool ClientState::_ensureBag() {
+  auto controller = assembly_ ? assembly_->bagController : nullptr;
+  if (!controller) {
+    std::lock_guard lock(mu_);
+    return bag_.has_value();
+  }
+  std::optional<VORBag> installed = controller->cachedBagState();
+  if (!installed) installed = controller->currentBag();
   std::lock_guard lock(mu_);
-  return bag_.has_value();
+  if (!installed) return bag_.has_value();
+  // Copies of one installed bag share its dictionary, so identity tells a new bag from the held one
+  // without comparing contents on every keystroke.
+  if (!bagSource_ || &bagSource_->rawBag() != &installed->rawBag() || !bag_) {
+    bag_ = VORBag(installed->rawBag(), userAgent_.value_or(""));
+    bagSource_ = std::move(installed);
+  }
+  return true;
 }
 
 void ClientState::bag(const std::string& userAgent, BagReply reply) {
@@ -77,13 +187,16 @@ void ClientState::bag(const std::string& userAgent, BagReply reply) {
     if (reply) reply(std::nullopt, VORError::make(500, "no UserAgent"));
     return;
   }
+  bool viewChanged = false;
   {
     std::lock_guard lock(mu_);
     if (bag_ && bag_->userAgent() != userAgent) {
       // The same raw bag, seen by another agent. Cached answers were made for the old view.
       bag_ = VORBag(bag_->rawBag(), userAgent);
+      viewChanged = true;
     }
   }
+  if (viewChanged && queryCache_) queryCache_->removeAllObjects();
   if (!_ensureBag()) {
     if (reply) reply(std::nullopt, VORError::make(1, "timeout"));
     return;
@@ -96,11 +209,11 @@ void ClientState::_countForClient(std::string_view suffix) const {
   if (!name.empty()) VorlenDiagnosticDataReporter::addValue(1, createTallydKey(name, suffix));
 }
 
-void ClientState::_recordFeedback(QXFeedback feedback, const VORRequest& request) {
+void ClientState::_recordFeedback(QXFeedback feedback, const VORRequest& request, std::optional<Uuid> userGuid) {
   auto manager = sessionManager();
   if (!manager) return;
-  manager->addVorlenFeedback(VorlenFeedback(std::move(feedback), static_cast<int64_t>(request.queryId),
-                                            std::nullopt, userAgent().value_or(""), request.clientQueryId));
+  manager->addVorlenFeedback(VorlenFeedback(std::move(feedback), static_cast<int64_t>(request.queryId), userGuid,
+                                            userAgent().value_or(""), request.clientQueryId));
 }
 
 void ClientState::_replyBagFailure(const VORRequest& request, std::string_view logText, bool recordSkip,
@@ -110,63 +223,571 @@ void ClientState::_replyBagFailure(const VORRequest& request, std::string_view l
   if (recordSkip) _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagFetchFailed, request.queryString), request);
 }
 
+VORRequestClient ClientState::_requestClient() const {
+  std::lock_guard lock(mu_);
+  if (configuration_) return VORRequestClient::fromConfiguration(*configuration_, userAgent_);
+  return VORRequestClient{userAgent_};
+}
+
+Uuid ClientState::_currentUserGUID() const {
+  auto guid = assembly_ ? assembly_->guidController : nullptr;
+  return guid ? guid->currentUserGUID() : Uuid();
+}
+
+std::optional<std::string> ClientState::_fieldMask() const {
+  // Messaging clients show results inline in a conversation and ask only for the fields that needs.
+  if (lowered(userAgent().value_or("")).find("messages") != std::string::npos) return std::string("messages");
+  return std::nullopt;
+}
+
+void ClientState::_setPerformedSearch() {
+  if (auto factory = assembly_->requestFactory) factory->setPerformedSearch();
+}
+
+void ClientState::_markNetworkRequest() {
+  std::lock_guard lock(mu_);
+  lastNetworkRequest_ = assembly_->clock()->now();
+}
+
+VORReply ClientState::_makeReply(const VORRequest& request, const HttpRequest* httpRequest,
+                                 const HttpResponse* response, std::vector<uint8_t> data, bool resetGeoSession) {
+  VORReply out;
+  out.scale = request.scale;
+  if (request.verboseReply && httpRequest) {
+    out.httpRequest = Value::Dict{{"url", Value(httpRequest->url)},
+                                  {"method", Value(httpRequest->method)},
+                                  {"headers", Value(describeHeaders(httpRequest->headers))}};
+  }
+  if (request.verboseReply && response) {
+    std::map<std::string, std::string> headers(response->headers.begin(), response->headers.end());
+    out.httpResponse = Value::Dict{{"url", Value(response->url)},
+                                   {"status", Value(static_cast<int64_t>(response->status))},
+                                   {"headers", Value(describeHeaders(headers))}};
+  }
+  out.data = std::move(data);
+  if (auto factory = assembly_->requestFactory) {
+    if (auto entity = factory->getMapsUserSessionEntityAndReset(resetGeoSession)) {
+      out.geoSessionEntityString = entity->sessionEntityString().value_or("");
+    }
+  }
+  return out;
+}
+
+// ---- search
+
 void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryReply reply) {
   searchLog().info("session {} performing query[{}] {}, reply {}", identifier_, request->queryId,
                    request->queryString, describeReply(reply));
-  _countForClient("keystrokes");
+  if (!clientShortName().empty()) _countForClient("keystrokes");
   if (!_ensureBag()) {
-    _replyBagFailure(*request, fmt::format("Bag fetch failed, can't complete non-cached query {}.", request->queryString),
-                     true, reply);
+    _replyBagFailure(*request,
+                     fmt::format("Bag fetch failed, can't complete non-cached query {}.", request->queryString), true,
+                     reply);
     return;
   }
-  // A bag is held but the request factory and the HTTP path are not in the Assembly: nothing can be
-  // sent, which to the client is the same as a bag that cannot be had.
-  _replyBagFailure(*request, "no request factory, can't complete query", false, reply);
+  const VORBag bag = *this->bag();
+  if (!bag.isEnabled()) {
+    searchLog().debug("no search, bag disabled");
+    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
+    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request->queryString), *request);
+    return;
+  }
+  const uint64_t minimum = bag.minimumQueryLength();
+  if (characterCount(request->queryString) < minimum) {
+    searchLog().debug("query[{}] input '{}' less than {}", request->queryId, request->queryString, minimum);
+    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
+    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipQueryTooShort, request->queryString), *request);
+    return;
+  }
+
+  // Local completion from the engaged-completion history: the browser always, system search only when
+  // the user is typing in its completion field.
+  auto query = std::make_shared<VORSearchRequest>(*request);
+  const std::string client = clientShortName();
+  auto completions = assembly_->engagedCompletionCache;
+  if (completions && completions->enabled() &&
+      (client == "voyant" || (client == "norvanta" && request->triggerEvent == kTriggerSystemSearchCompletion))) {
+    QXFeedback start = QXFeedbackFactory::startLocalSearch(request->queryString, kTriggerLocalSearch,
+                                                           kIndexTypeCompletionCache, request->queryId);
+    _recordFeedback(start, *request);
+    auto found = completions->completionForInput(
+        request->queryString, client == "voyant" ? kCompletionClientBrowser : kCompletionClientSystemSearch);
+    if (found) {
+      QXSearchSuggestion suggestion;
+      suggestion.suggestion = found->suggestion;
+      suggestion.score = found->score;
+      suggestion.type = static_cast<uint64_t>(found->type);
+      query->setCompletionCacheSuggestion(std::move(suggestion));
+      searchLog().debug("Local completion found: input {}, completion {}, score {:f}", request->queryString,
+                        found->suggestion, found->score);
+    } else {
+      searchLog().debug("Local completion not found: input {}", request->queryString);
+    }
+    _recordFeedback(QXFeedbackFactory::endLocalSearch(start), *request);
+  }
+  if (request->triggerEvent == kTriggerDidGoToSearch) {
+    _recordFeedback(QXFeedbackFactory::didGoToSearch(request->queryString, kEndpointSearch), *request,
+                    _currentUserGUID());
+  }
+
+  auto factory = assembly_->requestFactory;
+  std::optional<HttpRequest> http =
+      factory ? factory->searchRequest(*query, bag, _currentUserGUID(), _requestClient(), _fieldMask())
+              : std::nullopt;
+  if (!http) {
+    // The bag names no usable search URL: nothing can be sent.
+    searchLog().error("no search request could be built for query[{}]", request->queryId);
+    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no search URL"));
+    return;
+  }
+  protocolLog().notice("request: {} header: {}", http->url, Value(describeHeaders(http->headers)).describe());
+
+  if (queryCache_) {
+    if (auto hit = queryCache_->getRequest(*query, &*http)) {
+      VORReply answer = _makeReply(*request, nullptr, nullptr, hit->data(), false);
+      if (reply) reply(request->queryId, std::move(answer), std::nullopt);
+      _countForClient("ondevicecachehits");
+      _recordFeedback(QXFeedbackFactory::cacheHit(kTriggerCacheHit, request->queryString, hit->uuid()), *request);
+      return;
+    }
+  }
+
+  auto network = std::make_shared<NetworkQuery>();
+  network->request = query;
+  network->start = QXFeedbackFactory::startNetworkSearch(request->queryString, http->url, http->headers,
+                                                         request->triggerEvent, kEndpointSearch);
+  network->http = std::move(*http);
+  network->log = &searchLog();
+  network->gotResponseText =
+      fmt::format("Got network response for (id, query): ({}, {})", request->queryId, request->queryString);
+  network->cacheInput = request->queryString;
+  network->invalidResponseCode = 500;
+  _recordFeedback(network->start, *request);
+  searchLog().debug("Dispatching network request for (id, query): ({}, {})", request->queryId,
+                    request->queryString);
+  _sendNetworkQuery(network, std::move(reply));
+  VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.search");
+  _setPerformedSearch();
+  _markNetworkRequest();
 }
 
+// ---- the network path shared by every kind
+
+void ClientState::_sendNetworkQuery(std::shared_ptr<NetworkQuery> query, QueryReply reply) {
+  auto sessions = assembly_->httpSessions;
+  auto session = sessions ? sessions->urlSession() : nullptr;
+  if (!session) {
+    query->log->error("no query session, can't send {}", query->http.url);
+    if (reply) reply(query->request->queryId, std::nullopt, VORError::make(500, "no network session"));
+    return;
+  }
+  // The task's timing data is read in its completion; the holder is emptied there, which breaks the
+  // cycle task -> completion -> holder -> task.
+  auto holder = std::make_shared<std::shared_ptr<HttpTask>>();
+  std::weak_ptr<ClientState> weak = weak_from_this();
+  auto completion = [weak, query, holder, reply](const std::vector<uint8_t>& data,
+                                                 const std::optional<HttpResponse>& response,
+                                                 const std::optional<HttpError>& error) {
+    std::optional<TaskMetrics> metrics = *holder ? (*holder)->metrics() : std::nullopt;
+    holder->reset();
+    auto self = weak.lock();
+    if (!self) {
+      // The state outlives every connection in practice; answer anyway so the client is never left waiting.
+      if (reply) reply(query->request->queryId, std::nullopt, VORError::make(500, "client state gone"));
+      return;
+    }
+    self->_handleNetworkAnswer(*query, data, response, error, metrics, reply);
+  };
+  std::shared_ptr<HttpTask> task;
+  if (query->retryable) {
+    VORRetryableNetworkRequest retryable(query->http,
+                                         assembly_->clock()->now() + std::chrono::duration_cast<Duration>(
+                                                                         std::chrono::duration<double>(
+                                                                             kMoreResultsExpirySeconds)),
+                                         false);
+    task = dataTaskWithRetryableRequest(session, retryable, 1, kMoreResultsRetries, completion);
+  } else {
+    task = session->dataTask(query->http, completion);
+  }
+  *holder = task;
+  // The alternate endpoint mode needs a network-service proxy, which this platform does not have; requests
+  // go out directly whatever "VORUseQuintara" says.
+  task->resume();
+}
+
+void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vector<uint8_t>& data,
+                                       const std::optional<HttpResponse>& response,
+                                       const std::optional<HttpError>& error,
+                                       const std::optional<TaskMetrics>& metrics, const QueryReply& reply) {
+  const VORRequest& request = *query.request;
+  const Logger& log = *query.log;
+  log.info("{}", query.gotResponseText);
+  log.debug("resp: {}", response ? fmt::format("<HTTP response {} status {}>", response->url, response->status)
+                                 : std::string("(null)"));
+  const int64_t status = response ? response->status : 0;
+  if (error) {
+    log.error("error with request {}", query.http.url);
+    VORError e = NetworkTimingData::errorFromTransport(*error);
+    failSearchFeedback(query, e, data.size(), status, metrics);
+    if (reply) reply(request.queryId, std::nullopt, e);
+    return;
+  }
+  if (!response) {
+    log.error("not http response? {}", query.http.url);
+    VORError e = VORError::make(query.invalidResponseCode, "invalid response class");
+    failSearchFeedback(query, e, data.size(), status, metrics);
+    if (reply) reply(request.queryId, std::nullopt, e);
+    return;
+  }
+  if (query.statusFailureFormat && status != 200) {
+    VORError e = VORError::make(status, fmt::format("statusCode {}", status));
+    log.error("{}", fmt::format(fmt::runtime(*query.statusFailureFormat), status, e.describe()));
+    failSearchFeedback(query, e, data.size(), status, metrics);
+    if (reply) reply(request.queryId, std::nullopt, e);
+    return;
+  }
+  nlohmann::json body = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
+  if (query.requireJsonObject && !body.is_object()) {
+    log.error("Failed to deserialize card details for into a dictionary. Error: {}. Response data: \"{}\"",
+              body.is_discarded() ? "not JSON" : "not a JSON object", std::string(data.begin(), data.end()));
+    VORError e = VORError::make(500, "invalid response body");
+    failSearchFeedback(query, e, data.size(), status, metrics);
+    if (reply) reply(request.queryId, std::nullopt, e);
+    return;
+  }
+  if (query.cacheInput && body.is_object()) _cacheResponse(body, data, query.http, *query.cacheInput, query.uuid);
+  endNetworkFeedback(query, *response, data.size(), metrics);
+  VORReply answer = _makeReply(request, &query.http, &*response, data, false);
+  if (reply) reply(request.queryId, std::move(answer), std::nullopt);
+  _forceFetchBagIfAsked(*response);
+}
+
+void ClientState::_cacheResponse(const nlohmann::json& response, const std::vector<uint8_t>& data,
+                                 const HttpRequest& request, const std::string& input, const Uuid& uuid) {
+  if (!queryCache_) return;
+  auto status = response.find("status");
+  if (status != response.end() && status->is_string() && status->get<std::string>() == "ERROR") return;
+  queryCache_->set(std::make_shared<CachedResultSet>(input, &request, response, uuid, data, assembly_->clock()->now()));
+}
+
+void ClientState::endNetworkFeedback(const NetworkQuery& query, const HttpResponse& response, uint64_t responseSize,
+                                     const std::optional<TaskMetrics>& metrics) {
+  Value::Dict timing = NetworkTimingData::fromMetrics(metrics);
+  std::optional<QXFeedback> end;
+  if (auto header = response.header(kServerTimingHeader)) {
+    nlohmann::json record = nlohmann::json::parse(*header, nullptr, false);
+    if (record.is_array() && !record.empty() && record[0].is_object()) {
+      const nlohmann::json& r = record[0];
+      auto text = [&](const char* key) {
+        auto it = r.find(key);
+        return it != r.end() && it->is_string() ? it->get<std::string>() : std::string();
+      };
+      auto duration = r.find("duration");
+      end = QXFeedbackFactory::vorEndNetworkSearch(
+          query.start, responseSize, response.status, text("status"),
+          duration != r.end() && duration->is_number() ? duration->get<double>() : 0.0, text("fbq"),
+          text("partial_client_ip"), timing);
+    } else {
+      query.log->error("unreadable server timing record: {}", *header);
+    }
+  }
+  if (!end) end = QXFeedbackFactory::endNetworkSearch(query.start, responseSize, response.status, timing);
+  _recordFeedback(std::move(*end), *query.request);
+}
+
+void ClientState::failSearchFeedback(const NetworkQuery& query, const VORError& error, uint64_t responseSize,
+                                     int64_t statusCode, const std::optional<TaskMetrics>& metrics) {
+  _recordFeedback(QXFeedbackFactory::endNetworkSearch(query.start, responseSize, statusCode,
+                                                      NetworkTimingData::fromMetrics(metrics)),
+                  *query.request);
+  _recordFeedback(QXFeedbackFactory::error(error), *query.request);
+}
+
+void ClientState::_forceFetchBagIfAsked(const HttpResponse& response) {
+  auto header = response.header(kForceFetchHeader);
+  if (!header) return;
+  nlohmann::json parsed = nlohmann::json::parse(*header, nullptr, false);
+  std::string why;
+  std::optional<Value> value = parsed.is_object() ? JsonValue::toValue(parsed, &why) : std::nullopt;
+  if (!value || !value->isDict()) {
+    searchLog().error("Failed to deserialize X-Velmo-ForceFetch header data into a dictionary: {}", *header);
+    return;
+  }
+  if (auto controller = assembly_->bagController) controller->forceFetchBag(*value->getDict());
+}
+
+// ---- the other kinds
+
 void ClientState::zeroKeyword(std::shared_ptr<const VORZeroKeywordRequest> request, QueryReply reply) {
-  searchLog().info("session {} performing zkw query, reply {}", identifier_, describeReply(reply));
-  _replyBagFailure(*request, "Bag fetch failed, can't complete non-cached zkw query.", true, reply);
+  const Logger& log = VorlenLogForCategory(VorlenLogCategoryZeroKeyword);
+  log.info("session {} performing zkw query, reply {}", identifier_, describeReply(reply));
+  if (!_ensureBag()) {
+    _replyBagFailure(*request, "Bag fetch failed, can't complete non-cached zkw query.", true, reply);
+    return;
+  }
+  const VORBag bag = *this->bag();
+  if (!bag.isEnabled()) {
+    log.debug("no zkw, bag disabled");
+    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
+    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request->queryString), *request);
+    return;
+  }
+  auto factory = assembly_->requestFactory;
+  auto http = factory ? factory->zeroKeywordRequest(*request, bag, _currentUserGUID(), _requestClient(), _fieldMask())
+                      : std::nullopt;
+  if (!http) {
+    log.error("no zero keyword request could be built");
+    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no search URL"));
+    return;
+  }
+  auto network = std::make_shared<NetworkQuery>();
+  network->request = request;
+  network->start = QXFeedbackFactory::startNetworkSearch(request->queryString, http->url, http->headers,
+                                                         request->triggerEvent, kEndpointSearch);
+  network->http = std::move(*http);
+  network->log = &log;
+  network->gotResponseText = "Got network response for zkw query";
+  _recordFeedback(network->start, *request);
+  _sendNetworkQuery(network, std::move(reply));
+  _markNetworkRequest();
 }
 
 void ClientState::moreResults(std::shared_ptr<const VORMoreResultsRequest> request, QueryReply reply) {
-  _replyBagFailure(*request, "no bag, can't complete more results query", false, reply);
+  const Logger& log = VorlenLogForCategory(VorlenLogCategoryMoreResults);
+  _ensureBag();
+  auto held = bag();
+  auto factory = assembly_->requestFactory;
+  auto http = held && factory
+                  ? factory->moreResultsRequest(*request, *held, _currentUserGUID(), _requestClient(), _fieldMask())
+                  : std::nullopt;
+  if (!http) {
+    log.error("no bag, can't complete more results query");
+    if (reply) reply(request->queryId, std::nullopt, VORError::make(1, "timeout"));
+    return;
+  }
+  // The query this page belongs to, as the built URL carries it.
+  std::string input = request->queryString;
+  if (auto components = UrlComponents::parse(http->url)) {
+    for (const auto& item : components->queryItems()) {
+      if (item.name == "q" && item.value) input = *item.value;
+    }
+  }
+  auto network = std::make_shared<NetworkQuery>();
+  network->request = request;
+  network->start = QXFeedbackFactory::startNetworkSearch(input, http->url, http->headers, request->triggerEvent,
+                                                         kEndpointSearch);
+  network->http = std::move(*http);
+  network->log = &log;
+  network->gotResponseText = "Got network response for more results query";
+  network->retryable = true;
+  network->statusFailureFormat = "More results fetch failed with HTTP status code {} error {}";
+  network->requireJsonObject = true;
+  _recordFeedback(network->start, *request);
+  _sendNetworkQuery(network, std::move(reply));
+  _markNetworkRequest();
 }
 
 void ClientState::card(std::shared_ptr<const VORCardRequest> request, QueryReply reply) {
-  _replyBagFailure(*request, "no bag, can't complete card query", false, reply);
+  const Logger& log = VorlenLogForCategory(VorlenLogCategoryCard);
+  _ensureBag();
+  auto held = bag();
+  auto factory = assembly_->requestFactory;
+  auto http = held && factory ? factory->cardRequest(*request, *held, _currentUserGUID(), _requestClient())
+                              : std::nullopt;
+  if (!http) {
+    log.error("no bag, can't complete card query");
+    if (reply) reply(request->queryId, std::nullopt, VORError::make(1, "timeout"));
+    return;
+  }
+  protocolLog().notice("card request: {} header: {}", http->url, Value(describeHeaders(http->headers)).describe());
+  auto network = std::make_shared<NetworkQuery>();
+  network->request = request;
+  network->start = QXFeedbackFactory::startNetworkSearch(request->queryString, http->url, http->headers,
+                                                         request->triggerEvent, kEndpointCard);
+  network->http = std::move(*http);
+  network->log = &log;
+  network->gotResponseText = "Got network response for card query";
+  network->statusFailureFormat = "Card fetch failed with HTTP status code {} error {}";
+  network->requireJsonObject = true;
+  _recordFeedback(network->start, *request);
+  _sendNetworkQuery(network, std::move(reply));
+  _markNetworkRequest();
 }
 
 void ClientState::lookup(std::shared_ptr<const VORLookupRequest> request, QueryReply reply) {
-  searchLog().info("session {} performing lookup query, reply {}", identifier_, describeReply(reply));
-  _replyBagFailure(*request, "Bag fetch failed, can't complete non-cached lookup query.", true, reply);
+  const Logger& log = VorlenLogForCategory(VorlenLogCategoryLookUp);
+  log.info("session {} performing lookup query, reply {}", identifier_, describeReply(reply));
+  if (!_ensureBag()) {
+    _replyBagFailure(*request, "Bag fetch failed, can't complete non-cached lookup query.", true, reply);
+    return;
+  }
+  const VORBag bag = *this->bag();
+  if (!bag.isEnabled()) {
+    log.debug("no lookup, bag disabled");
+    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
+    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request->queryString), *request);
+    return;
+  }
+  log.debug("Dispatching network request for lookup query");
+  auto factory = assembly_->requestFactory;
+  auto http = factory ? factory->lookupRequest(*request, bag, _currentUserGUID(), _requestClient()) : std::nullopt;
+  if (!http) {
+    log.error("no lookup request could be built");
+    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no search URL"));
+    return;
+  }
+  // The answer is due by the bag's render deadline: a slower answer ends as a time-out error.
+  if (double deadline = bag.searchRenderTimeout(); deadline > 0) {
+    http->timeoutSeconds = std::min(http->timeoutSeconds.value_or(deadline), deadline);
+  }
+  auto network = std::make_shared<NetworkQuery>();
+  network->request = request;
+  network->start = QXFeedbackFactory::lookupStartNetworkSearch(request->queryString, http->url, http->headers,
+                                                               request->lookupSelectionType, request->hintDomain,
+                                                               kEndpointCard);
+  network->http = std::move(*http);
+  network->log = &log;
+  network->gotResponseText = "Got network response for lookup query";
+  _recordFeedback(network->start, *request);
+  _sendNetworkQuery(network, std::move(reply));
+  _setPerformedSearch();
+  _markNetworkRequest();
 }
 
 void ClientState::flightSearch(std::shared_ptr<const VORFlightSearchRequest> request, QueryReply reply) {
-  searchLog().info("session {} performing flight query, reply {}", identifier_, describeReply(reply));
-  _replyBagFailure(*request, "Bag fetch failed, can't complete flight query.", true, reply);
+  flightLog().info("session {} performing flight query, reply {}", identifier_, describeReply(reply));
+  if (assembly_->userDefaults && assembly_->userDefaults->boolForKey("VORFlightUseDebugData")) {
+    _debugFlightSearch(*request, reply);
+    return;
+  }
+  if (!_ensureBag()) {
+    _replyBagFailure(*request, "Bag fetch failed, can't complete flight query.", true, reply);
+    return;
+  }
+  const VORBag bag = *this->bag();
+  if (!bag.isEnabled()) {
+    flightLog().debug("no flights, bag disabled");
+    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
+    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request->queryString), *request);
+    return;
+  }
+  flightLog().debug("Dispatching network request for flight query");
+  auto factory = assembly_->requestFactory;
+  auto http =
+      factory ? factory->flightSearchRequest(*request, bag, _currentUserGUID(), _requestClient()) : std::nullopt;
+  if (!http) {
+    flightLog().error("no flight request could be built");
+    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no flight URL"));
+    return;
+  }
+  if (double deadline = bag.searchRenderTimeout(); deadline > 0) {
+    http->timeoutSeconds = std::min(http->timeoutSeconds.value_or(deadline), deadline);
+  }
+  auto network = std::make_shared<NetworkQuery>();
+  network->request = request;
+  network->start = QXFeedbackFactory::startNetworkSearch(request->flightQuery, http->url, http->headers,
+                                                         kTriggerFlight, kEndpointFlight);
+  network->http = std::move(*http);
+  network->log = &flightLog();
+  network->gotResponseText = "Got network response for flight query";
+  _recordFeedback(network->start, *request);
+  _sendNetworkQuery(network, std::move(reply));
+  _setPerformedSearch();
+  _markNetworkRequest();
+}
+
+std::optional<nlohmann::json> ClientState::_loadFlightDebugData() const {
+  std::string location = "file:///tmp/flight_dummy_data.json";
+  if (assembly_->userDefaults) {
+    if (auto configured = assembly_->userDefaults->stringForKey("VORFlightDebugDataLocation"))
+      location = *configured;
+  }
+  const std::string path = location.rfind("file://", 0) == 0 ? location.substr(7) : location;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    flightLog().error("Failed to load flight test data. Error: cannot open {}", path);
+    return std::nullopt;
+  }
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  nlohmann::json parsed = nlohmann::json::parse(text, nullptr, false);
+  if (!parsed.is_array()) {
+    flightLog().error("Failed to parse flight test data json. Error: {}",
+                      parsed.is_discarded() ? "not JSON" : "not a JSON array");
+    return std::nullopt;
+  }
+  return parsed;
+}
+
+void ClientState::_debugFlightSearch(const VORFlightSearchRequest& request, const QueryReply& reply) {
+  auto entries = _loadFlightDebugData();
+  if (!entries) {
+    if (reply) reply(request.queryId, std::nullopt, VORError::make(500, "no flight debug data"));
+    return;
+  }
+  // "VL-123": carrier code first, flight number second. Any other shape matches nothing.
+  nlohmann::json matched = nlohmann::json::array();
+  const size_t dash = request.flightQuery.find('-');
+  if (dash != std::string::npos && request.flightQuery.find('-', dash + 1) == std::string::npos) {
+    const std::string carrier = request.flightQuery.substr(0, dash);
+    const std::string number = request.flightQuery.substr(dash + 1);
+    for (const auto& entry : *entries) {
+      if (entry.is_object() && entry.value("carrier_code", "") == carrier && entry.value("flight_number", "") == number)
+        matched.push_back(entry);
+    }
+  }
+  const std::string text = matched.dump();
+  VORReply answer = _makeReply(request, nullptr, nullptr, std::vector<uint8_t>(text.begin(), text.end()), false);
+  if (reply) reply(request.queryId, std::move(answer), std::nullopt);
 }
 
 void ClientState::flightLookup(std::shared_ptr<const VORFlightLookupRequest> request, QueryReply reply) {
-  _replyBagFailure(*request, "no bag, can't complete flight lookup", false, reply);
+  auto entries = _loadFlightDebugData();
+  if (!entries) {
+    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no flight debug data"));
+    return;
+  }
+  nlohmann::json matched = nlohmann::json::array();
+  for (const auto& entry : *entries) {
+    if (entry.is_object() && entry.value("flightId", "") == request->flightId) matched.push_back(entry);
+  }
+  const std::string text = matched.dump();
+  VORReply answer = _makeReply(*request, nullptr, nullptr, std::vector<uint8_t>(text.begin(), text.end()), false);
+  if (reply) reply(request->queryId, std::move(answer), std::nullopt);
 }
 
 void ClientState::warm() {
+  _ensureBag();
   auto held = bag();
-  if (!held || !held->warmURL()) {
+  auto url = held ? held->warmURL() : std::nullopt;
+  if (!url) {
     searchLog().info("warm not required, bag fetch in process");
     return;
   }
-  std::optional<Time> last;
   {
     std::lock_guard lock(mu_);
-    last = lastNetworkRequest_;
+    if (lastNetworkRequest_ && assembly_->clock()->now() - *lastNetworkRequest_ < kWarmInterval) {
+      searchLog().info("warm not required, connection still warm");
+      return;
+    }
   }
-  if (last && assembly_->clock()->now() - *last < kWarmInterval) {
-    searchLog().info("warm not required, connection still warm");
-    return;
+  auto factory = assembly_->requestFactory;
+  auto http = factory ? factory->warmRequest(*url) : std::nullopt;
+  auto session = assembly_->httpSessions ? assembly_->httpSessions->urlSession() : nullptr;
+  if (!http || !session) return;
+  // The warm-up is the daemon's own request, so its event carries the daemon's agent.
+  if (auto manager = assembly_->clientSessionManager) {
+    std::string agent = assembly_->platform.device
+                            ? createUserAgentString(kVORVorlendNameVersion, *assembly_->platform.device).value_or("")
+                            : std::string(kVORVorlendNameVersion);
+    manager->addVorlenFeedback(VorlenFeedback(
+        QXFeedbackFactory::startNetworkSearch("", http->url, http->headers, kTriggerWarm, kEndpointWarm), 0,
+        std::nullopt, std::move(agent)));
   }
-  // Sending the warm request needs the request factory; until it is in the Assembly nothing goes out.
+  session->dataTask(*http, [](const std::vector<uint8_t>&, const std::optional<HttpResponse>&,
+                              const std::optional<HttpError>& error) {
+    if (error) searchLog().debug("warm request failed: {}", error->message);
+  })->resume();
+  _markNetworkRequest();
 }
 
 }  // namespace vorlen

@@ -6,11 +6,9 @@
 // A state is created once per identifier by the ClientStateManager and lives for the whole process, so a
 // reconnecting client finds its state (and caches) again.
 //
-// What this build answers: the bag a state hands out comes from the Assembly's bag controller. While that
-// slot is empty no bag can be had, so every query kind takes its no-bag path: search, zero keyword,
-// look-up and flight search answer with the bag time-out error (code 1, reason "timeout") and record a
-// skip event; more results, card and flight look-up, which need the bag's URLs, answer with the same
-// error. The network path joins when the bag controller and the request factory are in the Assembly.
+// Every query kind checks the bag first (the Assembly's bag controller; nothing is awaited), builds its
+// HTTP request with the request factory, and answers from the query cache (search only) or the network
+// (the query session). Each decision leaves a feedback event with the session manager.
 //
 // Threading: every public method is safe from any thread. Replies run on the caller's thread (or, for
 // network answers, on the HTTP session's queue).
@@ -22,12 +20,20 @@
 #include <optional>
 #include <string>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include "base/Clock.h"
+#include "base/Uuid.h"
 #include "model/VORBag.h"
 #include "model/VORError.h"
 #include "model/VORReply.h"
 #include "model/VORRequest.h"
 #include "model/VORSessionConfiguration.h"
+#include "network/HttpError.h"
+#include "network/HttpRequest.h"
+#include "network/HttpResponse.h"
+#include "network/TaskMetrics.h"
+#include "network/VORNetworkRequestFactory.h"
 
 namespace vorlen {
 
@@ -57,8 +63,8 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
 
   // The client's feedback session manager: the Assembly's shared one. May be null.
   std::shared_ptr<ClientSessionManagerProtocol> sessionManager() const;
-  // The client's in-memory query cache; null until the query cache is part of the Assembly.
-  std::shared_ptr<QueryCache> queryCache() const { return nullptr; }
+  // The client's in-memory query cache; null when the preference "VORNoQueryCache" is true.
+  std::shared_ptr<QueryCache> queryCache() const { return queryCache_; }
   // The bag as this client sees it; nothing until one was had.
   std::optional<VORBag> bag() const;
 
@@ -81,14 +87,42 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
  private:
   ClientState(std::string identifier, std::shared_ptr<Assembly> assembly);
 
-  // True when a usable bag is held. Getting one needs the bag controller, which the Assembly does not
-  // have yet, so no bag is ever held in this build.
+  // True when a usable bag is held: the bag controller's installed bag, seen with this client's agent.
+  // Never waits: with no bag installed a fetch starts in the background and this answers false.
   bool _ensureBag();
   // The no-bag answer of the query kinds: the time-out error, and a skip event where the kind records one.
   void _replyBagFailure(const VORRequest& request, std::string_view logText, bool recordSkip,
                         const QueryReply& reply);
-  void _recordFeedback(QXFeedback feedback, const VORRequest& request);
+  void _recordFeedback(QXFeedback feedback, const VORRequest& request, std::optional<Uuid> userGuid = std::nullopt);
   void _countForClient(std::string_view suffix) const;
+
+  // What one network query needs beyond its HTTP request.
+  struct NetworkQuery;
+  // Sends `query` on the query session and replies from its answer (on the session's queue).
+  void _sendNetworkQuery(std::shared_ptr<NetworkQuery> query, QueryReply reply);
+  void _handleNetworkAnswer(const NetworkQuery& query, const std::vector<uint8_t>& data,
+                            const std::optional<HttpResponse>& response, const std::optional<HttpError>& error,
+                            const std::optional<TaskMetrics>& metrics, const QueryReply& reply);
+  void _cacheResponse(const nlohmann::json& response, const std::vector<uint8_t>& data, const HttpRequest& request,
+                      const std::string& input, const Uuid& uuid);
+  void endNetworkFeedback(const NetworkQuery& query, const HttpResponse& response, uint64_t responseSize,
+                          const std::optional<TaskMetrics>& metrics);
+  void failSearchFeedback(const NetworkQuery& query, const VORError& error, uint64_t responseSize,
+                          int64_t statusCode, const std::optional<TaskMetrics>& metrics);
+  void _setPerformedSearch();
+  void _markNetworkRequest();
+  // The reply of a successful answer: scale, data, the geo session, and the HTTP exchange when asked.
+  VORReply _makeReply(const VORRequest& request, const HttpRequest* httpRequest, const HttpResponse* response,
+                      std::vector<uint8_t> data, bool resetGeoSession);
+  // The request identity of this client for the request factory.
+  VORRequestClient _requestClient() const;
+  Uuid _currentUserGUID() const;
+  // The field mask of this client's search-type requests: messaging clients ask for the "messages" set.
+  std::optional<std::string> _fieldMask() const;
+  void _forceFetchBagIfAsked(const HttpResponse& response);
+  // Flight debug data: the entries of the preference-named JSON file, or nothing after a log line.
+  std::optional<nlohmann::json> _loadFlightDebugData() const;
+  void _debugFlightSearch(const VORFlightSearchRequest& request, const QueryReply& reply);
 
   const std::string identifier_;
   const std::shared_ptr<Assembly> assembly_;
@@ -98,7 +132,10 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   std::optional<std::string> userAgent_;
   std::string clientShortName_;
   std::optional<VORBag> bag_;
+  // The controller's bag that bag_ was made from: bag_ is remade only when the controller installs another.
+  std::optional<VORBag> bagSource_;
   std::optional<Time> lastNetworkRequest_;
+  std::shared_ptr<QueryCache> queryCache_;
 };
 
 }  // namespace vorlen

@@ -133,6 +133,15 @@ TEST_F(RefServerTest, RequestsAreRecordedWithSortedDecodedItemsUntilCleared) {
   EXPECT_EQ(server.requestCount("/search"), 0u);
 }
 
+TEST_F(RefServerTest, ExtraKeysAreLaidOverTheServedBag) {
+  send("POST", "/_control/bag", R"({"extra": {"enabled": false, "clients": {"voyant": {"enabled": true}}}})");
+  auto bag = json(send("GET", "/bag"));
+  EXPECT_EQ(bag["enabled"], false);
+  EXPECT_EQ(bag["clients"]["voyant"]["enabled"], true);
+  EXPECT_EQ(bag["search_url"], server.baseURL() + "/search");  // the rest stays
+  EXPECT_EQ(send("POST", "/_control/bag", R"({"extra": [1]})").response->status, 400);
+}
+
 TEST_F(RefServerTest, SearchCompletesTypedTextFromTheCorpus) {
   auto ne = json(send("GET", "/search?q=Ne"));
   ASSERT_TRUE(ne.is_object());

@@ -65,6 +65,7 @@ class ServiceFixture : public ::testing::Test {
     if (persist) assembly->userDefaults->set("VORPersistSessions", Value(true));
     assembly->notificationCenter = platform.notificationCenter;
     assembly->clientSessionManager = sessions;
+    prepareAssembly();
     ClientStateManagerOptions managerOptions;
     managerOptions.endpointSlotWait = std::chrono::milliseconds(20);
     assembly->clientStateManager = ClientStateManager::create(assembly, managerOptions);
@@ -77,6 +78,9 @@ class ServiceFixture : public ::testing::Test {
     listener->setDelegate(service);
     listener->resume();
   }
+
+  // Fills further Assembly slots before the client states and the service are made.
+  virtual void prepareAssembly() {}
 
   // A resumed client whose daemon-to-client calls land in `calls`.
   std::shared_ptr<IpcConnection> connect(std::shared_ptr<Inbox<IpcMessage>> calls = nullptr,

@@ -215,7 +215,7 @@ struct RefServer::Impl {
                   req.remote_port);
   }
 
-  std::string bag(const std::string& version) const {
+  std::string bag(const std::string& version, const std::string& extra = {}) const {
     std::string base = baseURL();
     Json bag;
     bag["version"] = version;
@@ -226,11 +226,19 @@ struct RefServer::Impl {
     bag["flight_url"] = base + "/flight";
     bag["warm_url"] = base + "/warm";
     bag["minimum_query_length"] = 2;
+    bag["l2_version"] = "7";
+    bag["l3_version"] = "3";
     bag["search_render_timeout"] = 2.0;
     bag["smart_history_enabled"] = true;
     bag["feedback_enabled"] = true;
     bag["feedback_url"] = base + "/feedback";
     bag["crowdsourcing_url"] = base + "/crowdsourcing";
+    if (!extra.empty()) {
+      Json over = Json::parse(extra, nullptr, false);
+      if (over.is_object()) {
+        for (auto it = over.begin(); it != over.end(); ++it) bag[it.key()] = it.value();
+      }
+    }
     return dump(bag);
   }
 
@@ -248,7 +256,7 @@ struct RefServer::Impl {
     switch (c.mode) {
       case BagMode::Ok:
       case BagMode::Slow:
-        res.set_content(bag(c.version), "application/json");
+        res.set_content(bag(c.version, c.extra), "application/json");
         break;
       case BagMode::Status:
         res.status = c.status;
@@ -517,6 +525,9 @@ bool RefServer::start(const std::string& host, int port) {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     impl_->server.listen_after_bind();
   });
+  // stop() must not race the accept loop's start: a stop issued before the loop runs would be missed and
+  // the loop would then serve for ever. The loop announces itself through is_running().
+  while (!impl_->server.is_running()) std::this_thread::sleep_for(std::chrono::microseconds(200));
   return true;
 }
 
@@ -553,7 +564,8 @@ RefServer::BagControl RefServer::bagControl() const {
 }
 
 std::string RefServer::bagBody() const {
-  return impl_->bag(bagControl().version);
+  BagControl c = bagControl();
+  return impl_->bag(c.version, c.extra);
 }
 
 void RefServer::setSearchControl(SearchControl control) {
@@ -624,6 +636,13 @@ bool RefServer::parseBagControl(std::string_view text, BagControl* out, std::str
       *error = "version must be a string or an integer";
       return false;
     }
+  }
+  if (auto it = doc.find("extra"); it != doc.end()) {
+    if (!it->is_object()) {
+      *error = "extra must be an object";
+      return false;
+    }
+    c.extra = dump(*it);
   }
   *out = std::move(c);
   return true;

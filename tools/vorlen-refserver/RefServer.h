@@ -19,8 +19,9 @@
 //   "ref_drop=1" (which a daemon sends when told to through its debug parameters).
 // Endpoints for tests and tools (paths beginning with "/_"):
 //   POST   /_control/bag      {"mode": "ok"|"status"|"empty"|"array"|"slow"|"drop", "status": 503,
-//                             "delay_ms": 2000, "version": "10"}; omitted fields keep their defaults
-//                             (status 503, delay 0, version "1"). A body that is not such an object is
+//                             "delay_ms": 2000, "version": "10", "extra": {...}}; omitted fields keep their
+//                             defaults (status 503, delay 0, version "1", no extra keys). "extra" is laid
+//                             over the served bag key by key. A body that is not such an object is
 //                             refused with 400 and a log line.
 //   POST   /_control/search   {"status": 200, "delay_ms": 0, "max_age": 300, "force_fetch": "{\"bag\": 10}",
 //                             "server_timing": false}; omitted fields take these defaults. "force_fetch", when
@@ -66,6 +67,9 @@ class RefServer {
     int status = 503;  // for Status
     int delayMs = 0;   // for Slow (and before any other mode when set)
     std::string version = "1";
+    // A JSON object whose keys are laid over the served bag (for example {"enabled": false} or a
+    // "clients" view); empty for none.
+    std::string extra;
   };
 
   struct SearchControl {

@@ -1,0 +1,166 @@
+// The real vorlend against the reference search service on loopback, driven through libvorlen-client as an
+// application would: the bag arrives, typing is answered from the network and then from the query cache,
+// a newer search overtakes an older one in flight, and a restarted daemon serves its disk bag at once.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "base/Preferences.h"
+#include "client/VorlenClient.h"
+#include "ipc/IpcTestSupport.h"
+#include "model/VORRequest.h"
+#include "model/VORSessionConfiguration.h"
+#include "support/DaemonProcess.h"
+#include "support/TempDir.h"
+#include "vorlen-refserver/RefServer.h"
+
+namespace vorlen {
+namespace {
+
+using namespace std::chrono_literals;
+
+VORQueryItem queryItem(std::string name, std::string value) {
+  VORQueryItem item;
+  item.name = std::move(name);
+  item.value = std::move(value);
+  return item;
+}
+
+class SearchProcessTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(server.start());
+    // The daemon reads its bag URL from its preferences domain.
+    Preferences defaults(dir / "config" / "vorlend", "com.velmo.vorlend");
+    ASSERT_TRUE(defaults.set("VORBagURL", Value(server.baseURL() + "/bag")));
+  }
+
+  std::unique_ptr<test::ChildProcess> startDaemon() {
+    std::filesystem::create_directories(dir / "run");
+    std::map<std::string, std::string> env = {
+        {"XDG_RUNTIME_DIR", (dir / "run").string()}, {"XDG_CONFIG_HOME", (dir / "config").string()},
+        {"XDG_CACHE_HOME", (dir / "cache").string()}, {"TMPDIR", dir.path().string()},
+        {"VORLEND_LOG_LEVEL", "debug"},                {"HOME", dir.path().string()},
+        {"VORLEND_SOCKET", (dir / "vorlend.sock").string()}};
+    auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"), std::vector<std::string>{},
+                                                       env, dir.path());
+    EXPECT_TRUE(daemon->waitForOutput("vorlend started", 20s)) << daemon->stderrText();
+    return daemon;
+  }
+
+  // A configured browser client; waits until the daemon has sent it a bag.
+  std::shared_ptr<VorlenClient> browser() {
+    VorlenClientOptions options;
+    options.socketPath = dir / "vorlend.sock";
+    auto client = VorlenClient::create(options);
+    auto bags = std::make_shared<test::Inbox<bool>>();
+    client->onBagDidLoad([bags](std::optional<VORBag> bag, std::optional<VORError>) { bags->put(bag.has_value()); });
+    VORSessionConfiguration configuration;
+    configuration.identifier = "com.example.browser";
+    configuration.userAgent = "Voyant/5.0";
+    // The daemon fetches its bag at start-up; until it has one, configure reports the time-out error and the
+    // bag follows with the next bag change.
+    EXPECT_TRUE(client->configure(configuration).ok());
+    EXPECT_TRUE(test::waitUntil([&] {
+      auto seen = bags->items();
+      return std::find(seen.begin(), seen.end(), true) != seen.end();
+    }));
+    return client;
+  }
+
+  static VORSearchRequest search(uint64_t id, std::string text) {
+    VORSearchRequest r;
+    r.queryId = id;
+    r.queryString = std::move(text);
+    return r;
+  }
+
+  static nlohmann::json body(const RequestReply& r) {
+    if (!r.reply) return nullptr;
+    return nlohmann::json::parse(r.reply->data.begin(), r.reply->data.end(), nullptr, false);
+  }
+
+  test::TempDir dir;
+  RefServer server;
+};
+
+TEST_F(SearchProcessTest, TypingIsAnsweredFromTheNetworkThenFromTheQueryCache) {
+  auto daemon = startDaemon();
+  auto client = browser();
+
+  auto tooShort = client->request(search(1, "n"));
+  ASSERT_TRUE(tooShort.ok()) << tooShort.errorText();
+  EXPECT_FALSE(tooShort.value->reply);
+  EXPECT_FALSE(tooShort.value->error);
+  EXPECT_EQ(server.requestCount("/search"), 0u);
+
+  auto ne = client->request(search(2, "ne"));
+  ASSERT_TRUE(ne.ok()) << ne.errorText();
+  EXPECT_EQ(body(*ne.value)["query"], "news");
+  auto neu = client->request(search(3, "new"));
+  ASSERT_TRUE(neu.ok()) << neu.errorText();
+  EXPECT_EQ(body(*neu.value)["query"], "news");
+  EXPECT_EQ(server.requestCount("/search"), 1u);  // "new" came out of the query cache
+
+  VORZeroKeywordRequest zkw;
+  zkw.queryId = 4;
+  auto trending = client->request(zkw);
+  ASSERT_TRUE(trending.ok()) << trending.errorText();
+  EXPECT_EQ(body(*trending.value)["suggestions"].size(), 5u);
+
+  VORMoreResultsRequest more;
+  more.queryId = 5;
+  more.queryItems = {queryItem("q", "news"), queryItem("ref_status", "404")};
+  auto missing = client->request(more);
+  ASSERT_TRUE(missing.ok()) << missing.errorText();
+  ASSERT_TRUE(missing.value->error);
+  EXPECT_EQ(missing.value->error->code, 404);
+  EXPECT_TRUE(daemon->waitForOutput("More results fetch failed with HTTP status code 404", 10s));
+}
+
+TEST_F(SearchProcessTest, ANewerSearchOvertakesOneStillInFlight) {
+  auto daemon = startDaemon();
+  auto client = browser();
+  VORSearchRequest five = search(5, "football");
+  five.queryItems = {queryItem("ref_delay_ms", "500")};
+  auto fiveAnswer = std::make_shared<test::Inbox<ClientResult<RequestReply>>>();
+  client->request(five, [fiveAnswer](ClientResult<RequestReply> r) { fiveAnswer->put(std::move(r)); });
+  ASSERT_TRUE(test::waitUntil([&] { return server.requestCount("/search") == 1; }));
+
+  auto six = client->request(search(6, "fo"));
+  ASSERT_TRUE(six.ok()) << six.errorText();
+  EXPECT_EQ(six.value->queryId, 6u);
+  EXPECT_EQ(body(*six.value)["query"], "football");
+  EXPECT_EQ(fiveAnswer->size(), 0u) << daemon->stderrText();  // 6 is answered while 5 is still on its way
+
+  ASSERT_TRUE(fiveAnswer->waitFor(1));
+  const auto overtaken = fiveAnswer->items()[0];
+  ASSERT_TRUE(overtaken.ok()) << overtaken.errorText();
+  EXPECT_EQ(overtaken.value->queryId, 5u);
+  EXPECT_FALSE(overtaken.value->reply);
+  EXPECT_FALSE(overtaken.value->error);
+}
+
+TEST_F(SearchProcessTest, ARestartedDaemonServesItsDiskBagWithoutFetching) {
+  auto daemon = startDaemon();
+  ASSERT_TRUE(browser());
+  EXPECT_EQ(server.requestCount("/bag"), 1u);
+  const auto bagFile = dir / "cache" / "com.velmo.vorlend" / "bag.plist";
+  ASSERT_TRUE(std::filesystem::exists(bagFile));
+  EXPECT_EQ(std::filesystem::status(bagFile).permissions() & std::filesystem::perms::all,
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  ASSERT_TRUE(daemon->signal(SIGTERM));
+  ASSERT_EQ(daemon->wait(20s), 0);
+
+  server.clearRequests();
+  daemon = startDaemon();
+  auto client = browser();
+  auto answer = client->request(search(1, "we"));
+  ASSERT_TRUE(answer.ok()) << answer.errorText();
+  EXPECT_EQ(body(*answer.value)["query"], "weather");
+  EXPECT_EQ(server.requestCount("/bag"), 0u);
+}
+
+}  // namespace
+}  // namespace vorlen

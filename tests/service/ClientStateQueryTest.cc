@@ -1,0 +1,387 @@
+// The query kinds of a client state end to end inside one process: a real client connection on a real
+// socket, the real bag controller, request factory, query cache and completion database, and the reference
+// service on loopback answering over HTTP.
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+#include "base/Log.h"
+#include "cache/EngagedCompletionCache.h"
+#include "cache/QueryCache.h"
+#include "network/HttpSessions.h"
+#include "network/HttpTestSupport.h"
+#include "network/VORNetworkRequestFactory.h"
+#include "network/VorlenBagController.h"
+#include "network/VorlenUserGUIDController.h"
+#include "service/ClientState.h"
+#include "service/ServiceTestSupport.h"
+#include "vorlen-refserver/RefServer.h"
+
+namespace vorlen {
+namespace {
+
+using test::eventually;
+
+VORQueryItem queryItem(std::string name, std::string value) {
+  VORQueryItem item;
+  item.name = std::move(name);
+  item.value = std::move(value);
+  return item;
+}
+
+constexpr const char* kBrowser = "com.example.browser";
+constexpr const char* kBrowserAgent = "Voyant/5.0";
+
+class ClientStateQueryTest : public test::ServiceFixture {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(server.start());
+    server.setBagControl(firstBag());
+    start();
+  }
+
+  virtual RefServer::BagControl firstBag() { return {}; }
+  virtual bool waitForBag() { return true; }
+
+  void prepareAssembly() override {
+    assembly->userDefaults->set("VORBagURL", Value(server.baseURL() + "/bag"));
+    assembly->httpSessions = std::make_shared<HttpSessions>(assembly->userDefaults, clock, platform.paths.tempDir);
+    assembly->engagedCompletionCache =
+        EngagedCompletionCache::create(platform.paths.cachesDir, clock, assembly->userDefaults);
+    assembly->guidController = VorlenUserGUIDController::create(*assembly);
+    assembly->requestFactory = VORNetworkRequestFactory::create(*assembly);
+    bags = VorlenBagController::create(assembly);
+    assembly->bagController = bags;
+    if (waitForBag()) {
+      bags->currentBag();
+      ASSERT_TRUE(eventually([&] { return bags->cachedBagState().has_value(); }));
+    }
+  }
+
+  // Serves another bag (the next version, with `extra` laid over the reference bag) and waits for it.
+  void switchBag(const std::string& extra) {
+    RefServer::BagControl c;
+    c.version = std::to_string(++bagVersion);
+    c.extra = extra;
+    server.setBagControl(c);
+    bags->forceFetchBag(Value::Dict{{"bag", Value(static_cast<int64_t>(bagVersion))}});
+    ASSERT_TRUE(eventually([&] {
+      auto b = bags->cachedBagState();
+      return b && b->version() == c.version;
+    }));
+  }
+
+  std::shared_ptr<IpcConnection> configured(const std::string& identifier = kBrowser,
+                                            const std::string& agent = kBrowserAgent) {
+    auto c = connect();
+    EXPECT_TRUE(call(c, "configure:reply:", {configuration(identifier, agent)}));
+    // The bag's completion settings reach the completion database just after the configure reply.
+    if (bags->cachedBagState()) {
+      EXPECT_TRUE(eventually([&] { return assembly->engagedCompletionCache->enabled(); }));
+    }
+    return c;
+  }
+
+  static Value search(uint64_t queryId, std::string text, uint64_t triggerEvent = 0) {
+    VORSearchRequest r;
+    r.queryId = queryId;
+    r.queryString = std::move(text);
+    r.triggerEvent = triggerEvent;
+    return r.toRecord();
+  }
+
+  // The JSON body of a reply.
+  static nlohmann::json body(const test::Reply& reply) {
+    auto r = VORReply::fromRecord(reply.at(1));
+    if (!r) return nullptr;
+    return nlohmann::json::parse(r->data.begin(), r->data.end(), nullptr, false);
+  }
+
+  std::vector<std::string> eventClasses() const {
+    std::vector<std::string> out;
+    for (const auto& f : sessions->feedbacks()) out.push_back(f.feedback.className());
+    return out;
+  }
+
+  size_t countOf(const std::string& cls) const {
+    auto all = eventClasses();
+    return static_cast<size_t>(std::count(all.begin(), all.end(), cls));
+  }
+
+  // Items of the last request the service received on `path`.
+  std::map<std::string, std::string> lastItems(const std::string& path) const {
+    std::map<std::string, std::string> out;
+    for (const auto& r : server.requests()) {
+      if (r.path != path) continue;
+      out.clear();
+      for (const auto& [k, v] : r.queryItems) out[k] = v;
+    }
+    return out;
+  }
+
+  RefServer server;
+  std::shared_ptr<VorlenBagController> bags;
+  int bagVersion = 1;
+};
+
+TEST_F(ClientStateQueryTest, ShortQueriesAndADisabledBagNeverReachTheService) {
+  auto c = configured();
+  // The reference bag's minimum length is 2: one character is answered empty with a skip event.
+  auto shortOne = call(c, "request:reply:", {search(1, "n")});
+  ASSERT_TRUE(shortOne);
+  EXPECT_TRUE(shortOne->at(1).isNull());
+  EXPECT_TRUE(shortOne->at(2).isNull());
+  auto events = sessions->feedbacks();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].feedback.className(), "VORSkipSearchFeedback");
+  EXPECT_EQ(events[0].feedback.uint("triggerEvent"), 1u);
+
+  switchBag(R"({"enabled": false})");
+  auto disabled = call(c, "request:reply:", {search(2, "news")});
+  ASSERT_TRUE(disabled);
+  EXPECT_TRUE(disabled->at(1).isNull());
+  EXPECT_TRUE(disabled->at(2).isNull());
+  events = sessions->feedbacks();
+  EXPECT_EQ(events.back().feedback.uint("triggerEvent"), 2u);
+  EXPECT_EQ(countOf("QXStartLocalSearchFeedback"), 0u);  // no local completion either
+  EXPECT_EQ(server.requestCount("/search"), 0u);
+}
+
+TEST_F(ClientStateQueryTest, ContinuedTypingAlongACompletionIsAnsweredFromTheQueryCache) {
+  auto c = configured();
+  auto first = call(c, "request:reply:", {search(1, "ne")});
+  ASSERT_TRUE(first);
+  ASSERT_TRUE(first->at(2).isNull()) << first->at(2).describe();
+  EXPECT_EQ(body(*first)["query"], "news");
+  EXPECT_EQ(lastItems("/search")["q"], "ne");
+
+  // "new" is a prefix of the cached completion "news": no second request.
+  auto second = call(c, "request:reply:", {search(2, "new")});
+  ASSERT_TRUE(second);
+  EXPECT_EQ(body(*second)["query"], "news");
+  EXPECT_EQ(server.requestCount("/search"), 1u);
+  EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.ondevicecachehits"), 1);
+  EXPECT_EQ(countOf("VORCacheHitFeedback"), 1u);
+  EXPECT_EQ(countOf("QXStartNetworkSearchFeedback"), 1u);
+  EXPECT_EQ(countOf("QXEndNetworkSearchFeedback") + countOf("VOREndNetworkSearchFeedback"), 1u);
+
+  // Text the cached completion does not extend goes to the network again.
+  ASSERT_TRUE(call(c, "request:reply:", {search(3, "wea")}));
+  EXPECT_EQ(server.requestCount("/search"), 2u);
+  // A rotated user identifier empties the cache.
+  assembly->guidController->reset();
+  assembly->guidController->currentUserGUID();
+  auto state = assembly->clientStateManager->stateForClientIdentifier(kBrowser);
+  ASSERT_TRUE(eventually([&] { return state->queryCache()->count() == 0; }));
+  ASSERT_TRUE(call(c, "request:reply:", {search(4, "news")}));
+  EXPECT_EQ(server.requestCount("/search"), 3u);
+}
+
+TEST_F(ClientStateQueryTest, ALocalCompletionTravelsWithTheRequest) {
+  auto c = configured();
+  assembly->engagedCompletionCache->addCompletion("news today", "ne", 1, 1);
+  auto answer = call(c, "request:reply:", {search(1, "ne")});
+  ASSERT_TRUE(answer);
+  auto items = lastItems("/search");
+  EXPECT_EQ(items["lc"], "news today");
+  EXPECT_EQ(items["lco"], "se");
+  ASSERT_FALSE(items["lcs"].empty());
+  EXPECT_GT(std::stod(items["lcs"]), 0.0);
+  EXPECT_EQ(countOf("QXStartLocalSearchFeedback"), 1u);
+  EXPECT_EQ(countOf("QXEndLocalSearchFeedback"), 1u);
+
+  // System search asks its own history, and only while typing in its completion field (event 21).
+  auto system = configured("com.example.search", "Norvanta/2.0");
+  assembly->engagedCompletionCache->addCompletion("weather tomorrow", "we", 1, 2);
+  ASSERT_TRUE(call(system, "request:reply:", {search(1, "we")}));
+  EXPECT_EQ(lastItems("/search").count("lc"), 0u);
+  EXPECT_EQ(countOf("QXStartLocalSearchFeedback"), 1u);
+  ASSERT_TRUE(call(system, "request:reply:", {search(2, "wea", 21)}));
+  EXPECT_EQ(lastItems("/search")["lc"], "weather tomorrow");
+  EXPECT_EQ(countOf("QXStartLocalSearchFeedback"), 2u);
+}
+
+TEST_F(ClientStateQueryTest, ANewerSearchOvertakesOneStillInFlight) {
+  auto c = configured();
+  VORSearchRequest slow;
+  slow.queryId = 5;
+  slow.queryString = "football";
+  slow.queryItems.push_back(queryItem("ref_delay_ms", "400"));
+  auto fiveAnswer = std::make_shared<test::Inbox<Value::Array>>();
+  ASSERT_TRUE(c->call("request:reply:", {slow.toRecord()}, [fiveAnswer](const IpcMessage& m) { fiveAnswer->put(m.args()); }));
+  ASSERT_TRUE(eventually([&] { return server.requestCount("/search") == 1; }));
+
+  auto six = call(c, "request:reply:", {search(6, "fo")});
+  ASSERT_TRUE(six);
+  EXPECT_EQ(six->at(0).getUInt(), 6u);
+  EXPECT_FALSE(body(*six).is_null());
+  EXPECT_EQ(fiveAnswer->size(), 0u) << (fiveAnswer->size() ? Value(fiveAnswer->items()[0]).describe() : "");
+
+  ASSERT_TRUE(eventually([&] { return fiveAnswer->size() == 1; }));
+  auto five = fiveAnswer->items()[0];
+  EXPECT_EQ(five.at(0).getUInt(), 5u);
+  EXPECT_TRUE(five.at(1).isNull());  // overtaken: answered without a result
+  EXPECT_TRUE(five.at(2).isNull());
+}
+
+TEST_F(ClientStateQueryTest, VerboseRepliesCarryTheExchangeAndForceFetchRefreshesTheBag) {
+  auto c = configured();
+  VORSearchRequest r;
+  r.queryId = 1;
+  r.queryString = "we";
+  r.verboseReply = true;
+  auto answer = call(c, "request:reply:", {r.toRecord()});
+  ASSERT_TRUE(answer);
+  auto reply = VORReply::fromRecord(answer->at(1));
+  ASSERT_TRUE(reply);
+  EXPECT_NE(reply->httpRequest.at("url").getString()->find("/search?"), std::string::npos);
+  EXPECT_EQ(reply->httpResponse.at("status").getInt(), 200);
+  EXPECT_EQ(reply->scale, 2.0);  // the device's scale, filled in by the connection
+
+  // An answer saying a newer bag exists makes the controller fetch it.
+  RefServer::BagControl next;
+  next.version = "10";
+  server.setBagControl(next);
+  RefServer::SearchControl forced;
+  forced.forceFetch = R"({"bag": 10})";
+  forced.serverTiming = true;
+  server.setSearchControl(forced);
+  ASSERT_TRUE(call(c, "request:reply:", {search(2, "nba")}));
+  ASSERT_TRUE(eventually([&] { return bags->cachedBagState()->version() == "10"; }));
+  EXPECT_EQ(countOf("VOREndNetworkSearchFeedback"), 1u);  // the server's timing record was read
+}
+
+TEST_F(ClientStateQueryTest, ZeroKeywordMoreResultsAndCards) {
+  auto c = configured();
+  VORZeroKeywordRequest zkw;
+  zkw.queryId = 1;
+  auto trending = call(c, "request:reply:", {zkw.toRecord()});
+  ASSERT_TRUE(trending);
+  EXPECT_EQ(body(*trending)["suggestions"].size(), 5u);
+  EXPECT_EQ(lastItems("/search")["qtype"], "zkw");
+  // The client's own "qtype" replaces the forced one.
+  zkw.queryItems.push_back(queryItem("qtype", "zkw_news"));
+  ASSERT_TRUE(call(c, "request:reply:", {zkw.toRecord()}));
+  EXPECT_EQ(lastItems("/search")["qtype"], "zkw_news");
+
+  VORMoreResultsRequest more;
+  more.queryId = 2;
+  more.queryItems.push_back(queryItem("q", "news"));
+  auto page = call(c, "request:reply:", {more.toRecord()});
+  ASSERT_TRUE(page);
+  EXPECT_EQ(body(*page)["results"].size(), 5u);
+
+  ScopedLogCapture capture;
+  more.queryItems.push_back(queryItem("ref_status", "404"));
+  auto missing = call(c, "request:reply:", {more.toRecord()});
+  ASSERT_TRUE(missing);
+  ASSERT_TRUE(errorOf(missing->at(2)));
+  EXPECT_EQ(errorOf(missing->at(2))->code, 404);
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "More results fetch failed with HTTP status code 404"),
+            1u);
+  EXPECT_EQ(countOf("QXErrorFeedback"), 1u);
+
+  VORCardRequest card;
+  card.queryId = 3;
+  card.queryItems.push_back(queryItem("q", "news"));
+  auto answered = call(c, "request:reply:", {card.toRecord()});
+  ASSERT_TRUE(answered);
+  EXPECT_EQ(body(*answered)["card"]["title"], "news");
+}
+
+TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
+  switchBag(R"({"search_render_timeout": 0.3})");
+  auto c = configured();
+  VORLookupRequest lookup;
+  lookup.queryId = 1;
+  lookup.queryString = "serendipity";
+  lookup.lookupSelectionType = 1;
+  auto answer = call(c, "request:reply:", {lookup.toRecord()});
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(body(*answer)["query"], "serendipity");
+  EXPECT_EQ(countOf("VORLookupStartNetworkSearchFeedback"), 1u);
+
+  lookup.queryItems.push_back(queryItem("ref_delay_ms", "2000"));
+  auto late = call(c, "request:reply:", {lookup.toRecord()});
+  ASSERT_TRUE(late);
+  ASSERT_TRUE(errorOf(late->at(2)));
+  EXPECT_EQ(errorOf(late->at(2))->code, HttpError::kTimedOut);
+}
+
+TEST_F(ClientStateQueryTest, FlightsCanBeServedFromDebugData) {
+  const auto file = dir / "flights.json";
+  std::ofstream(file) << R"([{"carrier_code": "VL", "flight_number": "12", "flightId": "F1"},
+                             {"carrier_code": "VL", "flight_number": "13", "flightId": "F2"}])";
+  assembly->userDefaults->set("VORFlightUseDebugData", Value(true));
+  assembly->userDefaults->set("VORFlightDebugDataLocation", Value("file://" + file.string()));
+  auto c = configured();
+  VORFlightSearchRequest flight;
+  flight.queryId = 1;
+  flight.flightQuery = "VL-13";
+  auto found = call(c, "request:reply:", {flight.toRecord()});
+  ASSERT_TRUE(found);
+  ASSERT_EQ(body(*found).size(), 1u);
+  EXPECT_EQ(body(*found)[0]["flightId"], "F2");
+  flight.flightQuery = "VL13";  // not two parts: nothing matches
+  EXPECT_TRUE(body(*call(c, "request:reply:", {flight.toRecord()})).empty());
+  VORFlightLookupRequest byId;
+  byId.queryId = 2;
+  byId.flightId = "F1";
+  auto looked = call(c, "request:reply:", {byId.toRecord()});
+  ASSERT_TRUE(looked);
+  EXPECT_EQ(body(*looked)[0]["flight_number"], "12");
+  EXPECT_EQ(server.requestCount("/flight"), 0u);
+
+  // Without debug data a flight search goes to the service.
+  assembly->userDefaults->set("VORFlightUseDebugData", Value(false));
+  flight.flightQuery = "VL-7";
+  auto live = call(c, "request:reply:", {flight.toRecord()});
+  ASSERT_TRUE(live);
+  EXPECT_EQ(body(*live)["flights"][0]["flight_number"], "7");
+  EXPECT_EQ(server.requests().back().header("Accept"), "application/x-protobuf");
+}
+
+TEST_F(ClientStateQueryTest, WarmingTwiceWithinThirtySecondsSendsOneRequest) {
+  configured();
+  auto state = assembly->clientStateManager->stateForClientIdentifier(kBrowser);
+  state->warm();
+  ASSERT_TRUE(eventually([&] { return server.requestCount("/warm") == 1; }));
+  clock->advance(std::chrono::seconds(29));
+  state->warm();
+  clock->advance(std::chrono::seconds(2));  // 31 s after the first
+  state->warm();
+  ASSERT_TRUE(eventually([&] { return server.requestCount("/warm") == 2; }));
+  EXPECT_EQ(server.requestCount("/warm"), 2u);
+}
+
+class ClientStateWithoutBagTest : public ClientStateQueryTest {
+ protected:
+  RefServer::BagControl firstBag() override {
+    RefServer::BagControl c;
+    c.mode = RefServer::BagMode::Status;
+    c.status = 503;
+    return c;
+  }
+  bool waitForBag() override { return false; }
+};
+
+TEST_F(ClientStateWithoutBagTest, QueriesAnswerTheTimeOutErrorWhileNoBagCanBeHad) {
+  auto c = configured();
+  auto answer = call(c, "request:reply:", {search(1, "news")});
+  ASSERT_TRUE(answer);
+  ASSERT_TRUE(errorOf(answer->at(2)));
+  EXPECT_EQ(errorOf(answer->at(2))->code, 1);
+  EXPECT_EQ(errorOf(answer->at(2))->reason(), "timeout");
+  EXPECT_EQ(sessions->feedbacks().back().feedback.uint("triggerEvent"), 3u);
+  EXPECT_EQ(server.requestCount("/search"), 0u);
+
+  // Once the service gives a bag, the next query goes through.
+  server.setBagControl({});
+  ASSERT_TRUE(eventually([&] { return bags->currentBag().has_value(); }));
+  auto later = call(c, "request:reply:", {search(2, "news")});
+  ASSERT_TRUE(later);
+  EXPECT_EQ(body(*later)["query"], "news");
+}
+
+}  // namespace
+}  // namespace vorlen
