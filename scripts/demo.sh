@@ -1,15 +1,18 @@
 #!/usr/bin/env bash
-# End-to-end run of the daemon on private folders: build, start vorlend, talk to it as a client with
-# vorlenctl (configure, search, list sessions), stop it with SIGTERM and show how it ended.
+# End-to-end run of the daemon on private folders against the reference search service on loopback:
+# build, start vorlen-refserver and vorlend (its bag URL pointed at the reference service), type queries
+# letter by letter as a browser would and show where each answer came from (network or query cache, and the
+# local completion a request carried), then stop both cleanly and show how the daemon ended.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
-bash scripts/build.sh default vorlend vorlenctl
+bash scripts/build.sh default vorlend vorlenctl vorlen-refserver
 
 root=$(mktemp -d "${TMPDIR:-/tmp}/vorlend-demo-XXXXXX")
 chmod 700 "$root"
 cleanup() {
   [ -n "${daemon_pid:-}" ] && kill "$daemon_pid" 2>/dev/null || true
+  [ -n "${ref_pid:-}" ] && kill "$ref_pid" 2>/dev/null || true
   rm -rf "$root"
 }
 trap cleanup EXIT
@@ -17,6 +20,18 @@ trap cleanup EXIT
 export XDG_RUNTIME_DIR="$root/run" XDG_CONFIG_HOME="$root/config" XDG_CACHE_HOME="$root/cache" TMPDIR="$root"
 export VORLEND_LOG_LEVEL=debug
 mkdir -p "$XDG_RUNTIME_DIR"
+
+echo "== starting the reference search service on loopback"
+build/default/vorlen-refserver --port 0 >"$root/refserver.out" 2>"$root/refserver.log" &
+ref_pid=$!
+for _ in $(seq 1 100); do
+  [ -s "$root/refserver.out" ] && break
+  sleep 0.1
+done
+ref=$(head -n1 "$root/refserver.out")
+[ -n "$ref" ] || { echo "vorlen-refserver did not start:"; cat "$root/refserver.log"; exit 1; }
+echo "== reference service at $ref"
+build/default/vorlenctl defaults write com.velmo.vorlend VORBagURL "$ref/bag"
 
 echo "== starting vorlend with private folders under $root"
 build/default/vorlend 2>"$root/vorlend.log" &
@@ -34,15 +49,26 @@ ps -o pid,rss,etime,cmd -p "$daemon_pid" || true
 echo "== its folders:"
 find "$root" -mindepth 1 -maxdepth 4 \( -type d -o -type s -o -type f \) ! -name vorlend.log -printf '%M %p\n' | sort
 
-ctl() { echo "\$ vorlenctl $*"; build/default/vorlenctl "$@"; }
-echo "== a client session"
+ctl() { echo "\$ vorlenctl $*"; env -u VORLEND_LOG_LEVEL build/default/vorlenctl "$@"; }
+browser=(--id com.velmo.demo.browser --agent "Voyant/17.0")
+echo "== a browser client"
 ctl status
-ctl configure --id com.velmo.demo --agent "voyant/1.0"
-# No bag server is configured for this run, so the daemon answers every query with its bag time-out
-# error; vorlenctl prints it and exits 1.
-ctl search --id com.velmo.demo --agent "voyant/1.0" "weather" || echo "(search exit status $?)"
+for _ in $(seq 1 50); do
+  env -u VORLEND_LOG_LEVEL build/default/vorlenctl "${browser[@]}" bag >/dev/null 2>&1 && break
+  sleep 0.1
+done
+ctl "${browser[@]}" bag
+echo
+echo "== typing \"new york\": the first letter is below the bag's minimum length; \"ne\" goes to the"
+echo "   network and completes to \"news\", so \"new\" is answered from the query cache"
+ctl "${browser[@]}" type "new york" --refserver "$ref" --delay-ms 50
+echo
+# Local completions come from the user's engagements, which reach the completion database through the
+# feedback session manager; this build has none yet, so the requests above carry no "lc" item.
 ctl sessions
-ctl --json sessions
+echo "== requests the reference service received"
+curl -s "$ref/_counts" 2>/dev/null || true
+echo
 
 echo "== stopping it with SIGTERM"
 kill -TERM "$daemon_pid"
@@ -51,8 +77,9 @@ wait "$daemon_pid"
 status=$?
 set -e
 daemon_pid=
-echo "== vorlend log:"
-cat "$root/vorlend.log"
+kill -TERM "$ref_pid"; wait "$ref_pid" || true; ref_pid=
+echo "== vorlend log (last 40 lines):"
+tail -n 40 "$root/vorlend.log"
 echo "== counters it kept"
 build/default/vorlenctl stats
 echo "== vorlend exited with status $status"

@@ -5,7 +5,8 @@
 #include <fmt/format.h>
 
 #include "JsonRecordReader.h"
-#include "JsonValue.h"
+#include "TypingSession.h"
+#include "base/JsonValue.h"
 #include "base/Utf8.h"
 #include "model/QXFeedback.h"
 #include "model/VORRequest.h"
@@ -102,6 +103,18 @@ ExitCode DaemonCommands::search(const std::string& text) {
   if (!listed && !parsed.is_discarded()) out_.line(parsed.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
   else if (!listed && isValidUtf8(body)) out_.line(body);
   return ExitCode::Ok;
+}
+
+ExitCode DaemonCommands::type(const std::string& text, const std::optional<std::string>& refserver, int delayMs) {
+  if (auto failed = connect()) return *failed;
+  TypingSession session(out_, client_, refserver ? std::optional<ServiceProbe>(*refserver) : std::nullopt);
+  return session.typeLetters(text, delayMs);
+}
+
+ExitCode DaemonCommands::interactive(const std::optional<std::string>& refserver) {
+  if (auto failed = connect()) return *failed;
+  TypingSession session(out_, client_, refserver ? std::optional<ServiceProbe>(*refserver) : std::nullopt);
+  return session.interactive();
 }
 
 ExitCode DaemonCommands::bag() {

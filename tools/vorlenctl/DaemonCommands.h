@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "CtlOutput.h"
@@ -29,6 +30,11 @@ class DaemonCommands {
   ExitCode status();
   ExitCode configure();
   ExitCode search(const std::string& text);
+  // Types `text` letter by letter (see TypingSession); `refserver` is the reference service's base URL,
+  // which tells network answers from cached ones.
+  ExitCode type(const std::string& text, const std::optional<std::string>& refserver, int delayMs);
+  // Live type-ahead in the terminal.
+  ExitCode interactive(const std::optional<std::string>& refserver);
   // Version-like keys and the key count; the whole bag with --json.
   ExitCode bag();
   ExitCode sessions();

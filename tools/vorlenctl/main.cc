@@ -39,7 +39,17 @@ int run(int argc, char** argv) {
   auto* configure = app.add_subcommand("configure", "configure a connection (--id, --agent)");
   auto* search = app.add_subcommand("search", "send a search and print its results");
   std::string searchText;
-  search->add_option("TEXT", searchText, "the query")->required();
+  bool interactive = false;
+  std::optional<std::string> refserver;
+  search->add_option("TEXT", searchText, "the query");
+  search->add_flag("--interactive,-i", interactive, "type in the terminal and see suggestions live");
+  search->add_option("--refserver", refserver, "base URL of vorlen-refserver, to tell network from cache");
+  auto* typeCmd = app.add_subcommand("type", "type TEXT letter by letter and show where each answer came from");
+  std::string typeText;
+  int delayMs = 0;
+  typeCmd->add_option("TEXT", typeText, "the text to type")->required();
+  typeCmd->add_option("--refserver", refserver, "base URL of vorlen-refserver, to tell network from cache");
+  typeCmd->add_option("--delay-ms", delayMs, "pause between keystrokes")->check(CLI::Range(0, 10000));
   auto* bag = app.add_subcommand("bag", "version keys and size of the bag (--json: all of it)");
   auto* sessions = app.add_subcommand("sessions", "the clients the daemon knows");
   auto* report = app.add_subcommand("report", "report a feedback event given as JSON");
@@ -97,7 +107,11 @@ int run(int argc, char** argv) {
   ExitCode code = ExitCode::Usage;
   if (*status) code = command.status();
   else if (*configure) code = command.configure();
+  else if (*search && interactive) code = command.interactive(refserver);
+  else if (*search && searchText.empty())
+    code = out.error(ExitCode::Usage, "search needs TEXT or --interactive");
   else if (*search) code = command.search(searchText);
+  else if (*typeCmd) code = command.type(typeText, refserver, delayMs);
   else if (*bag) code = command.bag();
   else if (*sessions) code = command.sessions();
   else if (*report) code = command.report(eventJson, queryId);
