@@ -119,6 +119,24 @@ TEST_F(SearchProcessTest, TypingIsAnsweredFromTheNetworkThenFromTheQueryCache) {
   EXPECT_TRUE(daemon->waitForOutput("More results fetch failed with HTTP status code 404", 10s));
 }
 
+TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) {
+  auto daemon = startDaemon();
+  ASSERT_TRUE(browser());
+  test::ChildProcess ctl(test::builtProgram("vorlenctl"),
+                         {"--json", "--socket", (dir / "vorlend.sock").string(), "--id", "com.example.typist",
+                          "--agent", "Voyant/5.0", "type", "new", "--refserver", server.baseURL()},
+                         {{"HOME", dir.path().string()}}, dir.path());
+  ASSERT_EQ(ctl.wait(30s), 0) << ctl.stderrText();
+  auto keystrokes = nlohmann::json::parse(ctl.stdoutText(), nullptr, false);
+  ASSERT_TRUE(keystrokes.is_array()) << ctl.stdoutText();
+  ASSERT_EQ(keystrokes.size(), 3u);
+  EXPECT_EQ(keystrokes[0]["source"], "no answer");  // below the bag's minimum length
+  EXPECT_EQ(keystrokes[1]["source"], "network");
+  EXPECT_EQ(keystrokes[1]["completion"], "news");
+  EXPECT_EQ(keystrokes[2]["source"], "query cache");
+  EXPECT_EQ(keystrokes[2]["completion"], "news");
+}
+
 TEST_F(SearchProcessTest, ANewerSearchOvertakesOneStillInFlight) {
   auto daemon = startDaemon();
   auto client = browser();

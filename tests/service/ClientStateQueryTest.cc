@@ -1,5 +1,5 @@
-// The query kinds of a client state end to end inside one process: a real client connection on a real
-// socket, the real bag controller, request factory, query cache and completion database, and the reference
+// The query kinds of a client state end to end inside one process: libvorlen-client on a real socket, the
+// real service, bag controller, request factory, query cache and completion database, and the reference
 // service on loopback answering over HTTP.
 #include <fstream>
 
@@ -7,6 +7,7 @@
 
 #include "base/Log.h"
 #include "cache/EngagedCompletionCache.h"
+#include "client/VorlenClient.h"
 #include "cache/QueryCache.h"
 #include "network/HttpSessions.h"
 #include "network/HttpTestSupport.h"
@@ -71,10 +72,17 @@ class ClientStateQueryTest : public test::ServiceFixture {
     }));
   }
 
-  std::shared_ptr<IpcConnection> configured(const std::string& identifier = kBrowser,
-                                            const std::string& agent = kBrowserAgent) {
-    auto c = connect();
-    EXPECT_TRUE(call(c, "configure:reply:", {configuration(identifier, agent)}));
+  std::shared_ptr<VorlenClient> configured(const std::string& identifier = kBrowser,
+                                           const std::string& agent = kBrowserAgent) {
+    VorlenClientOptions options;
+    options.socketPath = platform.paths.serviceSocket;
+    options.runtime = runtime;
+    auto c = VorlenClient::create(options);
+    VORSessionConfiguration configuration;
+    configuration.identifier = identifier;
+    configuration.userAgent = agent;
+    auto configured = c->configure(configuration);
+    EXPECT_TRUE(configured.ok()) << configured.errorText();
     // The bag's completion settings reach the completion database just after the configure reply.
     if (bags->cachedBagState()) {
       EXPECT_TRUE(eventually([&] { return assembly->engagedCompletionCache->enabled(); }));
@@ -82,19 +90,25 @@ class ClientStateQueryTest : public test::ServiceFixture {
     return c;
   }
 
-  static Value search(uint64_t queryId, std::string text, uint64_t triggerEvent = 0) {
+  static VORSearchRequest search(uint64_t queryId, std::string text, uint64_t triggerEvent = 0) {
     VORSearchRequest r;
     r.queryId = queryId;
     r.queryString = std::move(text);
     r.triggerEvent = triggerEvent;
-    return r.toRecord();
+    return r;
+  }
+
+  // The answer to `request`; a failure of the call itself fails the test.
+  static RequestReply ask(const std::shared_ptr<VorlenClient>& client, const VORRequest& request) {
+    auto r = client->request(request);
+    EXPECT_TRUE(r.ok()) << r.errorText();
+    return r.ok() ? *r.value : RequestReply{};
   }
 
   // The JSON body of a reply.
-  static nlohmann::json body(const test::Reply& reply) {
-    auto r = VORReply::fromRecord(reply.at(1));
-    if (!r) return nullptr;
-    return nlohmann::json::parse(r->data.begin(), r->data.end(), nullptr, false);
+  static nlohmann::json body(const RequestReply& reply) {
+    if (!reply.reply) return nullptr;
+    return nlohmann::json::parse(reply.reply->data.begin(), reply.reply->data.end(), nullptr, false);
   }
 
   std::vector<std::string> eventClasses() const {
@@ -127,20 +141,18 @@ class ClientStateQueryTest : public test::ServiceFixture {
 TEST_F(ClientStateQueryTest, ShortQueriesAndADisabledBagNeverReachTheService) {
   auto c = configured();
   // The reference bag's minimum length is 2: one character is answered empty with a skip event.
-  auto shortOne = call(c, "request:reply:", {search(1, "n")});
-  ASSERT_TRUE(shortOne);
-  EXPECT_TRUE(shortOne->at(1).isNull());
-  EXPECT_TRUE(shortOne->at(2).isNull());
+  auto shortOne = ask(c, search(1, "n"));
+  EXPECT_TRUE(!shortOne.reply);
+  EXPECT_TRUE(!shortOne.error);
   auto events = sessions->feedbacks();
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].feedback.className(), "VORSkipSearchFeedback");
   EXPECT_EQ(events[0].feedback.uint("triggerEvent"), 1u);
 
   switchBag(R"({"enabled": false})");
-  auto disabled = call(c, "request:reply:", {search(2, "news")});
-  ASSERT_TRUE(disabled);
-  EXPECT_TRUE(disabled->at(1).isNull());
-  EXPECT_TRUE(disabled->at(2).isNull());
+  auto disabled = ask(c, search(2, "news"));
+  EXPECT_TRUE(!disabled.reply);
+  EXPECT_TRUE(!disabled.error);
   events = sessions->feedbacks();
   EXPECT_EQ(events.back().feedback.uint("triggerEvent"), 2u);
   EXPECT_EQ(countOf("QXStartLocalSearchFeedback"), 0u);  // no local completion either
@@ -149,16 +161,14 @@ TEST_F(ClientStateQueryTest, ShortQueriesAndADisabledBagNeverReachTheService) {
 
 TEST_F(ClientStateQueryTest, ContinuedTypingAlongACompletionIsAnsweredFromTheQueryCache) {
   auto c = configured();
-  auto first = call(c, "request:reply:", {search(1, "ne")});
-  ASSERT_TRUE(first);
-  ASSERT_TRUE(first->at(2).isNull()) << first->at(2).describe();
-  EXPECT_EQ(body(*first)["query"], "news");
+  auto first = ask(c, search(1, "ne"));
+  ASSERT_FALSE(first.error) << first.error->describe();
+  EXPECT_EQ(body(first)["query"], "news");
   EXPECT_EQ(lastItems("/search")["q"], "ne");
 
   // "new" is a prefix of the cached completion "news": no second request.
-  auto second = call(c, "request:reply:", {search(2, "new")});
-  ASSERT_TRUE(second);
-  EXPECT_EQ(body(*second)["query"], "news");
+  auto second = ask(c, search(2, "new"));
+  EXPECT_EQ(body(second)["query"], "news");
   EXPECT_EQ(server.requestCount("/search"), 1u);
   EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.ondevicecachehits"), 1);
   EXPECT_EQ(countOf("VORCacheHitFeedback"), 1u);
@@ -166,22 +176,21 @@ TEST_F(ClientStateQueryTest, ContinuedTypingAlongACompletionIsAnsweredFromTheQue
   EXPECT_EQ(countOf("QXEndNetworkSearchFeedback") + countOf("VOREndNetworkSearchFeedback"), 1u);
 
   // Text the cached completion does not extend goes to the network again.
-  ASSERT_TRUE(call(c, "request:reply:", {search(3, "wea")}));
+  ask(c, search(3, "wea"));
   EXPECT_EQ(server.requestCount("/search"), 2u);
   // A rotated user identifier empties the cache.
   assembly->guidController->reset();
   assembly->guidController->currentUserGUID();
   auto state = assembly->clientStateManager->stateForClientIdentifier(kBrowser);
   ASSERT_TRUE(eventually([&] { return state->queryCache()->count() == 0; }));
-  ASSERT_TRUE(call(c, "request:reply:", {search(4, "news")}));
+  ask(c, search(4, "news"));
   EXPECT_EQ(server.requestCount("/search"), 3u);
 }
 
 TEST_F(ClientStateQueryTest, ALocalCompletionTravelsWithTheRequest) {
   auto c = configured();
   assembly->engagedCompletionCache->addCompletion("news today", "ne", 1, 1);
-  auto answer = call(c, "request:reply:", {search(1, "ne")});
-  ASSERT_TRUE(answer);
+  auto answer = ask(c, search(1, "ne"));
   auto items = lastItems("/search");
   EXPECT_EQ(items["lc"], "news today");
   EXPECT_EQ(items["lco"], "se");
@@ -193,35 +202,12 @@ TEST_F(ClientStateQueryTest, ALocalCompletionTravelsWithTheRequest) {
   // System search asks its own history, and only while typing in its completion field (event 21).
   auto system = configured("com.example.search", "Norvanta/2.0");
   assembly->engagedCompletionCache->addCompletion("weather tomorrow", "we", 1, 2);
-  ASSERT_TRUE(call(system, "request:reply:", {search(1, "we")}));
+  ask(system, search(1, "we"));
   EXPECT_EQ(lastItems("/search").count("lc"), 0u);
   EXPECT_EQ(countOf("QXStartLocalSearchFeedback"), 1u);
-  ASSERT_TRUE(call(system, "request:reply:", {search(2, "wea", 21)}));
+  ask(system, search(2, "wea", 21));
   EXPECT_EQ(lastItems("/search")["lc"], "weather tomorrow");
   EXPECT_EQ(countOf("QXStartLocalSearchFeedback"), 2u);
-}
-
-TEST_F(ClientStateQueryTest, ANewerSearchOvertakesOneStillInFlight) {
-  auto c = configured();
-  VORSearchRequest slow;
-  slow.queryId = 5;
-  slow.queryString = "football";
-  slow.queryItems.push_back(queryItem("ref_delay_ms", "400"));
-  auto fiveAnswer = std::make_shared<test::Inbox<Value::Array>>();
-  ASSERT_TRUE(c->call("request:reply:", {slow.toRecord()}, [fiveAnswer](const IpcMessage& m) { fiveAnswer->put(m.args()); }));
-  ASSERT_TRUE(eventually([&] { return server.requestCount("/search") == 1; }));
-
-  auto six = call(c, "request:reply:", {search(6, "fo")});
-  ASSERT_TRUE(six);
-  EXPECT_EQ(six->at(0).getUInt(), 6u);
-  EXPECT_FALSE(body(*six).is_null());
-  EXPECT_EQ(fiveAnswer->size(), 0u) << (fiveAnswer->size() ? Value(fiveAnswer->items()[0]).describe() : "");
-
-  ASSERT_TRUE(eventually([&] { return fiveAnswer->size() == 1; }));
-  auto five = fiveAnswer->items()[0];
-  EXPECT_EQ(five.at(0).getUInt(), 5u);
-  EXPECT_TRUE(five.at(1).isNull());  // overtaken: answered without a result
-  EXPECT_TRUE(five.at(2).isNull());
 }
 
 TEST_F(ClientStateQueryTest, VerboseRepliesCarryTheExchangeAndForceFetchRefreshesTheBag) {
@@ -230,9 +216,8 @@ TEST_F(ClientStateQueryTest, VerboseRepliesCarryTheExchangeAndForceFetchRefreshe
   r.queryId = 1;
   r.queryString = "we";
   r.verboseReply = true;
-  auto answer = call(c, "request:reply:", {r.toRecord()});
-  ASSERT_TRUE(answer);
-  auto reply = VORReply::fromRecord(answer->at(1));
+  auto answer = ask(c, r);
+  const auto& reply = answer.reply;
   ASSERT_TRUE(reply);
   EXPECT_NE(reply->httpRequest.at("url").getString()->find("/search?"), std::string::npos);
   EXPECT_EQ(reply->httpResponse.at("status").getInt(), 200);
@@ -246,7 +231,7 @@ TEST_F(ClientStateQueryTest, VerboseRepliesCarryTheExchangeAndForceFetchRefreshe
   forced.forceFetch = R"({"bag": 10})";
   forced.serverTiming = true;
   server.setSearchControl(forced);
-  ASSERT_TRUE(call(c, "request:reply:", {search(2, "nba")}));
+  ask(c, search(2, "nba"));
   ASSERT_TRUE(eventually([&] { return bags->cachedBagState()->version() == "10"; }));
   EXPECT_EQ(countOf("VOREndNetworkSearchFeedback"), 1u);  // the server's timing record was read
 }
@@ -255,28 +240,25 @@ TEST_F(ClientStateQueryTest, ZeroKeywordMoreResultsAndCards) {
   auto c = configured();
   VORZeroKeywordRequest zkw;
   zkw.queryId = 1;
-  auto trending = call(c, "request:reply:", {zkw.toRecord()});
-  ASSERT_TRUE(trending);
-  EXPECT_EQ(body(*trending)["suggestions"].size(), 5u);
+  auto trending = ask(c, zkw);
+  EXPECT_EQ(body(trending)["suggestions"].size(), 5u);
   EXPECT_EQ(lastItems("/search")["qtype"], "zkw");
   // The client's own "qtype" replaces the forced one.
   zkw.queryItems.push_back(queryItem("qtype", "zkw_news"));
-  ASSERT_TRUE(call(c, "request:reply:", {zkw.toRecord()}));
+  ask(c, zkw);
   EXPECT_EQ(lastItems("/search")["qtype"], "zkw_news");
 
   VORMoreResultsRequest more;
   more.queryId = 2;
   more.queryItems.push_back(queryItem("q", "news"));
-  auto page = call(c, "request:reply:", {more.toRecord()});
-  ASSERT_TRUE(page);
-  EXPECT_EQ(body(*page)["results"].size(), 5u);
+  auto page = ask(c, more);
+  EXPECT_EQ(body(page)["results"].size(), 5u);
 
   ScopedLogCapture capture;
   more.queryItems.push_back(queryItem("ref_status", "404"));
-  auto missing = call(c, "request:reply:", {more.toRecord()});
-  ASSERT_TRUE(missing);
-  ASSERT_TRUE(errorOf(missing->at(2)));
-  EXPECT_EQ(errorOf(missing->at(2))->code, 404);
+  auto missing = ask(c, more);
+  ASSERT_TRUE(missing.error);
+  EXPECT_EQ(missing.error->code, 404);
   EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "More results fetch failed with HTTP status code 404"),
             1u);
   EXPECT_EQ(countOf("QXErrorFeedback"), 1u);
@@ -284,9 +266,8 @@ TEST_F(ClientStateQueryTest, ZeroKeywordMoreResultsAndCards) {
   VORCardRequest card;
   card.queryId = 3;
   card.queryItems.push_back(queryItem("q", "news"));
-  auto answered = call(c, "request:reply:", {card.toRecord()});
-  ASSERT_TRUE(answered);
-  EXPECT_EQ(body(*answered)["card"]["title"], "news");
+  auto answered = ask(c, card);
+  EXPECT_EQ(body(answered)["card"]["title"], "news");
 }
 
 TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
@@ -296,16 +277,14 @@ TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
   lookup.queryId = 1;
   lookup.queryString = "serendipity";
   lookup.lookupSelectionType = 1;
-  auto answer = call(c, "request:reply:", {lookup.toRecord()});
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(body(*answer)["query"], "serendipity");
+  auto answer = ask(c, lookup);
+  EXPECT_EQ(body(answer)["query"], "serendipity");
   EXPECT_EQ(countOf("VORLookupStartNetworkSearchFeedback"), 1u);
 
   lookup.queryItems.push_back(queryItem("ref_delay_ms", "2000"));
-  auto late = call(c, "request:reply:", {lookup.toRecord()});
-  ASSERT_TRUE(late);
-  ASSERT_TRUE(errorOf(late->at(2)));
-  EXPECT_EQ(errorOf(late->at(2))->code, HttpError::kTimedOut);
+  auto late = ask(c, lookup);
+  ASSERT_TRUE(late.error);
+  EXPECT_EQ(late.error->code, HttpError::kTimedOut);
 }
 
 TEST_F(ClientStateQueryTest, FlightsCanBeServedFromDebugData) {
@@ -318,26 +297,23 @@ TEST_F(ClientStateQueryTest, FlightsCanBeServedFromDebugData) {
   VORFlightSearchRequest flight;
   flight.queryId = 1;
   flight.flightQuery = "VL-13";
-  auto found = call(c, "request:reply:", {flight.toRecord()});
-  ASSERT_TRUE(found);
-  ASSERT_EQ(body(*found).size(), 1u);
-  EXPECT_EQ(body(*found)[0]["flightId"], "F2");
+  auto found = ask(c, flight);
+  ASSERT_EQ(body(found).size(), 1u);
+  EXPECT_EQ(body(found)[0]["flightId"], "F2");
   flight.flightQuery = "VL13";  // not two parts: nothing matches
-  EXPECT_TRUE(body(*call(c, "request:reply:", {flight.toRecord()})).empty());
+  EXPECT_TRUE(body(ask(c, flight)).empty());
   VORFlightLookupRequest byId;
   byId.queryId = 2;
   byId.flightId = "F1";
-  auto looked = call(c, "request:reply:", {byId.toRecord()});
-  ASSERT_TRUE(looked);
-  EXPECT_EQ(body(*looked)[0]["flight_number"], "12");
+  auto looked = ask(c, byId);
+  EXPECT_EQ(body(looked)[0]["flight_number"], "12");
   EXPECT_EQ(server.requestCount("/flight"), 0u);
 
   // Without debug data a flight search goes to the service.
   assembly->userDefaults->set("VORFlightUseDebugData", Value(false));
   flight.flightQuery = "VL-7";
-  auto live = call(c, "request:reply:", {flight.toRecord()});
-  ASSERT_TRUE(live);
-  EXPECT_EQ(body(*live)["flights"][0]["flight_number"], "7");
+  auto live = ask(c, flight);
+  EXPECT_EQ(body(live)["flights"][0]["flight_number"], "7");
   EXPECT_EQ(server.requests().back().header("Accept"), "application/x-protobuf");
 }
 
@@ -367,20 +343,18 @@ class ClientStateWithoutBagTest : public ClientStateQueryTest {
 
 TEST_F(ClientStateWithoutBagTest, QueriesAnswerTheTimeOutErrorWhileNoBagCanBeHad) {
   auto c = configured();
-  auto answer = call(c, "request:reply:", {search(1, "news")});
-  ASSERT_TRUE(answer);
-  ASSERT_TRUE(errorOf(answer->at(2)));
-  EXPECT_EQ(errorOf(answer->at(2))->code, 1);
-  EXPECT_EQ(errorOf(answer->at(2))->reason(), "timeout");
+  auto answer = ask(c, search(1, "news"));
+  ASSERT_TRUE(answer.error);
+  EXPECT_EQ(answer.error->code, 1);
+  EXPECT_EQ(answer.error->reason(), "timeout");
   EXPECT_EQ(sessions->feedbacks().back().feedback.uint("triggerEvent"), 3u);
   EXPECT_EQ(server.requestCount("/search"), 0u);
 
   // Once the service gives a bag, the next query goes through.
   server.setBagControl({});
   ASSERT_TRUE(eventually([&] { return bags->currentBag().has_value(); }));
-  auto later = call(c, "request:reply:", {search(2, "news")});
-  ASSERT_TRUE(later);
-  EXPECT_EQ(body(*later)["query"], "news");
+  auto later = ask(c, search(2, "news"));
+  EXPECT_EQ(body(later)["query"], "news");
 }
 
 }  // namespace
