@@ -660,18 +660,23 @@ std::optional<HttpRequest> VORNetworkRequestFactory::warmRequest(const std::stri
   return request;
 }
 
-std::optional<HttpRequest> VORNetworkRequestFactory::bagFetchRequest(const BagController& controller,
-                                                                     const std::optional<std::string>& userAgent,
-                                                                     const std::optional<std::string>& version) {
+std::optional<VorlenURLRequestBuilder> VORNetworkRequestFactory::_bagRequestBuilder(
+    const BagController& controller) {
   Impl& d = *impl_;
   std::optional<std::string> country;
   d._contextAccessQueue->sync([&] { country = d.context._geoDeviceCountryCode; });
   std::string url = controller.bagFetchURLWithCountry(country);
   auto builder = VorlenURLRequestBuilder::requestBuilderWithURL(url);
-  if (!builder) {
-    VorlenLogForCategory(VorlenLogCategoryBag).error("bag URL is not absolute: {}", url);
-    return std::nullopt;
-  }
+  if (!builder) VorlenLogForCategory(VorlenLogCategoryBag).error("bag URL is not absolute: {}", url);
+  return builder;
+}
+
+std::optional<HttpRequest> VORNetworkRequestFactory::bagFetchRequest(const BagController& controller,
+                                                                     const std::optional<std::string>& userAgent,
+                                                                     const std::optional<std::string>& version) {
+  Impl& d = *impl_;
+  auto builder = _bagRequestBuilder(controller);
+  if (!builder) return std::nullopt;
   const bool quintara = d.useQuintara();
   std::optional<HttpRequest> out;
   d._contextAccessQueue->sync([&] {
@@ -697,14 +702,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagCo
                                                                      const std::optional<std::string>& userAgent,
                                                                      const std::optional<std::string>& version) {
   Impl& d = *impl_;
-  std::optional<std::string> country;
-  d._contextAccessQueue->sync([&] { country = d.context._geoDeviceCountryCode; });
-  std::string url = controller.bagFetchURLWithCountry(country);
-  auto builder = VorlenURLRequestBuilder::requestBuilderWithURL(url);
-  if (!builder) {
-    VorlenLogForCategory(VorlenLogCategoryBag).error("bag URL is not absolute: {}", url);
-    return std::nullopt;
-  }
+  auto builder = _bagRequestBuilder(controller);
+  if (!builder) return std::nullopt;
   const bool quintara = d.useQuintara();
   std::optional<HttpRequest> out;
   d._contextAccessQueue->sync([&] {

@@ -38,6 +38,7 @@
 #include "model/VORRequest.h"
 #include "model/VORSessionConfiguration.h"
 #include "network/HttpRequest.h"
+#include "network/VorlenURLRequestBuilder.h"
 #include "platform/GeoSession.h"
 #include "platform/LocationProvider.h"
 
@@ -162,6 +163,8 @@ class VORNetworkRequestFactory final : public LocationDelegate,
   struct Impl;
   explicit VORNetworkRequestFactory(const Assembly& assembly);
   void _setUp();
+  // A builder on the bag endpoint for the context's device country; nothing (logged) when not absolute.
+  std::optional<VorlenURLRequestBuilder> _bagRequestBuilder(const BagController& controller);
   // Each reads the platform outside the context queue, then updates the context on it. `announce` posts
   // kVORBagRefreshRequired (the locale always, the country code only when it changed).
   void _updateLocaleContexts(bool announce);
