@@ -18,8 +18,10 @@ constexpr int kMaxPollMs = 1000;
 }  // namespace
 
 HttpEngine& HttpEngine::shared() {
-  static HttpEngine engine;
-  return engine;
+  // Never destroyed, like the worker pool and the global queues: work on those may still hand a transfer
+  // to the engine while the process exits, and must never meet a half-destroyed one.
+  static HttpEngine* engine = new HttpEngine();
+  return *engine;
 }
 
 HttpEngine::HttpEngine() {

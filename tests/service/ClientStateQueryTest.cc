@@ -144,8 +144,9 @@ TEST_F(ClientStateQueryTest, ShortQueriesAndADisabledBagNeverReachTheService) {
   auto shortOne = ask(c, search(1, "n"));
   EXPECT_TRUE(!shortOne.reply);
   EXPECT_TRUE(!shortOne.error);
+  // Skip events follow the reply.
+  ASSERT_TRUE(eventually([&] { return sessions->feedbacks().size() == 1; }));
   auto events = sessions->feedbacks();
-  ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].feedback.className(), "VORSkipSearchFeedback");
   EXPECT_EQ(events[0].feedback.uint("triggerEvent"), 1u);
 
@@ -153,6 +154,7 @@ TEST_F(ClientStateQueryTest, ShortQueriesAndADisabledBagNeverReachTheService) {
   auto disabled = ask(c, search(2, "news"));
   EXPECT_TRUE(!disabled.reply);
   EXPECT_TRUE(!disabled.error);
+  ASSERT_TRUE(eventually([&] { return sessions->feedbacks().size() == 2; }));
   events = sessions->feedbacks();
   EXPECT_EQ(events.back().feedback.uint("triggerEvent"), 2u);
   EXPECT_EQ(countOf("QXStartLocalSearchFeedback"), 0u);  // no local completion either
@@ -170,8 +172,9 @@ TEST_F(ClientStateQueryTest, ContinuedTypingAlongACompletionIsAnsweredFromTheQue
   auto second = ask(c, search(2, "new"));
   EXPECT_EQ(body(second)["query"], "news");
   EXPECT_EQ(server.requestCount("/search"), 1u);
+  // The hit is counted and recorded just after the reply.
+  EXPECT_TRUE(eventually([&] { return countOf("VORCacheHitFeedback") == 1; }));
   EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.ondevicecachehits"), 1);
-  EXPECT_EQ(countOf("VORCacheHitFeedback"), 1u);
   EXPECT_EQ(countOf("QXStartNetworkSearchFeedback"), 1u);
   EXPECT_EQ(countOf("QXEndNetworkSearchFeedback") + countOf("VOREndNetworkSearchFeedback"), 1u);
 
@@ -347,6 +350,7 @@ TEST_F(ClientStateWithoutBagTest, QueriesAnswerTheTimeOutErrorWhileNoBagCanBeHad
   ASSERT_TRUE(answer.error);
   EXPECT_EQ(answer.error->code, 1);
   EXPECT_EQ(answer.error->reason(), "timeout");
+  ASSERT_TRUE(eventually([&] { return !sessions->feedbacks().empty(); }));
   EXPECT_EQ(sessions->feedbacks().back().feedback.uint("triggerEvent"), 3u);
   EXPECT_EQ(server.requestCount("/search"), 0u);
 
