@@ -9,7 +9,7 @@
 // Threading: none; owned and used by one queue.
 #pragma once
 
-#include <functional>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -46,16 +46,16 @@ class CritbitTree {
   uint64_t count() const { return tree_.size; }
 
   // Calls block(key, stop) for each key beginning with `prefix`, ascending; setting stop ends the walk.
-  // The key views the tree's own bytes and is valid only during the call.
-  void keysMatchingPrefix(const std::string& prefix, const std::function<void(std::string_view, bool&)>& block) const {
-    critbit_allprefixed(
-        &tree_, prefix.c_str(),
-        [](const char* key, void* ctx) -> int {
-          bool stop = false;
-          (*static_cast<const std::function<void(std::string_view, bool&)>*>(ctx))(key, stop);
-          return stop ? 0 : 1;
-        },
-        const_cast<void*>(static_cast<const void*>(&block)));
+  // The key views the tree's own bytes and is valid only during the call. `block` is any callable taking
+  // (std::string_view, bool&); it is called inline, without a type-erased hop per key.
+  template <class Block>
+  void keysMatchingPrefix(const std::string& prefix, Block&& block) const {
+    // A prefix is cut at its first NUL, as keys are.
+    critbit_walkprefixed(&tree_, prefix.c_str(), std::strlen(prefix.c_str()), [&block](const char* key, size_t len) {
+      bool stop = false;
+      block(std::string_view(key, len), stop);
+      return stop ? 0 : 1;
+    });
   }
 
  private:

@@ -9,23 +9,17 @@ namespace vorlen {
 
 namespace {
 
-inline bool isInternal(critbit_node n) { return n.flag & 1; }
-inline critbit_internal_node* internalOf(critbit_node n) {
-  return reinterpret_cast<critbit_internal_node*>(n.flag - 1);
-}
+using critbit_detail::direction;
+using critbit_detail::internalOf;
+using critbit_detail::isInternal;
+
 inline critbit_node tagInternal(critbit_internal_node* p) {
   critbit_node n;
   n.flag = reinterpret_cast<uintptr_t>(p) + 1;
   return n;
 }
-// External block: [void* value][key bytes][NUL].
 inline void*& valueOf(void* external) { return *static_cast<void**>(external); }
 inline const uint8_t* keyOf(const void* external) { return static_cast<const uint8_t*>(external) + sizeof(void*); }
-
-inline int direction(const critbit_internal_node* q, const uint8_t* key, size_t len) {
-  uint8_t c = q->byte < len ? key[q->byte] : 0;
-  return (1 + (q->otherbits | c)) >> 8;
-}
 
 void* closestExternal(critbit_node p, const uint8_t* key, size_t len) {
   while (isInternal(p)) p = internalOf(p)->child[direction(internalOf(p), key, len)];
@@ -47,19 +41,6 @@ void clearNode(critbit_tree* t, critbit_node p) {
     release(t, valueOf(p.external));
     std::free(p.external);
   }
-}
-
-int walk(critbit_node p, int (*cb)(const char*, void*), void* ctx) {
-  // Recurses into child 0 and loops down child 1, so a chain of keys that each extend the previous one
-  // (which grows on the child-1 side, a key sorting before its extensions) costs no stack.
-  while (isInternal(p)) {
-    critbit_internal_node* q = internalOf(p);
-    int r = walk(q->child[0], cb, ctx);
-    if (r != 1) return r;
-    p = q->child[1];
-  }
-  int r = cb(reinterpret_cast<const char*>(keyOf(p.external)), ctx);
-  return r == 1 ? 1 : (r == 0 ? 0 : -1);
 }
 
 }  // namespace
@@ -181,19 +162,10 @@ void critbit_clear(critbit_tree* t) {
 }
 
 int critbit_allprefixed(const critbit_tree* t, const char* prefix, int (*cb)(const char*, void*), void* ctx) {
-  if (!t->root.flag) return 1;
-  const uint8_t* k = reinterpret_cast<const uint8_t*>(prefix);
-  size_t len = std::strlen(prefix);
-  critbit_node p = t->root;
-  critbit_node top = p;
-  while (isInternal(p)) {
-    critbit_internal_node* q = internalOf(p);
-    p = q->child[direction(q, k, len)];
-    if (q->byte < len) top = p;
-  }
-  // strncmp stops at the stored key's NUL, so a stored key shorter than the prefix is never over-read.
-  if (std::strncmp(reinterpret_cast<const char*>(keyOf(p.external)), prefix, len) != 0) return 1;
-  return walk(top, cb, ctx);
+  return critbit_walkprefixed(t, prefix, std::strlen(prefix), [cb, ctx](const char* key, size_t) {
+    int r = cb(key, ctx);
+    return r == 1 ? 1 : (r == 0 ? 0 : -1);
+  });
 }
 
 }  // namespace vorlen
