@@ -1,7 +1,9 @@
 #include "cache/EngagedCompletionCache.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -10,6 +12,7 @@
 #include "base/FileUtil.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
+#include "base/WorkerPool.h"
 
 namespace vorlen {
 
@@ -17,8 +20,12 @@ namespace {
 
 const Logger& log() { return VorlenDefaultLog(); }
 
-// The far past used as the lower end of the 30-day age-out.
+// The far past (0001-01-01) used as the lower end of the 30-day age-out. Kept in seconds: it lies outside
+// the range of a nanosecond Time.
 constexpr int64_t kDistantPastSeconds = -62135596800;
+constexpr int64_t kAgeOutSeconds = 2592000;  // 30 days
+// Lookups that can run at once; a lookup is one short query, and a late one goes on in the background.
+constexpr unsigned kSearchWorkers = 2;
 
 constexpr const char* kSelectTemplate =
     "SELECT completion, origin, SUM(CASE WHEN engagement_date > ? THEN {:.6f} WHEN engagement_date > ? then "
@@ -61,13 +68,19 @@ EngagedCompletionCache::EngagedCompletionCache(const std::filesystem::path& stor
       databasePath_(databaseDirPath_ / "Cache.db"),
       clock_(clock ? std::move(clock) : Clock::system()),
       defaults_(std::move(defaults)),
-      searchQueue_(Queue::concurrent("com.velmo.vorlend.eccsearchq", QueuePriority::UserInitiated, clock_)),
+      // The lookups' own workers: a caller blocks (on a worker of the shared pool, usually) while its query
+      // runs, so with the queries on the shared pool a few concurrent searches would hold every worker
+      // waiting for queries queued behind them, and all would time out.
+      searchQueue_(Queue::concurrent("com.velmo.vorlend.eccsearchq", QueuePriority::UserInitiated, clock_,
+                                     std::make_shared<WorkerPool>(kSearchWorkers))),
       updateQueue_(Queue::serial("com.velmo.vorlend.eccupdateq", QueuePriority::Default, clock_)) {
   createOrUpdateDatabase();
 }
 
 EngagedCompletionCache::~EngagedCompletionCache() {
-  if (sqlite3* db = db_.exchange(nullptr)) sqlite3_close_v2(db);
+  sqlite3* db = db_.exchange(nullptr);
+  finalizeIdleStatements();
+  if (db) sqlite3_close_v2(db);
 }
 
 int64_t EngagedCompletionCache::nowSeconds() const {
@@ -80,22 +93,32 @@ bool EngagedCompletionCache::cacheEnabled() const {
 
 void EngagedCompletionCache::createOrUpdateDatabase() {
   std::error_code ec;
+  // A failed open leaves no connection; the schema steps then fail one by one, each with its log line.
   if (std::filesystem::exists(databasePath_, ec)) {
-    if (openDatabase() && !isSchemaCurrent()) setDBSchema();
+    openDatabase();
+    if (!isSchemaCurrent()) setDBSchema();
     return;
   }
   std::string error;
   if (!std::filesystem::exists(databaseDirPath_, ec) && !ensureDirectory(databaseDirPath_, 0700, &error)) {
-    log().error("Failed to create database dir: {}", error);
+    log().notice("Failed to create database dir: {}", error);
     return;
   }
-  if (openDatabase()) setDBSchema();
+  openDatabase();
+  setDBSchema();
 }
 
 bool EngagedCompletionCache::openDatabase() {
   if (sqlite3* old = db_.exchange(nullptr)) {
-    log().info("Closing existing Completions database connection");
+    log().notice("Closing existing Completions database connection");
+    finalizeIdleStatements();
     sqlite3_close_v2(old);
+  }
+  // The file holds the user's history: created private to the user, and an older file is tightened to
+  // match. SQLite gives its journal the database file's mode.
+  if (int fd = ::open(databasePath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); fd >= 0) {
+    ::fchmod(fd, 0600);
+    ::close(fd);
   }
   sqlite3* db = nullptr;
   int rc = sqlite3_open_v2(databasePath_.c_str(), &db,
@@ -106,10 +129,8 @@ bool EngagedCompletionCache::openDatabase() {
     sqlite3_close_v2(db);
     return false;
   }
-  // The file holds the user's history: private to the user like every file of the daemon.
-  ::chmod(databasePath_.c_str(), 0600);
   db_.store(db);
-  log().info("Completions database opened: {}", databasePath_.string());
+  log().notice("Completions database opened: {}", databasePath_.string());
   return true;
 }
 
@@ -126,12 +147,13 @@ bool EngagedCompletionCache::isSchemaCurrent() {
     // Another user holds the database right now; its schema was good enough for that user, keep it.
     current = true;
   } else if (rc == SQLITE_OK) {
-    if ((rows == 1 || cols == 1) && rows >= 1 && result[cols]) {
-      schemaVersion_ = std::strtoll(result[cols], nullptr, 10);
+    // One row or one column is enough to take the first data cell as the version.
+    if ((rows == 1 || cols == 1) && rows >= 1) {
+      schemaVersion_ = result[cols] ? std::strtoll(result[cols], nullptr, 10) : 0;
       current = schemaVersion_ == kSchemaVersion;
     }
   } else {
-    log().error("Engaged completion cache schema version read failed");
+    log().notice("Engaged completion cache schema version read failed");
   }
   sqlite3_free_table(result);
   return current;
@@ -153,14 +175,14 @@ void EngagedCompletionCache::setDBSchema() {
        "Error _setDBSchema table completion_cache_engagement create index input "},
   };
   for (auto& [sql, failure] : statements)
-    if (execSQLStatement(sql) != 0) log().error("{}", failure);
+    if (execSQLStatement(sql) != 0) log().notice("{}", failure);
   char* insert = sqlite3_mprintf("INSERT INTO completion_cache_schema_version VALUES (%d)", int(kSchemaVersion));
   if (!insert) {
-    log().error("Error _setDBSchema alloc schema version string");
+    log().notice("Error _setDBSchema alloc schema version string");
     return;
   }
-  if (execSQLStatement(insert) != 0) log().error("Error _setDBSchema insert schema version string");
-  else schemaVersion_ = kSchemaVersion;
+  // _schemaVersion stays what was read from the file; it only short-cuts a later schema check.
+  if (execSQLStatement(insert) != 0) log().notice("Error _setDBSchema insert schema version string");
   sqlite3_free(insert);
 }
 
@@ -170,7 +192,7 @@ int EngagedCompletionCache::execSQLStatement(const std::string& sql) {
   char* message = nullptr;
   int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message);
   if (rc != SQLITE_OK)
-    log().error("_execSQLStatement failed - SQL:{} error-code: {} error-message: {}", sql, rc,
+    log().notice("_execSQLStatement failed - SQL:{} error-code: {} error-message: {}", sql, rc,
                 message ? message : "");
   sqlite3_free(message);
   return rc;
@@ -183,7 +205,7 @@ void EngagedCompletionCache::updateParameters(double h, double d, double w, doub
       std::lock_guard lock(paramsMu_);
       params_ = Parameters{h, d, w, m, all, recent, threshold};
     }
-    log().info(
+    log().notice(
         "EngagedCompletionCache updateParameters: (1h {:.6f}) (1d {:.6f}) (7d {:.6f}) (1m {:.6f}) (all {:.6f}) "
         "(recent {:.6f}) (t {:.6f})",
         h, d, w, m, all, recent, threshold);
@@ -197,7 +219,7 @@ int64_t EngagedCompletionCache::countRows(bool* ok) {
   Statement st;
   if (sqlite3_prepare_v2(db, "SELECT Count(*) FROM completion_cache_engagement;", -1, &st.s, nullptr) != SQLITE_OK ||
       sqlite3_step(st.s) != SQLITE_ROW) {
-    log().error("Failed to get number of entries in engaged completion cache");
+    log().notice("Failed to get number of entries in engaged completion cache");
     return 0;
   }
   *ok = true;
@@ -207,7 +229,7 @@ int64_t EngagedCompletionCache::countRows(bool* ok) {
 int64_t EngagedCompletionCache::numberOfRows() {
   bool ok = false;
   int64_t n = countRows(&ok);
-  if (ok) log().info("Number of completion in cache: {}", n);
+  if (ok) log().notice("Number of completion in cache: {}", n);
   // Reports 0 whatever the true count is, so eviction by count only happens with a row limit of 0. Kept
   // on purpose: the 30-day age-out is what bounds the table, and servers tune around this behaviour.
   return 0;
@@ -216,38 +238,42 @@ int64_t EngagedCompletionCache::numberOfRows() {
 void EngagedCompletionCache::addCompletion(const std::string& completion, const std::string& input, int64_t origin,
                                            int64_t client) {
   if (!cacheEnabled() || completion.empty() || !db_.load()) return;
-  log().info("Adding completion: {} input: {}", completion, input);
+  log().notice("Adding completion: {} input: {}", completion, input);
   int64_t now = nowSeconds();
-  clearCompletionsFromDate(fromUnixSeconds(double(kDistantPastSeconds)), fromUnixSeconds(double(now - 2592000)));
+  clearCompletionsFromSeconds(kDistantPastSeconds, now - kAgeOutSeconds);
 
   if (static_cast<uint64_t>(numberOfRows()) >= maxRowCount_.load()) {
     if (execSQLStatement("DELETE FROM completion_cache_engagement WHERE engagement_date IN (SELECT engagement_date "
                          "FROM completion_cache_engagement ORDER BY engagement_date ASC LIMIT 1);") != 0)
-      log().error("Error _setDBSchema table completion_cache_engagement create index completion");
+      log().notice("Error _setDBSchema table completion_cache_engagement create index completion");
   }
 
   sqlite3* db = db_.load();
   if (!db) return;
-  char* sql = sqlite3_mprintf(
-      "INSERT INTO completion_cache_engagement (completion, input, engagement_date, origin, client) VALUES (%q, "
-      "%q, %q, %q, %q)",
-      "?", "?", "?", "?", "?");
-  Statement st;
-  int rc = sqlite3_prepare_v2(db, sql, -1, &st.s, nullptr);
-  if (rc != SQLITE_OK) {
-    log().error("_prepareInsertStatement failed - SQL:{} code: {}", sql, rc);
+  {
+    // Five bound values, never text pasted into the statement.
+    char* sql = sqlite3_mprintf(
+        "INSERT INTO completion_cache_engagement (completion, input, engagement_date, origin, client) VALUES (%q, "
+        "%q, %q, %q, %q)",
+        "?", "?", "?", "?", "?");
+    Statement st;
+    int rc = sqlite3_prepare_v2(db, sql, -1, &st.s, nullptr);
+    if (rc != SQLITE_OK) {
+      log().notice("_prepareInsertStatement failed - SQL:{} code: {}", sql ? sql : "", rc);
+      sqlite3_free(sql);
+      return;
+    }
     sqlite3_free(sql);
-    return;
+    std::string originString = originText(origin);
+    sqlite3_bind_text(st.s, 1, completion.data(), int(completion.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_text(st.s, 2, input.data(), int(input.size()), SQLITE_TRANSIENT);
+    // Engagement dates are stored as 32-bit whole seconds.
+    sqlite3_bind_int(st.s, 3, static_cast<int32_t>(now));
+    sqlite3_bind_text(st.s, 4, originString.data(), int(originString.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_int64(st.s, 5, client);
+    if (sqlite3_step(st.s) != SQLITE_DONE) log().error("Failed to add completion: {}", completion);
+    else log().notice("Completion added: {} input {}", completion, input);
   }
-  sqlite3_free(sql);
-  std::string originString = originText(origin);
-  sqlite3_bind_text(st.s, 1, completion.data(), int(completion.size()), SQLITE_TRANSIENT);
-  sqlite3_bind_text(st.s, 2, input.data(), int(input.size()), SQLITE_TRANSIENT);
-  sqlite3_bind_int(st.s, 3, static_cast<int32_t>(now));
-  sqlite3_bind_text(st.s, 4, originString.data(), int(originString.size()), SQLITE_TRANSIENT);
-  sqlite3_bind_int64(st.s, 5, client);
-  if (sqlite3_step(st.s) != SQLITE_DONE) log().error("Failed to add completion: {}", completion);
-  else log().info("Completion added: {} input {}", completion, input);
   performTallydLogging();
 }
 
@@ -273,7 +299,7 @@ std::optional<EngagedCompletion> EngagedCompletionCache::completionForInput(cons
   std::unique_lock lock(wait->mu);
   // The typing path's budget: a late query finishes in the background and its answer is dropped.
   if (!wait->cv.wait_for(lock, std::chrono::milliseconds(searchTimeout_.load()), [&] { return wait->done; })) {
-    log().info("EngagedCompletionCache search timed out for input {}", input);
+    log().notice("EngagedCompletionCache search timed out for input {}", input);
     return std::nullopt;
   }
   if (wait->results.empty()) return std::nullopt;
@@ -296,16 +322,19 @@ void EngagedCompletionCache::runQuery(const std::string& input, int64_t client, 
   }
   std::string sql = fmt::format(kSelectTemplate, p.last1hour, p.last1day, p.last1week, p.last1month, p.all,
                                 p.mostRecent, "%s", "%s");
-  log().debug("_prepareSelectStatement SQL:\n{}", sql);
-  char* filled = sqlite3_mprintf(sql.c_str(), "?", "?");
+  log().notice("_prepareSelectStatement SQL:\n{}", sql);
+  char* filledText = sqlite3_mprintf(sql.c_str(), "?", "?");
+  std::string filled = filledText ? filledText : "";
+  sqlite3_free(filledText);
   Statement st;
-  int rc = sqlite3_prepare_v2(db, filled, -1, &st.s, nullptr);
-  if (rc != SQLITE_OK) {
-    log().error("_prepareSelectStatement failed - SQL:{} code: {}", filled ? filled : "", rc);
-    sqlite3_free(filled);
-    return;
+  st.s = takeSelectStatement(db, filled);
+  if (!st.s) {
+    int rc = sqlite3_prepare_v3(db, filled.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &st.s, nullptr);
+    if (rc != SQLITE_OK) {
+      log().notice("_prepareSelectStatement failed - SQL:{} code: {}", filled, rc);
+      return;
+    }
   }
-  sqlite3_free(filled);
   int64_t now = nowSeconds();
   sqlite3_bind_int64(st.s, 1, now - 3600);
   sqlite3_bind_int64(st.s, 2, now - 86400);
@@ -317,9 +346,9 @@ void EngagedCompletionCache::runQuery(const std::string& input, int64_t client, 
   std::string pattern = input + "%";
   sqlite3_bind_text(st.s, 8, pattern.data(), int(pattern.size()), SQLITE_TRANSIENT);
   sqlite3_bind_text(st.s, 9, pattern.data(), int(pattern.size()), SQLITE_TRANSIENT);
-  if (Logger::enabled(LogLevel::Debug)) {
+  if (Logger::enabled(LogLevel::Default)) {
     char* expanded = sqlite3_expanded_sql(st.s);
-    log().debug("SQL: {}", expanded ? expanded : "");
+    log().notice("SQL: {}", expanded ? expanded : "");
     sqlite3_free(expanded);
   }
   auto rowStart = std::chrono::steady_clock::now();
@@ -330,30 +359,74 @@ void EngagedCompletionCache::runQuery(const std::string& input, int64_t client, 
     };
     EngagedCompletion c{text(0), sqlite3_column_double(st.s, 2), suggestionTypeForOrigin(text(1))};
     auto now2 = std::chrono::steady_clock::now();
-    log().debug("Match found input {}, completion {}, score {:.6f}, time {}", input, c.suggestion, c.score,
+    log().notice("Match found input {}, completion {}, score {:.6f}, time {}", input, c.suggestion, c.score,
                 std::chrono::duration_cast<std::chrono::milliseconds>(now2 - rowStart).count());
     rowStart = now2;
     out->push_back(std::move(c));
   }
+  sqlite3_reset(st.s);
+  sqlite3_clear_bindings(st.s);
+  if (keepSelectStatement(db, filled, st.s)) st.s = nullptr;
+}
+
+sqlite3_stmt* EngagedCompletionCache::takeSelectStatement(sqlite3* db, const std::string& text) {
+  std::lock_guard lock(statementsMu_);
+  if (statementsDb_ != db || statementsText_ != text || idleStatements_.empty()) return nullptr;
+  sqlite3_stmt* st = idleStatements_.back();
+  idleStatements_.pop_back();
+  return st;
+}
+
+bool EngagedCompletionCache::keepSelectStatement(sqlite3* db, const std::string& text, sqlite3_stmt* st) {
+  std::vector<sqlite3_stmt*> stale;
+  {
+    std::lock_guard lock(statementsMu_);
+    if (db_.load() != db) return false;  // the connection was closed or replaced meanwhile
+    if (statementsDb_ != db || statementsText_ != text) {
+      stale.swap(idleStatements_);  // new weights: statements of the old text are of no more use
+      statementsDb_ = db;
+      statementsText_ = text;
+    }
+    if (idleStatements_.size() < kSearchWorkers) idleStatements_.push_back(st);
+    else stale.push_back(st);
+  }
+  for (sqlite3_stmt* old : stale) sqlite3_finalize(old);
+  return true;
+}
+
+void EngagedCompletionCache::finalizeIdleStatements() {
+  std::vector<sqlite3_stmt*> idle;
+  {
+    std::lock_guard lock(statementsMu_);
+    idle.swap(idleStatements_);
+    statementsDb_ = nullptr;
+    statementsText_.clear();
+  }
+  for (sqlite3_stmt* st : idle) sqlite3_finalize(st);
 }
 
 void EngagedCompletionCache::clearCompletionsFromDate(Time from, Time to) {
-  sqlite3* db = db_.load();
-  if (!db) return;
+  if (!db_.load()) return;
+  // Equal dates compare before conversion, so two different instants within one second stay a range.
   if (from == to) {
     from -= std::chrono::seconds(5);
     to += std::chrono::seconds(5);
   }
   auto secs = [](Time t) { return static_cast<int64_t>(toUnixSeconds(t)); };
+  clearCompletionsFromSeconds(secs(from), secs(to));
+}
+
+void EngagedCompletionCache::clearCompletionsFromSeconds(int64_t from, int64_t to) {
+  sqlite3* db = db_.load();
+  if (!db) return;
   std::string sql = fmt::format(
-      "DELETE FROM completion_cache_engagement WHERE engagement_date >= {} AND engagement_date <= {};", secs(from),
-      secs(to));
+      "DELETE FROM completion_cache_engagement WHERE engagement_date >= {} AND engagement_date <= {};", from, to);
   Statement st;
   if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st.s, nullptr) != SQLITE_OK || sqlite3_step(st.s) != SQLITE_DONE) {
-    log().error("Failed to clear all completions");
+    log().notice("Failed to clear all completions");
     return;
   }
-  log().info("Cleared completions fromDate:{} toDate:{}", secs(from), secs(to));
+  log().notice("Cleared completions fromDate:{} toDate:{}", from, to);
 }
 
 void EngagedCompletionCache::clearAllCompletions() {
@@ -362,14 +435,17 @@ void EngagedCompletionCache::clearAllCompletions() {
   Statement st;
   if (sqlite3_prepare_v2(db, "DELETE FROM completion_cache_engagement;", -1, &st.s, nullptr) != SQLITE_OK ||
       sqlite3_step(st.s) != SQLITE_DONE) {
-    log().error("Failed to clear all completions");
+    log().notice("Failed to clear all completions");
     return;
   }
-  log().info("Cleared all completions");
+  log().notice("Cleared all completions");
 }
 
 void EngagedCompletionCache::closeDBConnection() {
-  if (sqlite3* db = db_.exchange(nullptr)) sqlite3_close_v2(db);
+  sqlite3* db = db_.exchange(nullptr);
+  finalizeIdleStatements();
+  // A lookup still running keeps the connection alive until its statement is finalised (close_v2).
+  if (db) sqlite3_close_v2(db);
 }
 
 int64_t EngagedCompletionCache::significantValue(int64_t value) {
@@ -386,17 +462,17 @@ void EngagedCompletionCache::performTallydLogging() {
   if (count >= 1) {
     const char* key = "com.velmo.vorlend.voyant.localCompletionIndex.entries";
     VorlenDiagnosticDataReporter::setValue(significantValue(count), key);
-    log().info("Tallyd logging {}: {}", key, significantValue(count));
+    log().notice("Tallyd logging {}: {}", key, significantValue(count));
   }
   std::error_code ec;
   auto size = std::filesystem::file_size(databasePath_, ec);
   if (ec) {
-    log().error("Failed retrieving engaged completion cache db file size");
+    log().notice("Failed retrieving engaged completion cache db file size");
     return;
   }
   const char* key = "com.velmo.vorlend.voyant.localCompletionIndex.size";
   VorlenDiagnosticDataReporter::setValue(significantValue(static_cast<int64_t>(size)), key);
-  log().info("Tallyd logging {}: {}", key, significantValue(static_cast<int64_t>(size)));
+  log().notice("Tallyd logging {}: {}", key, significantValue(static_cast<int64_t>(size)));
 }
 
 }  // namespace vorlen

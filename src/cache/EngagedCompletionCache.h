@@ -9,8 +9,9 @@
 // Nothing here reports an error to its caller: failures are logged on the default log and the operation
 // ends (a lookup then returns nothing). A database that cannot be opened leaves the cache inert.
 //
-// Threading: lookups run on the concurrent queue "com.velmo.vorlend.eccsearchq", several at once, and the
-// caller waits at most searchTimeout() milliseconds; adds and clears run on the caller's thread; parameter
+// Threading: lookups run on the concurrent queue "com.velmo.vorlend.eccsearchq", several at once, on
+// workers of its own (so callers blocked on the shared pool can never starve them), and the caller waits
+// at most searchTimeout() milliseconds; adds and clears run on the caller's thread; parameter
 // updates are serialised on "com.velmo.vorlend.eccupdateq". The connection is opened in SQLite's fully
 // serialised mode, which is what makes sharing it across those threads safe.
 #pragma once
@@ -22,11 +23,13 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/Clock.h"
 #include "base/Queue.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace vorlen {
 
@@ -60,6 +63,7 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   void setSearchTimeout(uint64_t ms) { searchTimeout_.store(ms); }
   uint64_t maxRowCount() const { return maxRowCount_.load(); }
   void setMaxRowCount(uint64_t rows) { maxRowCount_.store(rows); }
+  // The schema version read from the file at construction (0 when none was read, e.g. for a new file).
   int64_t schemaVersionForTesting() const { return schemaVersion_; }
 
   // Seven weights: 1 hour, 1 day, 1 week, 1 month, all, most recent, and the threshold.
@@ -98,7 +102,14 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   int execSQLStatement(const std::string& sql);
   int64_t numberOfRows();  // always 0 (see the note in the source)
   int64_t countRows(bool* ok);
+  // The date-range deletion in whole seconds since 1970 (no widening here).
+  void clearCompletionsFromSeconds(int64_t from, int64_t to);
   void runQuery(const std::string& input, int64_t client, std::vector<EngagedCompletion>* out);
+  // Lookup statements are prepared once per text (that is, per set of weights) and reused: compiling the
+  // scoring query costs more than running it on a month of history.
+  sqlite3_stmt* takeSelectStatement(sqlite3* db, const std::string& text);
+  bool keepSelectStatement(sqlite3* db, const std::string& text, sqlite3_stmt* st);  // false: caller finalises
+  void finalizeIdleStatements();
   int64_t nowSeconds() const;
 
   std::filesystem::path databaseDirPath_, databasePath_;
@@ -113,6 +124,10 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   std::shared_ptr<Queue> updateQueue_;
   mutable std::mutex paramsMu_;
   Parameters params_;
+  std::mutex statementsMu_;  // guards the three below
+  sqlite3* statementsDb_ = nullptr;
+  std::string statementsText_;
+  std::vector<sqlite3_stmt*> idleStatements_;
 };
 
 }  // namespace vorlen

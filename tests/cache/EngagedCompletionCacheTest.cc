@@ -4,76 +4,144 @@
 #include <sqlite3.h>
 
 #include <cmath>
+#include <condition_variable>
 
+#include "base/Counters.h"
+#include "base/Log.h"
 #include "base/ManualClock.h"
 #include "base/Preferences.h"
+#include "base/Queue.h"
+#include "base/WorkerPool.h"
 #include "support/TempDir.h"
 
 namespace vorlen {
 namespace {
 
+// Rows of `sql` run on the database file through a connection of its own, cells as text ("NULL" for null).
+std::vector<std::vector<std::string>> query(const std::filesystem::path& file, const std::string& sql) {
+  std::vector<std::vector<std::string>> rows;
+  sqlite3* db = nullptr;
+  EXPECT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+  char* error = nullptr;
+  int rc = sqlite3_exec(
+      db, sql.c_str(),
+      [](void* out, int n, char** cells, char**) {
+        auto& r = static_cast<std::vector<std::vector<std::string>>*>(out)->emplace_back();
+        for (int i = 0; i < n; ++i) r.emplace_back(cells[i] ? cells[i] : "NULL");
+        return 0;
+      },
+      &rows, &error);
+  EXPECT_EQ(rc, SQLITE_OK) << sql << ": " << (error ? error : "");
+  sqlite3_free(error);
+  sqlite3_close(db);
+  return rows;
+}
+
 class EngagedCompletionCacheTest : public ::testing::Test {
  protected:
+  void SetUp() override { Counters::install(counters); }
+  void TearDown() override { Counters::install(nullptr); }
+
   std::shared_ptr<EngagedCompletionCache> open() {
     auto c = EngagedCompletionCache::create(dir.path(), clock, prefs);
     c->setEnabled(true);
     c->setSearchTimeout(30000);  // generous: the 5 ms budget is measured in bench/, not here
     return c;
   }
-  double recency(double engagedAgo) {
-    double now = std::floor(toUnixSeconds(clock->now()));
-    return std::floor(now - engagedAgo) / now;
+  // Records an engagement `ago` seconds before the test clock's now, through a cache whose clock stands
+  // there. Each such add ages out what is 30 days older than its own time, so write newest first.
+  void addAgo(double ago, const std::string& completion, const std::string& input, int64_t origin,
+              int64_t client) {
+    auto cache = EngagedCompletionCache::create(dir.path(), std::make_shared<ManualClock>(clock->now() - seconds(ago)),
+                                                prefs);
+    cache->setEnabled(true);
+    cache->addCompletion(completion, input, origin, client);
   }
+  // The recency term of an engagement made `ago` seconds before now: its date over now, in whole seconds.
+  double recency(double ago) {
+    double now = std::floor(toUnixSeconds(clock->now()));
+    return std::floor(now - ago) / now;
+  }
+  std::filesystem::path file() const { return dir.path() / "EngagedCompletions" / "Cache.db"; }
 
   test::TempDir dir;
-  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(fromUnixSeconds(1767225600.25));
   std::shared_ptr<Preferences> prefs = std::make_shared<Preferences>(dir.path() / "config", "com.velmo.vorlend");
+  std::shared_ptr<Counters> counters = std::make_shared<Counters>(std::filesystem::path(), clock);
 };
 
-// Writes engagements at chosen ages by writing through a cache whose clock stands at that age.
-void addAgo(const std::filesystem::path& root, const std::shared_ptr<Preferences>& prefs, Time now, double ago,
-            const std::string& completion, const std::string& input, int64_t origin, int64_t client) {
-  auto c = std::make_shared<ManualClock>(now - seconds(ago));
-  auto cache = EngagedCompletionCache::create(root, c, prefs);
-  cache->setEnabled(true);
-  cache->addCompletion(completion, input, origin, client);
-}
-
-TEST_F(EngagedCompletionCacheTest, ScoresByNewestBucketPlusRecencyTerm) {
-  open();
-  Time now = clock->now();
-  addAgo(dir.path(), prefs, now, 600, "news", "ne", 1, 1);         // last hour: 10
-  addAgo(dir.path(), prefs, now, 7200, "news", "n", 1, 1);         // last day: 1
-  addAgo(dir.path(), prefs, now, 2 * 86400, "weather", "we", 2, 1);  // last week: 0.1
+TEST_F(EngagedCompletionCacheTest, EachEngagementCountsTheWeightOfItsNewestBucket) {
+  addAgo(600, "hour", "h", 1, 1);               // last hour
+  addAgo(2 * 3600, "day", "d", 1, 1);           // last day
+  addAgo(2 * 86400, "week", "w", 2, 1);         // last week
+  addAgo(10 * 86400, "month", "m", 1, 1);       // last 30 days
+  addAgo(100 * 86400, "year", "y", 1, 1);       // last 365 days
+  addAgo(400 * 86400, "older", "o", 1, 1);      // no bucket: only the recency term
   auto cache = open();
 
-  auto news = cache->completionForInput("NE", 1);  // LIKE ignores ASCII case
-  ASSERT_TRUE(news);
-  EXPECT_EQ(news->suggestion, "news");
-  EXPECT_EQ(news->type, 1);
-  EXPECT_NEAR(news->score, 11.0 + recency(600), 1e-6);
+  const struct {
+    const char* input;
+    double ago, weight;
+  } expected[] = {{"h", 600, 10.0},          {"d", 2 * 3600, 1.0},     {"w", 2 * 86400, 0.1},
+                  {"m", 10 * 86400, 0.01},   {"y", 100 * 86400, 0.001}, {"o", 400 * 86400, 0.0}};
+  for (auto& e : expected) {
+    auto hit = cache->completionForInput(e.input, 1);
+    ASSERT_TRUE(hit) << e.input;
+    EXPECT_NEAR(hit->score, e.weight + recency(e.ago), 1e-9) << e.input;
+  }
 
-  auto weather = cache->completionForInput("w", 1);
-  ASSERT_TRUE(weather);
-  EXPECT_EQ(weather->type, 8);  // origin 2 is stored as "3d"
-  EXPECT_NEAR(weather->score, 0.1 + recency(2 * 86400), 1e-6);
+  // Six distinct weights, with no recency term, show each bucket takes its own weight and nothing else.
+  cache->updateParameters(1000, 100, 10, 1, 0.5, 0, 0);
+  for (auto [input, weight] : {std::pair{"h", 1000.0}, {"d", 100.0}, {"w", 10.0}, {"m", 1.0}, {"y", 0.5}, {"o", 0.0}})
+    EXPECT_DOUBLE_EQ(cache->completionForInput(input, 1)->score, weight) << input;
+  // The most-recent weight multiplies the recency term.
+  cache->updateParameters(0, 0, 0, 0, 0, 2.5, 0);
+  EXPECT_NEAR(cache->completionForInput("w", 1)->score, 2.5 * recency(2 * 86400), 1e-9);
+}
 
-  // Matching on the stored input too: "n" was typed for "news".
-  EXPECT_EQ(cache->completionForInput("n", 1)->suggestion, "news");
+TEST_F(EngagedCompletionCacheTest, EngagementsOfOneCompletionAddUpAndTheBestTwoCompete) {
+  addAgo(0, "news", "ne", 1, 1);
+  addAgo(2 * 3600, "news", "n", 1, 1);
+  addAgo(60, "newt", "new", 2, 1);
+  auto cache = open();
+
+  // 10 + 1 for "news", the recency term taken from its newest engagement; "newt" scores 10 + recency.
+  auto hit = cache->completionForInput("NE", 1);  // LIKE ignores ASCII case
+  ASSERT_TRUE(hit);
+  EXPECT_EQ(hit->suggestion, "news");
+  EXPECT_EQ(hit->type, 1);
+  EXPECT_NEAR(hit->score, 11.0 + recency(0), 1e-9);
+
+  // Matching on the stored input as well as the completion: "new" was typed for "newt" only.
+  auto newt = cache->completionForInput("newt", 1);
+  ASSERT_TRUE(newt);
+  EXPECT_EQ(newt->type, 8);  // origin 2 is stored as "3d"
+  EXPECT_EQ(query(file(), "SELECT origin FROM completion_cache_engagement WHERE completion = 'newt';"),
+            (std::vector<std::vector<std::string>>{{"3d"}}));
   EXPECT_FALSE(cache->completionForInput("zzz", 1));
+  // The typed text is a bound value, never part of the statement.
+  EXPECT_FALSE(cache->completionForInput("' OR 1=1 --", 1));
 }
 
-TEST_F(EngagedCompletionCacheTest, ClientsThresholdOriginsAndSwitches) {
+TEST_F(EngagedCompletionCacheTest, ThresholdClientsOriginsAndSwitches) {
+  addAgo(0, "fresh", "f", 1, 1);
+  addAgo(2 * 3600, "faded", "fa", 1, 1);
   auto cache = open();
+  cache->updateParameters(10, 1, 0.1, 0.01, 0.001, 1.0, 5.0);
+  EXPECT_TRUE(cache->completionForInput("fr", 1));   // about 11
+  EXPECT_FALSE(cache->completionForInput("fa", 1));  // about 2, below 5
+  cache->updateParameters(10, 1, 0.1, 0.01, 0.001, 1.0, 0.0);
+  EXPECT_TRUE(cache->completionForInput("fa", 1));
+
   cache->addCompletion("norvanta result", "no", 3, 2);
-  EXPECT_FALSE(cache->completionForInput("no", 1));  // browser never sees system-search rows
+  EXPECT_FALSE(cache->completionForInput("no", 1));  // the browser never sees system-search rows
+  EXPECT_FALSE(cache->completionForInput("no", 0));
+  EXPECT_FALSE(cache->completionForInput("fr", 2));
   auto hit = cache->completionForInput("no", 2);
   ASSERT_TRUE(hit);
   EXPECT_EQ(hit->type, 1);  // origin 3 reads back as type 1, like origin 1
-
-  cache->updateParameters(10, 1, 0.1, 0.01, 0.001, 1.0, 20.0);
-  EXPECT_FALSE(cache->completionForInput("no", 2));  // 11 < 20
-  cache->updateParameters(10, 1, 0.1, 0.01, 0.001, 1.0, 0.0);
+  cache->addCompletion("other origin", "ot", 7, 2);
+  EXPECT_EQ(cache->completionForInput("ot", 2)->type, 0);
 
   prefs->set("VORDisableLocalCompletions", Value(true));
   EXPECT_FALSE(cache->completionForInput("no", 2));
@@ -84,58 +152,162 @@ TEST_F(EngagedCompletionCacheTest, ClientsThresholdOriginsAndSwitches) {
   EXPECT_FALSE(cache->completionForInput("no", 2));
   cache->setEnabled(true);
   cache->addCompletion("", "empty", 1, 2);  // empty completions are never stored
-  EXPECT_FALSE(cache->completionForInput("empty", 2));
+  EXPECT_EQ(query(file(), "SELECT count(*) FROM completion_cache_engagement WHERE input = 'empty';")[0][0], "0");
 
   cache->closeDBConnection();
   EXPECT_FALSE(cache->completionForInput("no", 2));
+  cache->addCompletion("after close", "ac", 1, 2);  // does nothing, and does not crash
+}
+
+// Lookups made from work on the shared pool, more at once than it has workers: each caller blocks its
+// worker while it waits, so the queries must not need a worker of that pool to run.
+TEST_F(EngagedCompletionCacheTest, LookupsFromEveryWorkerOfTheSharedPoolAreAnswered) {
+  auto cache = open();
+  cache->setSearchTimeout(5000);  // a starved lookup fails here after 5 s instead of hanging
+  cache->addCompletion("pooled", "po", 1, 1);
+  const size_t callers = 2 * WorkerPool::shared()->size();
+  std::mutex mu;
+  std::condition_variable cv;
+  size_t answered = 0, found = 0;
+  std::vector<std::shared_ptr<Queue>> queues;
+  for (size_t i = 0; i < callers; ++i) {
+    queues.push_back(Queue::serial("test.caller." + std::to_string(i)));
+    queues.back()->async([&] {
+      bool hit = cache->completionForInput("po", 1).has_value();
+      std::lock_guard lock(mu);
+      ++answered;
+      found += hit;
+      cv.notify_all();
+    });
+  }
+  std::unique_lock lock(mu);
+  ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(60), [&] { return answered == callers; }));
+  EXPECT_EQ(found, callers);
 }
 
 TEST_F(EngagedCompletionCacheTest, ClearsAgeOutAndEvictionByRowLimit) {
-  Time now = clock->now();
-  open();
-  addAgo(dir.path(), prefs, now, 3, "recent", "r", 1, 1);
-  addAgo(dir.path(), prefs, now, 100, "older", "o", 1, 1);
+  addAgo(4, "recent", "r", 1, 1);
+  addAgo(6, "older", "o", 1, 1);
   auto cache = open();
-  cache->clearCompletionsFromDate(now, now);  // equal dates widen to +-5 s
+  cache->clearCompletionsFromDate(clock->now(), clock->now());  // equal dates widen to +-5 s
   EXPECT_FALSE(cache->completionForInput("r", 1));
   EXPECT_TRUE(cache->completionForInput("o", 1));
 
   // An add first ages out everything older than 30 days.
-  addAgo(dir.path(), prefs, now, 31 * 86400.0, "ancient", "a", 1, 1);
-  EXPECT_TRUE(open()->completionForInput("a", 1));
+  addAgo(31 * 86400.0, "ancient", "a", 1, 1);
+  EXPECT_TRUE(cache->completionForInput("a", 1));
   cache->addCompletion("fresh", "f", 1, 1);
   EXPECT_FALSE(cache->completionForInput("a", 1));
+  // The default row limit never evicts: the row counter reports 0 on purpose.
+  EXPECT_TRUE(cache->completionForInput("o", 1));
 
-  // The row counter reports 0 on purpose, so only a limit of 0 evicts: the oldest-dated rows go first.
+  // Only a limit of 0 evicts, and then every row sharing the oldest date goes.
+  addAgo(8, "twin one", "t", 1, 1);
+  addAgo(8, "twin two", "t", 1, 1);
   cache->setMaxRowCount(0);
-  clock->advance(std::chrono::seconds(10));
   cache->addCompletion("newest", "n", 1, 1);
+  EXPECT_FALSE(cache->completionForInput("t", 1));
+  EXPECT_TRUE(cache->completionForInput("o", 1));
+  cache->addCompletion("newer", "n", 1, 1);
   EXPECT_FALSE(cache->completionForInput("o", 1));
   EXPECT_TRUE(cache->completionForInput("newest", 1));
+
   cache->clearAllCompletions();
-  EXPECT_FALSE(cache->completionForInput("newest", 1));
+  EXPECT_EQ(query(file(), "SELECT count(*) FROM completion_cache_engagement;")[0][0], "0");
 }
 
-TEST_F(EngagedCompletionCacheTest, SchemaIsCheckedAndRebuiltPrivately) {
+TEST_F(EngagedCompletionCacheTest, ReportsCoarsenedSizes) {
+  auto cache = open();
+  {
+    // 120 rows written directly, then one add: 121 entries are reported as 120.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file().c_str(), &db), SQLITE_OK);
+    std::string sql = "BEGIN;";
+    for (int i = 0; i < 120; ++i)
+      sql += fmt::format("INSERT INTO completion_cache_engagement VALUES ('c{}', 'c', {}, 'se', 1);", i,
+                         int64_t(toUnixSeconds(clock->now())));
+    sql += "COMMIT;";
+    ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+  }
+  cache->addCompletion("one more", "o", 1, 1);
+  EXPECT_EQ(counters->value("com.velmo.vorlend.voyant.localCompletionIndex.entries"), 120);
+  int64_t size = static_cast<int64_t>(std::filesystem::file_size(file()));
+  int64_t reported = counters->value("com.velmo.vorlend.voyant.localCompletionIndex.size");
+  EXPECT_EQ(reported, EngagedCompletionCache::significantValue(size));
+  EXPECT_GT(reported, 0);
+}
+
+TEST_F(EngagedCompletionCacheTest, CurrentSchemaIsKeptAndTheFileIsPrivate) {
   open()->addCompletion("kept", "k", 1, 1);
-  auto path = dir.path() / "EngagedCompletions" / "Cache.db";
-  EXPECT_EQ(test::fileMode(path), 0600u);
-  EXPECT_EQ(open()->schemaVersionForTesting(), 3);
-  EXPECT_TRUE(open()->completionForInput("k", 1));
+  EXPECT_EQ(test::fileMode(file()), 0600u);
+  EXPECT_EQ(test::fileMode(file().parent_path()), 0700u);
+  auto reopened = open();
+  EXPECT_EQ(reopened->schemaVersionForTesting(), 3);
+  EXPECT_TRUE(reopened->completionForInput("k", 1));
+  EXPECT_EQ(query(file(), "SELECT schema_version FROM completion_cache_schema_version;"),
+            (std::vector<std::vector<std::string>>{{"3"}}));
+  EXPECT_EQ(query(file(), "PRAGMA auto_vacuum;")[0][0], "2");
+}
 
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db, "UPDATE completion_cache_schema_version SET schema_version = 2;", nullptr, nullptr,
-                         nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
+TEST_F(EngagedCompletionCacheTest, OldOrForeignSchemaIsRebuiltEmpty) {
+  open()->addCompletion("kept", "k", 1, 1);
+  query(file(), "UPDATE completion_cache_schema_version SET schema_version = 2;");
   auto rebuilt = open();
-  EXPECT_EQ(rebuilt->schemaVersionForTesting(), 3);
+  EXPECT_EQ(rebuilt->schemaVersionForTesting(), 2);  // what was read; the file now says 3
   EXPECT_FALSE(rebuilt->completionForInput("k", 1));  // rebuilding discards the rows
+  EXPECT_EQ(query(file(), "SELECT schema_version FROM completion_cache_schema_version;"),
+            (std::vector<std::vector<std::string>>{{"3"}}));
 
-  test::writeFile(path, "this is not a database at all, but it is long enough to look like one........");
-  auto garbage = open();  // unreadable schema: rebuilt or left inert, never a crash
-  garbage->addCompletion("x", "x", 1, 1);
+  // A database of someone else's making: no version table, a table of our name with other columns.
+  std::filesystem::remove(file());
+  query(file(), "CREATE TABLE completion_cache_engagement(term TEXT, hits INT); INSERT INTO "
+                "completion_cache_engagement VALUES ('x', 1); CREATE TABLE other(a INT);");
+  auto foreign = open();
+  EXPECT_EQ(foreign->schemaVersionForTesting(), 0);
+  foreign->addCompletion("works", "w", 1, 1);
+  EXPECT_EQ(foreign->completionForInput("wo", 1)->suggestion, "works");
+  EXPECT_EQ(query(file(), "SELECT completion, input, origin, client FROM completion_cache_engagement;"),
+            (std::vector<std::vector<std::string>>{{"works", "w", "se", "1"}}));
+
+  // More than one column, more than one row: the version cannot be read, so the file is rebuilt.
+  query(file(), "DROP TABLE completion_cache_schema_version; CREATE TABLE completion_cache_schema_version(a INT, "
+                "b INT); INSERT INTO completion_cache_schema_version VALUES (3, 3), (3, 3);");
+  auto twoByTwo = open();
+  EXPECT_FALSE(twoByTwo->completionForInput("wo", 1));
+}
+
+TEST_F(EngagedCompletionCacheTest, SchemaBusyWhileReadIsKept) {
+  open()->addCompletion("kept", "k", 1, 1);
+  query(file(), "UPDATE completion_cache_schema_version SET schema_version = 2;");
+  sqlite3* holder = nullptr;
+  ASSERT_EQ(sqlite3_open(file().c_str(), &holder), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr), SQLITE_OK);
+  auto cache = open();  // cannot read the version: taken as current, nothing is rebuilt
+  EXPECT_EQ(cache->schemaVersionForTesting(), 0);
+  ASSERT_EQ(sqlite3_exec(holder, "COMMIT;", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(holder);
+  EXPECT_TRUE(cache->completionForInput("k", 1));
+  EXPECT_EQ(query(file(), "SELECT schema_version FROM completion_cache_schema_version;")[0][0], "2");
+}
+
+TEST_F(EngagedCompletionCacheTest, UnreadableFileLeavesTheCacheInertWithEveryFailureLogged) {
+  std::filesystem::create_directories(file().parent_path());
+  test::writeFile(file(), std::string(4096, 'x'));
+  ScopedLogCapture capture;
+  auto cache = open();
+  EXPECT_TRUE(capture.sink().contains("Engaged completion cache schema version read failed"));
+  // Every schema step is tried and fails on its own.
+  EXPECT_TRUE(capture.sink().contains("Error _setDBSchema pragma auto_vacum"));
+  EXPECT_TRUE(capture.sink().contains("Error _setDBSchema create completion_cache_engagement table"));
+  EXPECT_TRUE(capture.sink().contains("Error _setDBSchema table completion_cache_engagement create index input "));
+  EXPECT_TRUE(capture.sink().contains("Error _setDBSchema insert schema version string"));
+  cache->addCompletion("x", "x", 1, 1);
+  EXPECT_TRUE(capture.sink().contains(
+      "_prepareInsertStatement failed - SQL:INSERT INTO completion_cache_engagement (completion, input, "
+      "engagement_date, origin, client) VALUES (?, ?, ?, ?, ?) code: 26"));
+  EXPECT_FALSE(cache->completionForInput("x", 1));
+  EXPECT_EQ(test::readFile(file()), std::string(4096, 'x'));
 }
 
 TEST(EngagedCompletionSignificantValueTest, KeepsTwoSignificantDigits) {
