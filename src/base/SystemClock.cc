@@ -51,8 +51,8 @@ std::shared_ptr<ScheduledCall> SystemClock::schedule(Time deadline, std::shared_
   {
     std::lock_guard lock(mu_);
     key = Key(steadyDeadline, nextSeq_++);
-    auto it = pending_.emplace(key, entry).first;
-    earliest = it == pending_.begin();
+    pending_.emplace(key, entry);
+    earliest = steadyDeadline < wakeAt_;
   }
   if (earliest) changed_.notify_all();
   return std::make_shared<Call>(this, key, std::move(entry));
@@ -76,12 +76,16 @@ void SystemClock::run() {
   std::unique_lock lock(mu_);
   while (!stopping_) {
     if (pending_.empty()) {
+      wakeAt_ = std::chrono::steady_clock::time_point::max();
       changed_.wait(lock);
+      wakeAt_ = std::chrono::steady_clock::time_point::min();
       continue;
     }
     auto deadline = pending_.begin()->first.first;
     if (std::chrono::steady_clock::now() < deadline) {
+      wakeAt_ = deadline;
       changed_.wait_until(lock, deadline);
+      wakeAt_ = std::chrono::steady_clock::time_point::min();
       continue;  // woken early, by a new earliest deadline, or due now: look again
     }
     std::shared_ptr<ScheduledWork> due = std::move(pending_.begin()->second);

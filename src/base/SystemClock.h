@@ -42,6 +42,10 @@ class SystemClock final : public Clock {
   uint64_t nextSeq_ = 0;
   std::map<Key, std::shared_ptr<ScheduledWork>> pending_;
   bool stopping_ = false;
+  // While the timer thread sleeps: the time it wakes by itself (max() without a deadline); min() while it
+  // runs. A new deadline wakes it only when earlier than this, so a long time-out re-armed per call (and
+  // cancelled before it is due) costs the timer thread no wake-up.
+  std::chrono::steady_clock::time_point wakeAt_ = std::chrono::steady_clock::time_point::min();
   std::thread thread_;  // last member: starts once everything above exists
 };
 

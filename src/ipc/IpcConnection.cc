@@ -86,7 +86,7 @@ IpcConnection::IpcConnection(UniqueFd socket, IpcConnectionOptions options)
     io_->closed = true;
     return;  // `socket` closes the descriptor
   }
-  socket.release();
+  directFd_ = socket.release();
 }
 
 IpcConnection::~IpcConnection() {
@@ -230,7 +230,11 @@ void IpcConnection::closeOnIo(CloseReason reason) {
   io.stallCall.reset();
   io.stallActive = false;
   asio::error_code ignored;
-  io.socket.close(ignored);  // outstanding waits complete with operation_aborted
+  {
+    std::lock_guard lock(writeMu_);  // no direct write may use the descriptor number once it is closed
+    directFd_ = -1;
+    io.socket.close(ignored);  // outstanding waits complete with operation_aborted
+  }
   io.outgoing.clear();
   outgoingBytes_ = 0;
   std::function<void()> observer;
@@ -522,8 +526,33 @@ bool IpcConnection::enqueue(IpcMessage message, bool* closed) {
     closeSoon(CloseReason::OutgoingOverflow, /*stopDelivery=*/false);
     return false;
   }
-  runtime_->post([self = shared_from_this(), frame] { self->enqueueOnIo(frame); });
+  writeOrQueue(frame);
   return true;
+}
+
+void IpcConnection::writeOrQueue(const std::shared_ptr<OutFrame>& frame) {
+  {
+    std::lock_guard lock(writeMu_);
+    if (framesOnIo_ == 0 && directFd_ >= 0 && frame->fds.empty()) {
+      while (frame->offset < frame->bytes.size()) {
+        ssize_t n = ::send(directFd_, frame->bytes.data() + frame->offset, frame->bytes.size() - frame->offset,
+                           MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+          frame->offset += static_cast<size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+          continue;
+        } else {
+          break;  // a full socket, or an error that the I/O thread meets and reports in its turn
+        }
+      }
+      if (frame->offset == frame->bytes.size()) {
+        outgoingBytes_ -= frame->bytes.size();
+        return;
+      }
+    }
+    ++framesOnIo_;
+  }
+  runtime_->post([self = shared_from_this(), frame] { self->enqueueOnIo(frame); });
 }
 
 void IpcConnection::enqueueOnIo(const std::shared_ptr<OutFrame>& frame) {
@@ -601,6 +630,8 @@ void IpcConnection::flushWrites() {
       if (f.offset == f.bytes.size()) {
         outgoingBytes_ -= f.bytes.size();
         io.outgoing.pop_front();
+        std::lock_guard lock(writeMu_);
+        --framesOnIo_;
       }
     }
   }
