@@ -136,6 +136,15 @@ void forEachServerConnection(int localPort, const std::string& peerIp, int peerP
   }
 }
 
+// The query item `name` read as a whole decimal integer; `fallback` when absent or not one.
+long integerParam(const httplib::Request& req, const char* name, long fallback) {
+  if (!req.has_param(name)) return fallback;
+  const std::string v = req.get_param_value(name);
+  char* end = nullptr;
+  long n = std::strtol(v.c_str(), &end, 10);
+  return (end != v.c_str() && *end == '\0') ? n : fallback;
+}
+
 const char* modeName(RefServer::BagMode mode) {
   switch (mode) {
     case RefServer::BagMode::Ok:
@@ -283,13 +292,7 @@ struct RefServer::Impl {
       std::lock_guard lock(mu);
       c = searchControl;
     }
-    auto number = [&](const char* name, long fallback) {
-      if (!req.has_param(name)) return fallback;
-      const std::string v = req.get_param_value(name);
-      char* end = nullptr;
-      long n = std::strtol(v.c_str(), &end, 10);
-      return (end != v.c_str() && *end == '\0') ? n : fallback;
-    };
+    auto number = [&](const char* name, long fallback) { return integerParam(req, name, fallback); };
     pause(static_cast<int>(number("ref_delay_ms", c.delayMs)));
     if (number("ref_drop", 0) != 0) {
       drop(req);
@@ -308,47 +311,29 @@ struct RefServer::Impl {
     res.set_content(dump(make(req.get_param_value("q"), c)), "application/json");
   }
 
-  void handleSearchControl(const httplib::Request& req, httplib::Response& res) {
-    SearchControl parsed;
+  // Applies a control document: `parse` reads it into a T, which is stored into `target` under the lock;
+  // a refused document changes nothing and is answered 400 with the reason.
+  template <class T, class Answer>
+  void applyControl(const httplib::Request& req, httplib::Response& res, const char* what,
+                    bool (*parse)(std::string_view, T*, std::string*), T& target, Answer answer) {
+    T parsed;
     std::string error;
-    if (!parseSearchControl(req.body, &parsed, &error)) {
-      log().error("refserver: rejecting search control: {}", error);
+    if (!parse(req.body, &parsed, &error)) {
+      log().error("refserver: rejecting {} control: {}", what, error);
       res.status = 400;
       res.set_content(dump(Json{{"error", error}}), "application/json");
       return;
     }
     {
       std::lock_guard lock(mu);
-      searchControl = parsed;
+      target = parsed;
     }
-    res.set_content(dump(Json{{"status", parsed.status}}), "application/json");
-  }
-
-  void handleControl(const httplib::Request& req, httplib::Response& res) {
-    BagControl parsed;
-    std::string error;
-    if (!parseBagControl(req.body, &parsed, &error)) {
-      log().error("refserver: rejecting bag control: {}", error);
-      res.status = 400;
-      res.set_content(dump(Json{{"error", error}}), "application/json");
-      return;
-    }
-    {
-      std::lock_guard lock(mu);
-      control = parsed;
-    }
-    res.set_content(dump(Json{{"mode", modeName(parsed.mode)}}), "application/json");
+    res.set_content(dump(answer(parsed)), "application/json");
   }
 
   void handleEcho(const httplib::Request& req, httplib::Response& res) {
     record(req);
-    auto number = [&](const char* name, long fallback) {
-      if (!req.has_param(name)) return fallback;
-      const std::string v = req.get_param_value(name);
-      char* end = nullptr;
-      long n = std::strtol(v.c_str(), &end, 10);
-      return (end != v.c_str() && *end == '\0') ? n : fallback;
-    };
+    auto number = [&](const char* name, long fallback) { return integerParam(req, name, fallback); };
     pause(static_cast<int>(number("delay_ms", 0)));
     if (number("drop", 0) != 0) {
       drop(req);
@@ -448,9 +433,15 @@ struct RefServer::Impl {
       res.set_content("", "text/plain");
     });
     server.Post("/_control/search",
-                [this](const httplib::Request& req, httplib::Response& res) { handleSearchControl(req, res); });
+                [this](const httplib::Request& req, httplib::Response& res) {
+                  applyControl(req, res, "search", &RefServer::parseSearchControl, searchControl,
+                               [](const SearchControl& c) { return Json{{"status", c.status}}; });
+                });
     server.Post("/_control/bag",
-                [this](const httplib::Request& req, httplib::Response& res) { handleControl(req, res); });
+                [this](const httplib::Request& req, httplib::Response& res) {
+                  applyControl(req, res, "bag", &RefServer::parseBagControl, control,
+                               [](const BagControl& c) { return Json{{"mode", modeName(c.mode)}}; });
+                });
     server.Get("/_requests", [this](const httplib::Request&, httplib::Response& res) {
       res.set_content(dump(requestsJson()), "application/json");
     });
