@@ -29,6 +29,7 @@
 #include "platform/DeviceProperties.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
+#include "RawEcho.h"
 
 namespace vorlen {
 namespace {
@@ -93,30 +94,6 @@ void BM_ClientListSessions(benchmark::State& state) {
 }
 BENCHMARK(BM_ClientListSessions)->UseRealTime();
 
-bool writeAll(int fd, const uint8_t* p, size_t n) {
-  while (n > 0) {
-    ssize_t w = ::write(fd, p, n);
-    if (w <= 0) return false;
-    p += w;
-    n -= static_cast<size_t>(w);
-  }
-  return true;
-}
-bool readAll(int fd, uint8_t* p, size_t n) {
-  while (n > 0) {
-    ssize_t r = ::read(fd, p, n);
-    if (r <= 0) return false;
-    p += r;
-    n -= static_cast<size_t>(r);
-  }
-  return true;
-}
-std::vector<uint8_t> frame(size_t payload) {
-  std::vector<uint8_t> f(4 + payload, 0x5a);
-  f[0] = uint8_t(payload >> 24), f[1] = uint8_t(payload >> 16), f[2] = uint8_t(payload >> 8), f[3] = uint8_t(payload);
-  return f;
-}
-size_t frameLength(const uint8_t* h) { return size_t(h[0]) << 24 | size_t(h[1]) << 16 | size_t(h[2]) << 8 | h[3]; }
 
 void BM_RawSocketEcho(benchmark::State& state) {
   int fds[2];
