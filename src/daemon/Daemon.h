@@ -1,7 +1,8 @@
 // Daemon: the start-up of vorlend. Builds the Assembly in its fixed order (later components read earlier
 // ones from it in their constructors), starts the client listener, posts "VORStartup", and then waits for
 // SIGINT or SIGTERM, either of which ends the process at once with status 0: everything persistent is
-// written as it changes, so nothing needs flushing on the way out.
+// written as it changes, so nothing needs flushing on the way out. SIGHUP re-reads the platform settings
+// (locale, time zone, location and restriction preferences) and announces what changed.
 //
 // Threading: start() and run() are called once, on the main thread, before any other thread of ours
 // exists (signals must be blocked before threads are spawned so that every thread inherits the mask).
