@@ -265,4 +265,29 @@ std::string Value::describe() const {
   return out;
 }
 
+const char* Value::typeName() const {
+  switch (type()) {
+    case Value::Type::Null:
+      return "null";
+    case Value::Type::String:
+      return "string";
+    case Value::Type::Int:
+    case Value::Type::UInt:
+      return "integer";
+    case Value::Type::Real:
+      return "real";
+    case Value::Type::Bool:
+      return "boolean";
+    case Value::Type::Date:
+      return "date";
+    case Value::Type::Data:
+      return "data";
+    case Value::Type::Array:
+      return "array";
+    case Value::Type::Dict:
+      return className().empty() ? "dictionary" : "record";
+  }
+  return "value";
+}
+
 }  // namespace vorlen

@@ -100,6 +100,9 @@ class Value {
   // A short human-readable rendering (for logs and the command-line tool); not a stable format. Long data
   // is abbreviated.
   std::string describe() const;
+  // The kind of value in words, for error messages: "string", "integer", "real", "record" (a dictionary
+  // with a "$class"), "dictionary", ...
+  const char* typeName() const;
 
  private:
   std::variant<std::monostate, std::string, int64_t, uint64_t, double, bool, Date, Data, Array, Dict> v_;

@@ -58,6 +58,16 @@ class CritbitTree {
     });
   }
 
+  // As keysMatchingPrefix(), with each key's object: block(key, object, stop).
+  template <class Block>
+  void objectsMatchingPrefix(const std::string& prefix, Block&& block) const {
+    critbit_walkprefixed(&tree_, prefix.c_str(), std::strlen(prefix.c_str()), [&block](const char* key, size_t len) {
+      bool stop = false;
+      block(std::string_view(key, len), *static_cast<const Box*>(critbit_value_of_walked_key(key)), stop);
+      return stop ? 0 : 1;
+    });
+  }
+
  private:
   using Box = std::shared_ptr<T>;
   static void releaseBox(void* v) { delete static_cast<Box*>(v); }

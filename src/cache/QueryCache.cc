@@ -110,13 +110,12 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const VORRequest& 
     const Time now = _clock->now();
     std::vector<std::string> expired;
     std::vector<std::shared_ptr<const CachedResultSet>> candidates;
-    tree.keysMatchingPrefix(input, [&](std::string_view key, bool&) {
-      std::string k(key);
-      std::shared_ptr<const CachedResultSet> entry = tree.objectForKey(k);
+    tree.objectsMatchingPrefix(input, [&](std::string_view key, const std::shared_ptr<const CachedResultSet>& entry,
+                                          bool&) {
       if (!entry) return;
       // The tree cannot change during the walk, so expired keys are collected and dropped after it.
       if (entry->expireTime() && *entry->expireTime() <= now) {
-        expired.push_back(std::move(k));
+        expired.emplace_back(key);
         return;
       }
       if (scale > 0 && scale != entry->uiScale()) return;
@@ -125,7 +124,7 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const VORRequest& 
       if (items.qtype != entry->qtype() || items.suggestQueries != entry->suggest_queries() ||
           items.localCompletion != entry->localCompletion())
         return;
-      candidates.push_back(std::move(entry));
+      candidates.push_back(entry);
     });
     // The cost of expired entries is not given back, and emptying the tree this way is not a clear.
     for (const std::string& k : expired) tree.removeObjectForKey(k);

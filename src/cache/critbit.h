@@ -58,6 +58,14 @@ int critbit_allprefixed(const critbit_tree* tree, const char* prefix, int (*call
 template <class Visit>
 int critbit_walkprefixed(const critbit_tree* tree, const char* prefix, size_t len, Visit&& visit);
 
+// The value stored with a key, given the key bytes that a walk hands to its visitor (they sit right after
+// the value pointer in the key's block), so a walk needs no second descent to read values.
+inline void* critbit_value_of_walked_key(const char* key) {
+  void* value;
+  std::memcpy(&value, key - sizeof(void*), sizeof value);
+  return value;
+}
+
 // ---- implementation of the inline walk ----
 
 namespace critbit_detail {

@@ -8,30 +8,6 @@
 namespace vorlen {
 namespace {
 
-const char* valueTypeName(const Value& v) {
-  switch (v.type()) {
-    case Value::Type::Null:
-      return "null";
-    case Value::Type::String:
-      return "string";
-    case Value::Type::Int:
-    case Value::Type::UInt:
-      return "integer";
-    case Value::Type::Real:
-      return "real";
-    case Value::Type::Bool:
-      return "boolean";
-    case Value::Type::Date:
-      return "date";
-    case Value::Type::Data:
-      return "data";
-    case Value::Type::Array:
-      return "array";
-    case Value::Type::Dict:
-      return v.className().empty() ? "dictionary" : "record";
-  }
-  return "value";
-}
 
 // One validation pass. Every failing check writes its reason and returns false, so the first fault
 // found is the one reported.
@@ -44,11 +20,11 @@ class Validator {
         path.empty() ? std::string(v.className().empty() ? "record" : v.className()) : path;
     if (depth > RecordCoder::kMaxDepth) return deep(at);
     const Value::Dict* dict = v.getDict();
-    if (!dict) return fail(fmt::format("{}: expected a record, found {}", at, valueTypeName(v)));
+    if (!dict) return fail(fmt::format("{}: expected a record, found {}", at, v.typeName()));
     const Value* cls = v.find("$class");
     if (!cls) return fail(at + ": record without $class");
     const std::string* name = cls->getString();
-    if (!name) return fail(fmt::format("{}: $class is a {}, not a string", at, valueTypeName(*cls)));
+    if (!name) return fail(fmt::format("{}: $class is a {}, not a string", at, cls->typeName()));
     const ClassDef* def = schema_.find(*name);
     if (!def) return fail(fmt::format("{}: unknown class {}", at, *name));
     if (def->abstract) return fail(fmt::format("{}: class {} cannot be used by itself", at, *name));
@@ -72,7 +48,7 @@ class Validator {
   bool fieldValue(const FieldDef& f, const Value& v, int depth, const std::string& at) {
     if (!f.array) return single(f, v, depth, at);
     const Value::Array* items = v.getArray();
-    if (!items) return fail(fmt::format("{}: expected array, found {}", at, valueTypeName(v)));
+    if (!items) return fail(fmt::format("{}: expected array, found {}", at, v.typeName()));
     if (depth > RecordCoder::kMaxDepth) return deep(at);
     for (size_t i = 0; i < items->size(); ++i) {
       if (!single(f, (*items)[i], depth + 1, fmt::format("{}[{}]", at, i))) return false;
@@ -89,7 +65,7 @@ class Validator {
     return fail(fmt::format("{}: nesting deeper than {} levels", at, RecordCoder::kMaxDepth));
   }
   bool mismatch(const FieldDef& f, const Value& v, const std::string& at) {
-    return fail(fmt::format("{}: expected {}, found {}", at, fieldTypeName(f.type), valueTypeName(v)));
+    return fail(fmt::format("{}: expected {}, found {}", at, fieldTypeName(f.type), v.typeName()));
   }
 
   bool single(const FieldDef& f, const Value& v, int depth, const std::string& at) {
@@ -126,7 +102,7 @@ class Validator {
         if (depth > RecordCoder::kMaxDepth) return deep(at);
         for (const auto& [key, item] : *v.getDict()) {
           if (!item.isString())
-            return fail(fmt::format("{}.{}: expected string, found {}", at, key, valueTypeName(item)));
+            return fail(fmt::format("{}.{}: expected string, found {}", at, key, item.typeName()));
         }
         return true;
       case FieldType::Plist:

@@ -97,30 +97,6 @@ int compareNumerically(std::string_view a, std::string_view b) {
   return 0;
 }
 
-const char* typeName(Value::Type t) {
-  switch (t) {
-    case Value::Type::Null:
-      return "null";
-    case Value::Type::String:
-      return "string";
-    case Value::Type::Int:
-    case Value::Type::UInt:
-    case Value::Type::Real:
-      return "number";
-    case Value::Type::Bool:
-      return "boolean";
-    case Value::Type::Date:
-      return "date";
-    case Value::Type::Data:
-      return "data";
-    case Value::Type::Array:
-      return "array";
-    case Value::Type::Dict:
-      return "dictionary";
-  }
-  return "unknown";
-}
-
 // The news service's availability in a bag: 0 or 1.
 unsigned long newsStatus(const Value::Dict& rawBag) {
   return VORBag(rawBag, VorlenBagController::kNewsUserAgent).isEnabled() ? 1 : 0;
@@ -488,7 +464,7 @@ std::optional<Value::Dict> VorlenBagController::_readDiskCache() {
     return std::nullopt;
   }
   if (!value->getDict()) {
-    bagLog().fault("Unexpected class deserialized from bag cache: {}.", typeName(value->type()));
+    bagLog().fault("Unexpected class deserialized from bag cache: {}.", value->typeName());
     return std::nullopt;
   }
   return *value->getDict();
