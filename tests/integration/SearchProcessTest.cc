@@ -54,17 +54,14 @@ class SearchProcessTest : public ::testing::Test {
     VorlenClientOptions options;
     options.socketPath = dir / "vorlend.sock";
     auto client = VorlenClient::create(options);
-    auto bags = std::make_shared<test::Inbox<bool>>();
-    client->onBagDidLoad([bags](std::optional<VORBag> bag, std::optional<VORError>) { bags->put(bag.has_value()); });
     VORSessionConfiguration configuration;
     configuration.identifier = "com.example.browser";
     configuration.userAgent = "Voyant/5.0";
-    // The daemon fetches its bag at start-up; until it has one, configure reports the time-out error and the
-    // bag follows with the next bag change.
     EXPECT_TRUE(client->configure(configuration).ok());
+    // The daemon fetches its bag at start-up; until it has one, the bag call answers the time-out error.
     EXPECT_TRUE(test::waitUntil([&] {
-      auto seen = bags->items();
-      return std::find(seen.begin(), seen.end(), true) != seen.end();
+      auto bag = client->bag();
+      return bag.ok() && bag.value->bag.has_value();
     }));
     return client;
   }
