@@ -24,8 +24,10 @@ const Logger& log() { return VorlenDefaultLog(); }
 // the range of a nanosecond Time.
 constexpr int64_t kDistantPastSeconds = -62135596800;
 constexpr int64_t kAgeOutSeconds = 2592000;  // 30 days
-// Lookups that can run at once; a lookup is one short query, and a late one goes on in the background.
+// Lookups that can run at once on the search queue; a lookup is one short query, and a late one goes on in
+// the background.
 constexpr unsigned kSearchWorkers = 2;
+constexpr int kProgressSteps = 256;
 
 constexpr const char* kSelectTemplate =
     "SELECT completion, origin, SUM(CASE WHEN engagement_date > ? THEN {:.6f} WHEN engagement_date > ? then "
@@ -129,6 +131,13 @@ bool EngagedCompletionCache::openDatabase() {
     sqlite3_close_v2(db);
     return false;
   }
+  // The scoring query's plan does not depend on the typed text (its LIKE cannot use the plain indexes),
+  // so a stable plan lets a reused statement take a new input without being compiled again; by default
+  // SQLite re-prepares a statement whenever the pattern bound to a LIKE changes.
+  sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_QPSG, 1, nullptr);
+  // Every 256 virtual-machine steps a running statement asks whether an inline lookup's deadline has
+  // passed (a few microseconds of work between checks).
+  sqlite3_progress_handler(db, kProgressSteps, &EngagedCompletionCache::onProgress, this);
   db_.store(db);
   log().notice("Completions database opened: {}", databasePath_.string());
   return true;
@@ -204,6 +213,7 @@ void EngagedCompletionCache::updateParameters(double h, double d, double w, doub
     {
       std::lock_guard lock(paramsMu_);
       params_ = Parameters{h, d, w, m, all, recent, threshold};
+      selectText_.reset();  // made again from the new weights by the next lookup
     }
     log().notice(
         "EngagedCompletionCache updateParameters: (1h {:.6f}) (1d {:.6f}) (7d {:.6f}) (1m {:.6f}) (all {:.6f}) "
@@ -279,60 +289,87 @@ void EngagedCompletionCache::addCompletion(const std::string& completion, const 
 
 std::optional<EngagedCompletion> EngagedCompletionCache::completionForInput(const std::string& input,
                                                                             int64_t client) {
-  if (!cacheEnabled() || !db_.load()) return std::nullopt;
-  struct Wait {
-    std::mutex mu;
-    std::condition_variable cv;
-    bool done = false;
-    std::vector<EngagedCompletion> results;
-  };
-  auto wait = std::make_shared<Wait>();
-  std::weak_ptr<EngagedCompletionCache> weak = weak_from_this();
-  searchQueue_->async([weak, wait, input, client] {
-    std::vector<EngagedCompletion> results;
-    if (auto self = weak.lock()) self->runQuery(input, client, &results);
-    std::lock_guard lock(wait->mu);
-    wait->results = std::move(results);
-    wait->done = true;
-    wait->cv.notify_all();
-  });
-  std::unique_lock lock(wait->mu);
-  // The typing path's budget: a late query finishes in the background and its answer is dropped.
-  if (!wait->cv.wait_for(lock, std::chrono::milliseconds(searchTimeout_.load()), [&] { return wait->done; })) {
-    log().notice("EngagedCompletionCache search timed out for input {}", input);
-    return std::nullopt;
+  sqlite3* db = db_.load();
+  if (!cacheEnabled() || !db) return std::nullopt;
+  const auto budget = std::chrono::milliseconds(searchTimeout_.load());
+  std::vector<EngagedCompletion> results;
+  // A free connection runs the query right here, under a deadline that the progress handler enforces:
+  // the caller waits no longer than it would for the search queue, without two thread hand-offs on every
+  // keystroke, and a query past its budget stops instead of running on unseen.
+  sqlite3_mutex* connection = sqlite3_db_mutex(db);
+  if (connection && sqlite3_mutex_try(connection) == SQLITE_OK) {
+    const auto deadline = std::chrono::steady_clock::now() + budget;
+    deadline_.store(deadline.time_since_epoch().count(), std::memory_order_relaxed);
+    const bool finished = runQuery(db, input, client, &results);
+    deadline_.store(kNoDeadline, std::memory_order_relaxed);
+    sqlite3_mutex_leave(connection);
+    if (!finished) {
+      log().notice("EngagedCompletionCache search timed out for input {}", input);
+      return std::nullopt;
+    }
+  } else {
+    // Another lookup or a write holds the connection: queue the query and wait for it within the budget.
+    struct Wait {
+      std::mutex mu;
+      std::condition_variable cv;
+      bool done = false;
+      std::vector<EngagedCompletion> results;
+    };
+    auto wait = std::make_shared<Wait>();
+    std::weak_ptr<EngagedCompletionCache> weak = weak_from_this();
+    searchQueue_->async([weak, wait, input, client] {
+      std::vector<EngagedCompletion> found;
+      if (auto self = weak.lock()) {
+        if (sqlite3* current = self->db_.load()) self->runQuery(current, input, client, &found);
+      }
+      std::lock_guard lock(wait->mu);
+      wait->results = std::move(found);
+      wait->done = true;
+      wait->cv.notify_all();
+    });
+    std::unique_lock lock(wait->mu);
+    // A late query finishes in the background and its answer is dropped.
+    if (!wait->cv.wait_for(lock, budget, [&] { return wait->done; })) {
+      log().notice("EngagedCompletionCache search timed out for input {}", input);
+      return std::nullopt;
+    }
+    results = std::move(wait->results);
   }
-  if (wait->results.empty()) return std::nullopt;
+  if (results.empty()) return std::nullopt;
   double threshold;
   {
     std::lock_guard plock(paramsMu_);
     threshold = params_.minThresholdToSend;
   }
-  if (wait->results.front().score < threshold) return std::nullopt;
-  return wait->results.front();
+  if (results.front().score < threshold) return std::nullopt;
+  return std::move(results.front());
 }
 
-void EngagedCompletionCache::runQuery(const std::string& input, int64_t client, std::vector<EngagedCompletion>* out) {
+void EngagedCompletionCache::holdConnectionForTesting(const std::function<void()>& whileHeld) {
   sqlite3* db = db_.load();
-  if (!db) return;
-  Parameters p;
-  {
-    std::lock_guard lock(paramsMu_);
-    p = params_;
-  }
-  std::string sql = fmt::format(kSelectTemplate, p.last1hour, p.last1day, p.last1week, p.last1month, p.all,
-                                p.mostRecent, "%s", "%s");
-  log().notice("_prepareSelectStatement SQL:\n{}", sql);
-  char* filledText = sqlite3_mprintf(sql.c_str(), "?", "?");
-  std::string filled = filledText ? filledText : "";
-  sqlite3_free(filledText);
+  sqlite3_mutex* connection = db ? sqlite3_db_mutex(db) : nullptr;
+  if (connection) sqlite3_mutex_enter(connection);
+  whileHeld();
+  if (connection) sqlite3_mutex_leave(connection);
+}
+
+int EngagedCompletionCache::onProgress(void* context) {
+  auto* self = static_cast<EngagedCompletionCache*>(context);
+  const auto deadline = self->deadline_.load(std::memory_order_relaxed);
+  return deadline != kNoDeadline && std::chrono::steady_clock::now().time_since_epoch().count() >= deadline;
+}
+
+bool EngagedCompletionCache::runQuery(sqlite3* db, const std::string& input, int64_t client,
+                                      std::vector<EngagedCompletion>* out) {
+  std::shared_ptr<const SelectText> text = selectText();
+  log().notice("_prepareSelectStatement SQL:\n{}", text->logged);
   Statement st;
-  st.s = takeSelectStatement(db, filled);
+  st.s = takeSelectStatement(db, text->filled);
   if (!st.s) {
-    int rc = sqlite3_prepare_v3(db, filled.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &st.s, nullptr);
+    int rc = sqlite3_prepare_v3(db, text->filled.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &st.s, nullptr);
     if (rc != SQLITE_OK) {
-      log().notice("_prepareSelectStatement failed - SQL:{} code: {}", filled, rc);
-      return;
+      log().notice("_prepareSelectStatement failed - SQL:{} code: {}", text->filled, rc);
+      return true;
     }
   }
   int64_t now = nowSeconds();
@@ -352,21 +389,42 @@ void EngagedCompletionCache::runQuery(const std::string& input, int64_t client, 
     sqlite3_free(expanded);
   }
   auto rowStart = std::chrono::steady_clock::now();
-  while (sqlite3_step(st.s) == SQLITE_ROW) {
-    auto text = [&](int col) {
+  int rc;
+  while ((rc = sqlite3_step(st.s)) == SQLITE_ROW) {
+    auto column = [&](int col) {
       const unsigned char* t = sqlite3_column_text(st.s, col);
       return std::string(t ? reinterpret_cast<const char*>(t) : "");
     };
-    EngagedCompletion c{text(0), sqlite3_column_double(st.s, 2), suggestionTypeForOrigin(text(1))};
-    auto now2 = std::chrono::steady_clock::now();
+    EngagedCompletion c{column(0), sqlite3_column_double(st.s, 2), suggestionTypeForOrigin(column(1))};
+    auto rowEnd = std::chrono::steady_clock::now();
     log().notice("Match found input {}, completion {}, score {:.6f}, time {}", input, c.suggestion, c.score,
-                std::chrono::duration_cast<std::chrono::milliseconds>(now2 - rowStart).count());
-    rowStart = now2;
+                 std::chrono::duration_cast<std::chrono::milliseconds>(rowEnd - rowStart).count());
+    rowStart = rowEnd;
     out->push_back(std::move(c));
   }
   sqlite3_reset(st.s);
   sqlite3_clear_bindings(st.s);
-  if (keepSelectStatement(db, filled, st.s)) st.s = nullptr;
+  if (keepSelectStatement(db, text->filled, st.s)) st.s = nullptr;
+  if (rc == SQLITE_INTERRUPT) {
+    out->clear();
+    return false;
+  }
+  return true;
+}
+
+std::shared_ptr<const EngagedCompletionCache::SelectText> EngagedCompletionCache::selectText() {
+  std::lock_guard lock(paramsMu_);
+  if (!selectText_) {
+    const Parameters& p = params_;
+    auto text = std::make_shared<SelectText>();
+    text->logged = fmt::format(kSelectTemplate, p.last1hour, p.last1day, p.last1week, p.last1month, p.all,
+                               p.mostRecent, "%s", "%s");
+    char* filled = sqlite3_mprintf(text->logged.c_str(), "?", "?");
+    text->filled = filled ? filled : "";
+    sqlite3_free(filled);
+    selectText_ = std::move(text);
+  }
+  return selectText_;
 }
 
 sqlite3_stmt* EngagedCompletionCache::takeSelectStatement(sqlite3* db, const std::string& text) {

@@ -9,16 +9,20 @@
 // Nothing here reports an error to its caller: failures are logged on the default log and the operation
 // ends (a lookup then returns nothing). A database that cannot be opened leaves the cache inert.
 //
-// Threading: lookups run on the concurrent queue "com.velmo.vorlend.eccsearchq", several at once, on
-// workers of its own (so callers blocked on the shared pool can never starve them), and the caller waits
-// at most searchTimeout() milliseconds; adds and clears run on the caller's thread; parameter
-// updates are serialised on "com.velmo.vorlend.eccupdateq". The connection is opened in SQLite's fully
-// serialised mode, which is what makes sharing it across those threads safe.
+// Threading: a caller of completionForInput() waits at most searchTimeout() milliseconds. When the
+// connection is free the query runs on the caller's thread, and SQLite's progress handler interrupts it at
+// that deadline; when another lookup or a write holds the connection, the query goes to the concurrent
+// queue "com.velmo.vorlend.eccsearchq" (workers of its own, so callers blocked on the shared pool can
+// never starve it) and the caller waits for it up to the same deadline, leaving a late query to finish
+// unseen. Either way a timed-out lookup returns nothing. Adds and clears run on the caller's thread;
+// parameter updates are serialised on "com.velmo.vorlend.eccupdateq". The connection is opened in
+// SQLite's fully serialised mode, which is what makes sharing it across those threads safe.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -63,6 +67,8 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   void setSearchTimeout(uint64_t ms) { searchTimeout_.store(ms); }
   uint64_t maxRowCount() const { return maxRowCount_.load(); }
   void setMaxRowCount(uint64_t rows) { maxRowCount_.store(rows); }
+  // Runs `whileHeld` holding the connection, as a lookup or a write in progress would.
+  void holdConnectionForTesting(const std::function<void()>& whileHeld);
   // The schema version read from the file at construction (0 when none was read, e.g. for a new file).
   int64_t schemaVersionForTesting() const { return schemaVersion_; }
 
@@ -104,7 +110,15 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   int64_t countRows(bool* ok);
   // The date-range deletion in whole seconds since 1970 (no widening here).
   void clearCompletionsFromSeconds(int64_t from, int64_t to);
-  void runQuery(const std::string& input, int64_t client, std::vector<EngagedCompletion>* out);
+  // The scoring query's text for the current weights: as logged (with %s) and as prepared (with ?).
+  struct SelectText {
+    std::string logged, filled;
+  };
+  std::shared_ptr<const SelectText> selectText();
+  // Runs the scoring query on `db`; false when the inline deadline interrupted it (`out` is then empty).
+  bool runQuery(sqlite3* db, const std::string& input, int64_t client, std::vector<EngagedCompletion>* out);
+  // SQLite progress handler: non-zero ends the running statement once an inline lookup's deadline passed.
+  static int onProgress(void* context);
   // Lookup statements are prepared once per text (that is, per set of weights) and reused: compiling the
   // scoring query costs more than running it on a month of history.
   sqlite3_stmt* takeSelectStatement(sqlite3* db, const std::string& text);
@@ -122,8 +136,12 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   std::atomic<sqlite3*> db_{nullptr};
   std::shared_ptr<Queue> searchQueue_;
   std::shared_ptr<Queue> updateQueue_;
-  mutable std::mutex paramsMu_;
+  mutable std::mutex paramsMu_;  // guards the two below
   Parameters params_;
+  std::shared_ptr<const SelectText> selectText_;
+  // steady_clock ticks at which an inline lookup ends; written only while holding the connection's mutex.
+  static constexpr int64_t kNoDeadline = INT64_MAX;
+  std::atomic<int64_t> deadline_{kNoDeadline};
   std::mutex statementsMu_;  // guards the three below
   sqlite3* statementsDb_ = nullptr;
   std::string statementsText_;

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <condition_variable>
+#include <thread>
 
 #include "base/Counters.h"
 #include "base/Log.h"
@@ -183,6 +184,53 @@ TEST_F(EngagedCompletionCacheTest, LookupsFromEveryWorkerOfTheSharedPoolAreAnswe
   std::unique_lock lock(mu);
   ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(60), [&] { return answered == callers; }));
   EXPECT_EQ(found, callers);
+}
+
+// A lookup never keeps its caller past the budget: run on the caller's thread it is interrupted, queued
+// behind a busy connection it is abandoned; either way it answers nothing and says so.
+TEST_F(EngagedCompletionCacheTest, LookupsEndAtTheirBudgetWhetherRunHereOrQueued) {
+  auto cache = open();
+  {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file().c_str(), &db), SQLITE_OK);
+    std::string sql = "BEGIN;";
+    for (int i = 0; i < 20000; ++i)
+      sql += fmt::format("INSERT INTO completion_cache_engagement VALUES ('budget {}', 'b', {}, 'se', 1);", i,
+                         int64_t(toUnixSeconds(clock->now())) - i);
+    sql += "COMMIT;";
+    ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+  }
+  ScopedLogCapture capture;
+  cache->setSearchTimeout(0);
+  EXPECT_FALSE(cache->completionForInput("bu", 1));
+  EXPECT_TRUE(capture.sink().contains("EngagedCompletionCache search timed out for input bu"));
+  // The interrupted statement is reused, and answers in full once there is time.
+  cache->setSearchTimeout(30000);
+  auto best = cache->completionForInput("bu", 1);
+  ASSERT_TRUE(best);
+  EXPECT_EQ(best->suggestion, "budget 0");  // the newest engagement has the largest recency term
+
+  // The connection is busy: the lookup waits on the search queue, and only up to its budget.
+  cache->setSearchTimeout(50);
+  std::optional<EngagedCompletion> late;
+  cache->holdConnectionForTesting([&] {
+    std::thread([&] { late = cache->completionForInput("budget 7", 1); }).join();
+  });
+  EXPECT_FALSE(late);
+  EXPECT_TRUE(capture.sink().contains("EngagedCompletionCache search timed out for input budget 7"));
+
+  // Busy only for a moment: the queued lookup is answered once the connection is free.
+  cache->setSearchTimeout(30000);
+  std::optional<EngagedCompletion> queued;
+  std::thread caller;
+  cache->holdConnectionForTesting([&] {
+    caller = std::thread([&] { queued = cache->completionForInput("budget 7", 1); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // lets it find the connection busy
+  });
+  caller.join();
+  ASSERT_TRUE(queued);
+  EXPECT_EQ(queued->suggestion, "budget 7");
 }
 
 TEST_F(EngagedCompletionCacheTest, ClearsAgeOutAndEvictionByRowLimit) {
