@@ -13,7 +13,18 @@ void ConcurrentQueue::async(Work work) {
       work();
     }
     work = nullptr;  // captures die while the queue is still alive
+    auto* queue = static_cast<ConcurrentQueue*>(self.get());
+    std::lock_guard lock(queue->waitMu_);
+    if (queue->waiters_ > 0) queue->itemRan_.notify_all();
   });
+}
+
+void ConcurrentQueue::runUntil(const std::function<bool()>& done) {
+  if (isCurrent()) fault("runUntil on the queue that is already running on this thread would deadlock");
+  std::unique_lock lock(waitMu_);
+  ++waiters_;
+  itemRan_.wait(lock, done);
+  --waiters_;
 }
 
 void ConcurrentQueue::sync(const Work& work) {

@@ -6,6 +6,9 @@
 // Internal header of the queue runtime; create queues with Queue::concurrent() or Queue::global().
 #pragma once
 
+#include <condition_variable>
+#include <mutex>
+
 #include "base/Queue.h"
 
 namespace vorlen {
@@ -17,9 +20,14 @@ class ConcurrentQueue final : public Queue {
 
   void async(Work work) override;
   void sync(const Work& work) override;
+  // Waits without running anything itself: items run on the pool and wake the waiter as they finish.
+  void runUntil(const std::function<bool()>& done) override;
 
  private:
   std::shared_ptr<WorkerPool> pool_;
+  std::mutex waitMu_;
+  std::condition_variable itemRan_;
+  int waiters_ = 0;  // guarded by waitMu_
 };
 
 }  // namespace vorlen

@@ -53,6 +53,12 @@ class Queue : public std::enable_shared_from_this<Queue> {
 
   virtual void async(Work work) = 0;
   virtual void sync(const Work& work) = 0;
+  // Blocks the calling thread until `done()` returns true. Meanwhile a serial queue runs its own items on
+  // the calling thread (as a sync caller drains a queue that no worker has started), so work that the
+  // caller waits for does not wait for a worker to wake first. `done` is checked after every item of the
+  // queue, on whatever thread it ran, and must become true through such an item (or before the call).
+  // REQUIRES: the caller does not run on this queue.
+  virtual void runUntil(const std::function<bool()>& done) = 0;
   // Runs `work` on this queue once `delay` has passed on the queue's clock.
   void after(Duration delay, Work work);
 

@@ -45,6 +45,24 @@ void SerialQueue::sync(const Work& work) {
   work();
 }
 
+void SerialQueue::runUntil(const std::function<bool()>& done) {
+  if (isCurrent()) fault("runUntil on the queue that is already running on this thread would deadlock");
+  std::unique_lock lock(mu_);
+  ++helpers_;
+  while (!done()) {
+    if (state_ == State::Scheduled) {
+      state_ = State::Draining;
+      ++ticket_;  // a drain job already in the pool returns at once
+      drainLocked(lock, nullptr);
+    } else {
+      changed_.wait(lock);
+    }
+  }
+  --helpers_;
+  // Items that were left for this helper, and that it did not wait for, go to the pool after all.
+  if (state_ == State::Scheduled && helpers_ == 0) scheduleLocked();
+}
+
 size_t SerialQueue::pendingCountForTesting() const {
   std::lock_guard lock(mu_);
   return items_.size();
@@ -60,6 +78,7 @@ void SerialQueue::releaseLocked() {
   }
   if (items_.empty()) {
     state_ = State::Idle;
+    if (helpers_ > 0) changed_.notify_all();  // the sync work may have met a helper's condition
     return;
   }
   scheduleLocked();
@@ -68,10 +87,13 @@ void SerialQueue::releaseLocked() {
 void SerialQueue::scheduleLocked() {
   state_ = State::Scheduled;
   uint64_t ticket = ++ticket_;
-  // The job keeps the queue alive until it has run.
-  pool_->submit(
-      [self = std::static_pointer_cast<SerialQueue>(shared_from_this()), ticket] { self->drainJob(ticket); });
-  changed_.notify_all();  // a waiting sync caller may take the queue before the job starts
+  // A helper waiting in runUntil() drains the queue itself; otherwise a worker does. The job keeps the
+  // queue alive until it has run.
+  if (helpers_ == 0) {
+    pool_->submit(
+        [self = std::static_pointer_cast<SerialQueue>(shared_from_this()), ticket] { self->drainJob(ticket); });
+  }
+  changed_.notify_all();  // a waiting sync caller or helper may take the queue before any job starts
 }
 
 void SerialQueue::drainJob(uint64_t ticket) {
@@ -107,6 +129,7 @@ void SerialQueue::drainLocked(std::unique_lock<std::mutex>& lock, Waiter* mine) 
     work();
     work = nullptr;  // captures die outside the lock
     lock.lock();
+    if (helpers_ > 0) changed_.notify_all();  // the item may have met a helper's condition
   }
 }
 

@@ -8,6 +8,10 @@
 // the queue Scheduled does not wait for a worker: it drains the earlier items itself on its own thread.
 // So no thread ever waits for a free worker, and a pool of any size cannot deadlock through sync chains.
 //
+// A thread in runUntil() is a helper: while one waits, a newly scheduled queue is not handed to the pool
+// but to the helper, which drains it on its own thread; a helper that leaves with items still waiting
+// hands them to the pool. Items run by anyone else wake the helpers to check their condition.
+//
 // A worker drains at most kDrainBatch items in a row, then puts the queue back at the end of the pool's
 // list so that one busy queue cannot hold a worker for ever.
 //
@@ -30,6 +34,7 @@ class SerialQueue final : public Queue {
 
   void async(Work work) override;
   void sync(const Work& work) override;
+  void runUntil(const std::function<bool()>& done) override;
 
   // Items not yet started plus sync callers waiting in line.
   size_t pendingCountForTesting() const;
@@ -58,7 +63,8 @@ class SerialQueue final : public Queue {
 
   std::shared_ptr<WorkerPool> pool_;
   mutable std::mutex mu_;
-  std::condition_variable changed_;  // a marker was granted, or the queue became Scheduled
+  std::condition_variable changed_;  // a marker was granted, the queue became Scheduled, or an item ran
+  int helpers_ = 0;                  // threads in runUntil()
   std::deque<Item> items_;
   State state_ = State::Idle;
   uint64_t ticket_ = 0;  // identifies the one drain job that may run; older ones return at once

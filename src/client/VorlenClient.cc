@@ -243,10 +243,24 @@ void VorlenClient::sendConfigure(const std::shared_ptr<IpcConnection>& connectio
 
 // ---- call forms ----
 
+namespace {
+// The client whose blocking form is issuing its call on this thread, inside a sync on its queue.
+thread_local const VorlenClient* tIssuingInline = nullptr;
+}  // namespace
+
+void VorlenClient::post(Queue::Work work) {
+  if (tIssuingInline == this) {
+    queue_->assertCurrent();
+    work();
+  } else {
+    queue_->async(std::move(work));
+  }
+}
+
 template <class T>
 void VorlenClient::callService(std::string op, Value::Array args, ClientResult<T> (*decode)(const IpcMessage&),
                                Callback<T> done) {
-  queue_->async([self = shared_from_this(), op = std::move(op), args = std::move(args), decode,
+  post([self = shared_from_this(), op = std::move(op), args = std::move(args), decode,
                  done = std::move(done)]() mutable {
     ClientError error;
     std::shared_ptr<IpcConnection> c = self->ensureConnected(true, &error);
@@ -259,7 +273,7 @@ void VorlenClient::callService(std::string op, Value::Array args, ClientResult<T
 }
 
 void VorlenClient::sendService(std::string op, Value::Array args, Callback<Sent> done) {
-  queue_->async(
+  post(
       [self = shared_from_this(), op = std::move(op), args = std::move(args), done = std::move(done)]() mutable {
         ClientError error;
         std::shared_ptr<IpcConnection> c = self->ensureConnected(true, &error);
@@ -279,18 +293,25 @@ ClientResult<T> VorlenClient::wait(const char* op, Start start) {
   }
   struct Box {
     std::mutex mu;
-    std::condition_variable cv;
     std::optional<ClientResult<T>> result;
+    std::atomic<bool> ready{false};
   };
   auto box = std::make_shared<Box>();
-  start([box](ClientResult<T> r) {
-    std::lock_guard lock(box->mu);
-    box->result.emplace(std::move(r));
-    box->cv.notify_all();
+  // The call is issued on this thread (the queue is taken for it as soon as it is idle), and this thread
+  // then runs the queue's work until the outcome is in, so the reply is handled here without waking a
+  // worker to hand it over.
+  queue_->sync([&] {
+    tIssuingInline = this;
+    start([box](ClientResult<T> r) {
+      std::lock_guard lock(box->mu);
+      box->result.emplace(std::move(r));
+      box->ready = true;
+    });
+    tIssuingInline = nullptr;
   });
-  // Every call ends: by its reply, its time-out, its connection's end or the client's end.
-  std::unique_lock lock(box->mu);
-  box->cv.wait(lock, [&] { return box->result.has_value(); });
+  // Every call ends: by its reply, its time-out, its connection's end or the client's end, each on the queue.
+  queue_->runUntil([&] { return box->ready.load(); });
+  std::lock_guard lock(box->mu);
   return std::move(*box->result);
 }
 
@@ -299,12 +320,12 @@ void VorlenClient::configure(VORSessionConfiguration configuration, Callback<Ipc
   if (!RecordCoder::validate(configuration.toRecord(), VORSessionConfiguration::kClassName, &why) ||
       configuration.identifier.empty() || configuration.userAgent.empty()) {
     if (why.empty()) why = "a configuration needs an identifier and a user agent";
-    queue_->async([done = std::move(done), why] {
+    post([done = std::move(done), why] {
       done(ClientResult<IpcEndpoint>::failure({ClientError::Kind::InvalidArgument, why}));
     });
     return;
   }
-  queue_->async([self = shared_from_this(), configuration = std::move(configuration),
+  post([self = shared_from_this(), configuration = std::move(configuration),
                  done = std::move(done)]() mutable {
     self->configuration_ = configuration;
     ClientError error;
@@ -337,7 +358,7 @@ void VorlenClient::reportEvent(std::string eventName, uint64_t queryId, Value fe
                                Callback<Sent> done) {
   std::string why;
   if (!RecordCoder::validate(feedbackRecord, QXFeedback::kClassName, &why)) {
-    queue_->async([done = std::move(done), why] {
+    post([done = std::move(done), why] {
       done(ClientResult<Sent>::failure({ClientError::Kind::InvalidArgument, "invalid feedback record: " + why}));
     });
     return;
@@ -420,7 +441,7 @@ ClientResult<Value::Dict> VorlenClient::getImageMap() {
 
 void VorlenClient::requestViaEndpoint(const IpcEndpoint& endpoint, const VORRequest& request,
                                       const VORSessionConfiguration& configuration, Callback<RequestReply> done) {
-  queue_->async([self = shared_from_this(), path = endpoint.path,
+  post([self = shared_from_this(), path = endpoint.path,
                  args = Value::Array{request.toRecord(), configuration.toRecord()},
                  done = std::move(done)]() mutable {
     ClientError error;

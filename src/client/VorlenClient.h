@@ -199,6 +199,8 @@ class VorlenClient : public std::enable_shared_from_this<VorlenClient> {
   void complete(uint64_t token, ClientResult<IpcMessage> outcome);
   void connectionEnded(uint64_t connectionId);
 
+  // Any thread: runs `work` on the queue; at once when a blocking form issues it from this thread.
+  void post(Queue::Work work);
   // Any thread: runs `start` on the queue with `done`.
   template <class T>
   void callService(std::string op, Value::Array args, ClientResult<T> (*decode)(const IpcMessage&),

@@ -161,6 +161,66 @@ TEST(QueueTest, SyncCallersDrainABusyQueueThemselvesWhenEveryWorkerIsWaiting) {
   d->sync([&] { EXPECT_EQ(dOrder, (std::vector<std::string>{"item", "sync"})); });
 }
 
+// A thread waiting in runUntil() runs the queue's items itself: with the pool's only worker held, the
+// waiter still sees the items it waits for, in order, on its own thread; items that come after it left
+// go to the pool again.
+TEST(QueueTest, RunUntilRunsTheItemsItWaitsForOnTheWaitingThread) {
+  auto pool = std::make_shared<WorkerPool>(1);
+  auto blocker = serialOn("test.blocker", pool), q = serialOn("test.helped", pool);
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  auto started = std::make_shared<WaitCounter>();
+  blocker->async([started, released] {
+    started->add();
+    released.wait();
+  });
+  ASSERT_TRUE(started->waitFor(1));  // the pool's only worker is held from now on
+
+  std::atomic<bool> done{false};
+  std::vector<std::thread::id> ranOn;  // touched on q only
+  std::vector<int> order;
+  auto waiter = std::async(std::launch::async, [&] {
+    q->runUntil([&] { return done.load(); });
+    return std::this_thread::get_id();
+  });
+  std::thread producer([&] {
+    for (int i = 0; i < 3; ++i) {
+      q->async([&, i] {
+        order.push_back(i);
+        ranOn.push_back(std::this_thread::get_id());
+        if (i == 2) done = true;
+      });
+    }
+  });
+  producer.join();
+  ASSERT_EQ(waiter.wait_for(std::chrono::seconds(30)), std::future_status::ready) << "the waiter was never helped";
+  const std::thread::id waiterThread = waiter.get();
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(ranOn, std::vector<std::thread::id>(3, waiterThread));
+
+  // Nobody waits any more: a new item needs the pool, which runs it once its worker is free.
+  auto later = std::make_shared<WaitCounter>();
+  q->async([later] { later->add(); });
+  release.set_value();
+  EXPECT_TRUE(later->waitFor(1));
+}
+
+// Items run by someone else (a worker, or a sync caller) still wake the waiter, and a waiter on a
+// concurrent queue is woken by the pool's items.
+TEST(QueueTest, RunUntilWakesForItemsRunElsewhere) {
+  auto q = Queue::serial("test.elsewhere");
+  std::atomic<bool> done{false};
+  auto waiter = std::async(std::launch::async, [&] { q->runUntil([&] { return done.load(); }); });
+  q->sync([&] { done = true; });
+  EXPECT_EQ(waiter.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+
+  auto c = Queue::concurrent("test.concurrent.wait");
+  std::atomic<int> ran{0};
+  for (int i = 0; i < 4; ++i) c->async([&] { ++ran; });
+  c->runUntil([&] { return ran.load() == 4; });
+  EXPECT_EQ(ran.load(), 4);
+}
+
 TEST(QueueTest, ABusyQueueYieldsItsWorkerToOtherQueuesNowAndThen) {
   auto pool = std::make_shared<WorkerPool>(1);
   auto busy = serialOn("test.busy", pool), other = serialOn("test.other", pool);
