@@ -66,6 +66,13 @@ Preferences::Preferences(std::filesystem::path configDir, std::string domain)
 void Preferences::registerDefaults(const Value::Dict& defaults) {
   std::lock_guard lock(mu_);
   for (const auto& [key, value] : defaults) defaults_.insert_or_assign(key, value);
+  ++changes_;
+}
+
+uint64_t Preferences::changeCount() const {
+  std::lock_guard lock(mu_);
+  refreshLocked();
+  return changes_;
 }
 
 Value Preferences::object(std::string_view key) const {
@@ -190,6 +197,7 @@ void Preferences::refreshLocked() const {
   // stamp, which only costs one more read later.
   stamp_ = now;
   stored_.clear();
+  ++changes_;
   if (!now.exists) return;
 
   std::string why;
@@ -209,6 +217,7 @@ void Preferences::refreshLocked() const {
 }
 
 bool Preferences::writeLocked() {
+  ++changes_;
   std::string why;
   std::error_code ec;
   bool ok = (std::filesystem::is_directory(dir_, ec) || ensureDirectory(dir_, kFolderMode, &why)) &&

@@ -55,6 +55,11 @@ class Preferences {
   std::optional<Time> dateForKey(std::string_view key) const;
   std::optional<Value::Data> dataForKey(std::string_view key) const;
 
+  // A number that changes whenever any value of the domain may have changed (a write here, a file changed
+  // by another process, new defaults); one stat check, like any read. Lets a caller keep something
+  // derived from several keys until the domain changes.
+  uint64_t changeCount() const;
+
   // Persisted values only (no defaults), as last read or written.
   Value::Dict storedValues() const;
 
@@ -82,6 +87,7 @@ class Preferences {
   };
   mutable std::optional<FileStamp> stamp_;  // of the file stored_ was read from; nullopt: read again
   mutable bool warnedUndecodable_ = false;
+  mutable uint64_t changes_ = 0;
   bool unsaved_ = false;  // stored_ holds values whose write failed; reads keep them until written
 };
 

@@ -81,6 +81,16 @@ struct VORNetworkRequestFactory::Impl {
   mutable std::mutex proxyMu;
   std::optional<Value::Dict> proxyConfiguration;
 
+  // The last bag-cache request and everything it was built from (on the context queue). The bag
+  // controller asks for it on every keystroke to tell whether the held bag still matches the settings.
+  struct BagCacheInputs {
+    uint64_t preferencesChange = 0;  // bag URL, debug parameters and the alternate endpoint switch
+    const BagController* controller = nullptr;
+    std::optional<std::string> userAgent, version, country, locale, language;
+    bool operator==(const BagCacheInputs&) const = default;
+  };
+  std::optional<std::pair<BagCacheInputs, HttpRequest>> lastBagCacheRequest;
+
   // ---- Context upkeep (on the context queue).
 
   // Re-parses "VORDebugParameters" when its text changed since the last request.
@@ -702,10 +712,23 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagCo
                                                                      const std::optional<std::string>& userAgent,
                                                                      const std::optional<std::string>& version) {
   Impl& d = *impl_;
+  Impl::BagCacheInputs inputs;
+  inputs.preferencesChange = d.defaults ? d.defaults->changeCount() : 0;
+  inputs.controller = &controller;
+  inputs.userAgent = userAgent;
+  inputs.version = version;
+  std::optional<HttpRequest> out;
+  d._contextAccessQueue->sync([&] {
+    inputs.country = d.context._geoDeviceCountryCode;
+    inputs.locale = d.context._localeIdentifier;
+    inputs.language = d.context._effectiveSystemLanguage;
+    if (d.lastBagCacheRequest && d.lastBagCacheRequest->first == inputs) out = d.lastBagCacheRequest->second;
+  });
+  if (out) return out;
+
   auto builder = _bagRequestBuilder(controller);
   if (!builder) return std::nullopt;
   const bool quintara = d.useQuintara();
-  std::optional<HttpRequest> out;
   d._contextAccessQueue->sync([&] {
     d._refreshDebugParameters();
     const VORRequestContext& c = d.context;
@@ -718,6 +741,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagCo
     c._addAgentQueryItem(b, userAgent);
     b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
     out = b.createMutableUrlRequest();
+    // Kept under the inputs read before building: if any changed meanwhile, the next ask rebuilds.
+    d.lastBagCacheRequest.emplace(inputs, *out);
   });
   return out;
 }

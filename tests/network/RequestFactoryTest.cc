@@ -463,6 +463,10 @@ TEST_F(RequestFactoryTest, BagFetchAndBagCacheRequestsDifferOnlyInKeyHeadersAndA
   auto quintara = factory->bagCacheRequest(controller, agent, std::string("12"));
   EXPECT_NE(quintara->url, cache->url);
   EXPECT_NE(quintara->url.find("quintara=1"), std::string::npos);
+  // So does a preference that another process changes.
+  Preferences other(assembly->userDefaults->path().parent_path(), assembly->userDefaults->domain());
+  other.set("VORDebugParameters", "dbg=2");
+  EXPECT_NE(factory->bagCacheRequest(controller, agent, std::string("12"))->url.find("dbg=2"), std::string::npos);
 
   auto bad = UrlOnlyBagController("/relative/bag");
   EXPECT_FALSE(factory->bagFetchRequest(bad, agent, std::nullopt));
