@@ -239,7 +239,11 @@ void ClientConnection::configure(VORSessionConfiguration configuration, IpcRepli
   // The endpoint goes out first: the bag may take a fetch, and the client should not wait for it.
   auto endpoint = clientStateManager_ ? clientStateManager_->endpoint() : std::nullopt;
   if (reply) reply(Value::Array{endpoint ? endpoint->toValue() : Value()});
+  // The connection listens for bag changes before it asks for the bag: a bag installed at any moment
+  // after this point reaches the client, by this answer or by the change that follows it.
+  _observeBagChanges();
   std::weak_ptr<ClientConnection> weak = weak_from_this();
+  std::lock_guard sending(bagSendMu_);
   bound->bag(userAgent().value_or(""), [weak](std::optional<VORBag> bag, std::optional<VORError> error) {
     auto self = weak.lock();
     if (!self) return;
@@ -250,18 +254,18 @@ void ClientConnection::configure(VORSessionConfiguration configuration, IpcRepli
                   bag ? bag->version().value_or("(null)") : "(null)", self->state()->identifier(),
                   error ? error->describe() : "(null)");
     self->_sendBag(bag, error);
-    // A failed bag still subscribes the client to the next one and records it as a known client.
+    // A failed bag still leaves the client subscribed to the next one and recorded as a known client.
     if (bag) self->_setEngagedCompletionCacheValues(*bag);
-    {
-      std::lock_guard lock(self->mu_);
-      if (!self->bagObserver_ && self->assembly_->notificationCenter) {
-        self->bagObserver_ = self->assembly_->notificationCenter->addObserver<ClientConnection>(
-            kVORBagChangeNotification, nullptr, self,
-            [](ClientConnection& c, const Notification& n) { c.bagChangeNotification(n); });
-      }
-    }
     if (self->clientStateManager_) self->clientStateManager_->saveState();
   });
+}
+
+void ClientConnection::_observeBagChanges() {
+  std::lock_guard lock(mu_);
+  if (bagObserver_ || !assembly_->notificationCenter) return;
+  bagObserver_ = assembly_->notificationCenter->addObserver<ClientConnection>(
+      kVORBagChangeNotification, nullptr, shared_from_this(),
+      [](ClientConnection& c, const Notification& n) { c.bagChangeNotification(n); });
 }
 
 void ClientConnection::_sendBag(const std::optional<VORBag>& bag, const std::optional<VORError>& error) {
@@ -274,6 +278,7 @@ void ClientConnection::bagChangeNotification(const Notification& notification) {
   if (!record) return;
   auto bag = VORBag::fromRecord(*record);
   if (!bag) return;
+  std::lock_guard sending(bagSendMu_);
   _sendBag(bag, std::nullopt);
   _setEngagedCompletionCacheValues(*bag);
 }

@@ -106,6 +106,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void _sendBag(const std::optional<VORBag>& bag, const std::optional<VORError>& error);
   void _resultEngagementExtras(const ClientState& state, const QXFeedback& feedback);
   void _reportErrorAsVorlendFeedback(const VORError& error);
+  void _observeBagChanges();
   void bagChangeNotification(const Notification& notification);
   void forwardResourceNotification(const Notification& notification, const char* op);
 
@@ -120,6 +121,10 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   std::shared_ptr<ClientState> state_;
   std::optional<std::string> userAgent_;
   std::unique_ptr<NotificationCenter::Token> bagObserver_;
+  // Held while a bag is read and sent to the client, at configuration and for each bag change, so that
+  // the client never hears an older bag after a newer one. Recursive: a change posted on the thread that
+  // is sending is forwarded at once.
+  std::recursive_mutex bagSendMu_;
 
   std::shared_ptr<Queue> notifyQueue_;
   std::shared_ptr<Timer> idleTimer_;

@@ -1,11 +1,15 @@
 #include "service/ClientConnection.h"
 
 #include <fstream>
+#include <future>
+#include <thread>
 
 #include "base/Counters.h"
 #include "model/QXResultSection.h"
 #include "model/QXSearchResult.h"
+#include "model/Constants.h"
 #include "model/VORRequest.h"
+#include "network/BagController.h"
 #include "service/ClientState.h"
 #include "service/ServiceTestSupport.h"
 
@@ -54,6 +58,75 @@ TEST_F(ClientConnectionTest, ConfigureRepliesWithEndpointThenSendsTheBagOutcome)
   auto both = call(again, "listSessions:", {});
   ASSERT_TRUE(both);
   EXPECT_EQ(*both->at(0).getArray()->at(1).find("agent")->getString(), agent);
+}
+
+// No bag is installed when a client configures, and the background fetch that this starts completes on
+// its own thread while the client is still being answered.
+class FetchWhileAnsweringBagController final : public BagController {
+ public:
+  explicit FetchWhileAnsweringBagController(std::shared_ptr<NotificationCenter> center) : center_(std::move(center)) {}
+  ~FetchWhileAnsweringBagController() override {
+    if (fetcher_.joinable()) fetcher_.join();
+  }
+  std::optional<VORBag> cachedBagState() override {
+    std::lock_guard lock(mu_);
+    return bag_;
+  }
+  std::optional<VORBag> currentBag() override {
+    {
+      std::lock_guard lock(mu_);
+      if (bag_ || fetcher_.joinable()) return bag_;
+    }
+    // The fetch gets a moment to install and announce its bag before the caller learns there is none.
+    auto announced = std::make_shared<std::promise<void>>();
+    auto seen = announced->get_future();
+    fetcher_ = std::thread([this, announced] {
+      VORBag bag(Value::Dict{{"version", Value("7")}}, "");
+      {
+        std::lock_guard lock(mu_);
+        bag_ = bag;
+      }
+      Notification n;
+      n.name = kVORBagChangeNotification;
+      n.userInfo = Value::dict({{kVORBagKey, bag.toRecord()}});
+      center_->post(n);
+      announced->set_value();
+    });
+    seen.wait_for(std::chrono::milliseconds(200));
+    return std::nullopt;
+  }
+  std::optional<std::string> warmURL() override { return std::nullopt; }
+  void forceFetchBag(const Value::Dict&) override {}
+  std::string bagFetchURLWithCountry(const std::optional<std::string>&) const override { return ""; }
+
+ private:
+  std::shared_ptr<NotificationCenter> center_;
+  std::mutex mu_;
+  std::optional<VORBag> bag_;
+  std::thread fetcher_;
+};
+
+class ClientConnectionBagRaceTest : public ServiceFixture {
+ protected:
+  void prepareAssembly() override {
+    assembly->bagController = std::make_shared<FetchWhileAnsweringBagController>(assembly->notificationCenter);
+  }
+};
+
+// A bag installed between the state's "no bag yet" and the end of the configuration still reaches the
+// client, after the time-out it was told first.
+TEST_F(ClientConnectionBagRaceTest, ABagInstalledWhileTheClientIsAnsweredReachesIt) {
+  auto calls = std::make_shared<test::Inbox<IpcMessage>>();
+  auto c = connect(calls);
+  ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")}));
+  ASSERT_TRUE(calls->waitFor(2));
+  auto items = calls->items();
+  EXPECT_EQ(errorOf(items[0].arg(1))->reason(), "timeout");
+  ASSERT_EQ(items[1].op(), "bagDidLoad:error:");
+  auto bag = VORBag::fromRecord(items[1].arg(0));
+  ASSERT_TRUE(bag);
+  EXPECT_EQ(bag->version(), "7");
+  EXPECT_TRUE(items[1].arg(1).isNull());
 }
 
 TEST_F(ClientConnectionTest, AConfigurationThatLeavesNoStateClosesTheConnection) {
