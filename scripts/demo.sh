@@ -2,7 +2,8 @@
 # End-to-end run of the daemon on private folders against the reference search service on loopback:
 # build, start vorlen-refserver and vorlend (its bag URL pointed at the reference service), type queries
 # letter by letter as a browser would and show where each answer came from (network or query cache, and the
-# local completion a request carried), then stop both cleanly and show how the daemon ended.
+# local completion a request carried) before and after the user's history holds an engaged completion,
+# then stop both cleanly and show how the daemon ended.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -63,8 +64,16 @@ echo "== typing \"new york\": the first letter is below the bag's minimum length
 echo "   network and completes to \"news\", so \"new\" is answered from the query cache"
 ctl "${browser[@]}" type "new york" --refserver "$ref" --delay-ms 50
 echo
-# Local completions come from the user's engagements, which reach the completion database through the
-# feedback session manager; this build has none yet, so the requests above carry no "lc" item.
+echo "== the user's own history: once, after typing \"new y\", they picked \"new york marathon\"."
+echo "   Engagements are kept in the local completion history below the daemon's caches folder."
+ctl completions add "new york marathon" --input "new y" --client browser
+ctl completions lookup "ne" --client browser
+echo
+echo "== typing \"new york\" again, in a second browser window (a client of its own, with an empty query"
+echo "   cache): each search now carries that local completion, and the service puts it first"
+second=(--id com.velmo.demo.browser.2 --agent "Voyant/17.0")
+ctl "${second[@]}" type "new york" --refserver "$ref" --delay-ms 50
+echo
 ctl sessions
 echo "== requests the reference service received"
 curl -s "$ref/_counts" 2>/dev/null || true

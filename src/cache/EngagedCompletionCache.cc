@@ -245,9 +245,9 @@ int64_t EngagedCompletionCache::numberOfRows() {
   return 0;
 }
 
-void EngagedCompletionCache::addCompletion(const std::string& completion, const std::string& input, int64_t origin,
+bool EngagedCompletionCache::addCompletion(const std::string& completion, const std::string& input, int64_t origin,
                                            int64_t client) {
-  if (!cacheEnabled() || completion.empty() || !db_.load()) return;
+  if (!cacheEnabled() || completion.empty() || !db_.load()) return false;
   log().notice("Adding completion: {} input: {}", completion, input);
   int64_t now = nowSeconds();
   clearCompletionsFromSeconds(kDistantPastSeconds, now - kAgeOutSeconds);
@@ -259,7 +259,8 @@ void EngagedCompletionCache::addCompletion(const std::string& completion, const 
   }
 
   sqlite3* db = db_.load();
-  if (!db) return;
+  if (!db) return false;
+  bool stored = false;
   {
     // Five bound values, never text pasted into the statement.
     char* sql = sqlite3_mprintf(
@@ -271,7 +272,7 @@ void EngagedCompletionCache::addCompletion(const std::string& completion, const 
     if (rc != SQLITE_OK) {
       log().notice("_prepareInsertStatement failed - SQL:{} code: {}", sql ? sql : "", rc);
       sqlite3_free(sql);
-      return;
+      return false;
     }
     sqlite3_free(sql);
     std::string originString = originText(origin);
@@ -281,10 +282,12 @@ void EngagedCompletionCache::addCompletion(const std::string& completion, const 
     sqlite3_bind_int(st.s, 3, static_cast<int32_t>(now));
     sqlite3_bind_text(st.s, 4, originString.data(), int(originString.size()), SQLITE_TRANSIENT);
     sqlite3_bind_int64(st.s, 5, client);
-    if (sqlite3_step(st.s) != SQLITE_DONE) log().error("Failed to add completion: {}", completion);
+    stored = sqlite3_step(st.s) == SQLITE_DONE;
+    if (!stored) log().error("Failed to add completion: {}", completion);
     else log().notice("Completion added: {} input {}", completion, input);
   }
   performTallydLogging();
+  return stored;
 }
 
 std::optional<EngagedCompletion> EngagedCompletionCache::completionForInput(const std::string& input,

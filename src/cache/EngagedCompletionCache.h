@@ -7,7 +7,8 @@
 // significant digits for privacy.
 //
 // Nothing here reports an error to its caller: failures are logged on the default log and the operation
-// ends (a lookup then returns nothing). A database that cannot be opened leaves the cache inert.
+// ends (a lookup then returns nothing). The one exception is for tools: addCompletion() says whether the
+// engagement was stored, which the daemon ignores. A database that cannot be opened leaves the cache inert.
 //
 // Threading: a caller of completionForInput() waits at most searchTimeout() milliseconds. When the
 // connection is free the query runs on the caller's thread, and SQLite's progress handler interrupts it at
@@ -61,6 +62,8 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   const std::filesystem::path& databaseDirPath() const { return databaseDirPath_; }
   const std::filesystem::path& databasePath() const { return databasePath_; }
 
+  // Whether the database is open (it stays closed when it could not be opened or made).
+  bool isOpen() const { return db_.load() != nullptr; }
   bool enabled() const { return enabled_.load(); }
   void setEnabled(bool enabled) { enabled_.store(enabled); }
   uint64_t searchTimeout() const { return searchTimeout_.load(); }
@@ -78,7 +81,7 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
 
   // Records one engagement now. Origin 1 and 3 are stored as "se", 2 as "3d", others as "". Client 0
   // unspecified, 1 browser, 2 system search.
-  void addCompletion(const std::string& completion, const std::string& input, int64_t origin = 0,
+  bool addCompletion(const std::string& completion, const std::string& input, int64_t origin = 0,
                      int64_t client = 0);
   // The best completion for `input` from `client`'s engagements, or nothing (also on time-out).
   std::optional<EngagedCompletion> completionForInput(const std::string& input, int64_t client = 0);

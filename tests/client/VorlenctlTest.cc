@@ -2,6 +2,8 @@
 // daemon-facing commands run against ScriptedDaemon on a private socket.
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "base/Archive.h"
 #include "base/Preferences.h"
 #include "client/ScriptedDaemon.h"
@@ -110,6 +112,37 @@ TEST_F(VorlenctlTest, StatsReadsTheSavedCounters) {
   Run r = run({"stats"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "com.velmo.vorlend.clientconnection 3\n");
+}
+
+TEST_F(VorlenctlTest, CompletionsAddLookUpAndClearTheLocalHistory) {
+  Run none = run({"completions", "lookup", "new"});
+  EXPECT_EQ(none.status, 0) << none.err;
+  EXPECT_EQ(none.out, "no local completion for \"new\" (client 1)\n");
+
+  Run added = run({"completions", "add", "new york marathon", "--input", "new y"});
+  EXPECT_EQ(added.status, 0) << added.err;
+  EXPECT_EQ(added.out, "recorded \"new york marathon\" for input \"new y\" (client 1, origin 1)\n");
+  EXPECT_EQ(fileMode(dir / "cache" / "com.velmo.vorlend" / "EngagedCompletions" / "Cache.db"), 0600u);
+
+  // Matched on the stored input as well as the completion, ignoring ASCII case; histories are per client.
+  Run found = run({"--json", "completions", "lookup", "NEW Y"});
+  EXPECT_EQ(found.status, 0) << found.err;
+  auto doc = nlohmann::json::parse(found.out);
+  EXPECT_EQ(doc["completion"], "new york marathon");
+  EXPECT_EQ(doc["type"], 1);
+  EXPECT_GT(doc["score"].get<double>(), 10.0);  // an engagement within the hour, plus the recency term
+  EXPECT_EQ(run({"completions", "lookup", "new", "--client", "search"}).out,
+            "no local completion for \"new\" (client 2)\n");
+
+  EXPECT_EQ(run({"completions", "clear"}).status, 0);
+  EXPECT_EQ(run({"completions", "lookup", "new"}).out, "no local completion for \"new\" (client 1)\n");
+
+  // Switched off by the daemon's preference: refused, and said why.
+  Preferences(dir / "config" / "vorlend", "com.velmo.vorlend").set("VORDisableLocalCompletions", Value(true));
+  Run off = run({"completions", "add", "x"});
+  EXPECT_EQ(off.status, 1);
+  EXPECT_NE(off.err.find("local completions are switched off"), std::string::npos) << off.err;
+  EXPECT_EQ(run({"completions", "add", "x", "--client", "tablet"}).status, 2);
 }
 
 class VorlenctlWithPeerTest : public VorlenctlTest {

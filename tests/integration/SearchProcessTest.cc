@@ -1,5 +1,6 @@
 // The real vorlend against the reference search service on loopback, driven through libvorlen-client as an
-// application would: the bag arrives, typing is answered from the network and then from the query cache,
+// application would: the bag arrives, typing is answered from the network and then from the query cache
+// (with the user's own engaged completion once the history holds one),
 // a newer search overtakes an older one in flight, and a restarted daemon serves its disk bag at once.
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -132,6 +133,30 @@ TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) 
   EXPECT_EQ(keystrokes[1]["completion"], "news");
   EXPECT_EQ(keystrokes[2]["source"], "query cache");
   EXPECT_EQ(keystrokes[2]["completion"], "news");
+  EXPECT_FALSE(keystrokes[1].contains("localCompletion"));
+
+  // An engagement in the browser's history, written while the daemon runs, goes with the next searches of
+  // another browser client, and the service completes to it.
+  const std::map<std::string, std::string> env = {{"HOME", dir.path().string()},
+                                                  {"XDG_CACHE_HOME", (dir / "cache").string()},
+                                                  {"XDG_CONFIG_HOME", (dir / "config").string()}};
+  test::ChildProcess add(test::builtProgram("vorlenctl"),
+                         {"completions", "add", "new york marathon", "--input", "new y", "--client", "browser"}, env,
+                         dir.path());
+  ASSERT_EQ(add.wait(30s), 0) << add.stderrText();
+  test::ChildProcess again(test::builtProgram("vorlenctl"),
+                           {"--json", "--socket", (dir / "vorlend.sock").string(), "--id", "com.example.typist.2",
+                            "--agent", "Voyant/5.0", "type", "new", "--refserver", server.baseURL()},
+                           env, dir.path());
+  ASSERT_EQ(again.wait(30s), 0) << again.stderrText();
+  auto personal = nlohmann::json::parse(again.stdoutText(), nullptr, false);
+  ASSERT_TRUE(personal.is_array() && personal.size() == 3u) << again.stdoutText();
+  EXPECT_EQ(personal[1]["source"], "network");
+  EXPECT_EQ(personal[1]["localCompletion"], "new york marathon");
+  EXPECT_EQ(personal[1]["completion"], "new york marathon");
+  EXPECT_EQ(personal[2]["source"], "query cache");
+  EXPECT_EQ(personal[2]["completion"], "new york marathon");
+  EXPECT_TRUE(daemon->waitForOutput("Local completion found: input ne, completion new york marathon", 10s));
 }
 
 TEST_F(SearchProcessTest, ANewerSearchOvertakesOneStillInFlight) {

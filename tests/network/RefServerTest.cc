@@ -164,6 +164,21 @@ TEST_F(RefServerTest, SearchCompletesTypedTextFromTheCorpus) {
   EXPECT_EQ(none["query"], "zzqx");
   EXPECT_EQ(none["completion_score"], 0.0);
   EXPECT_TRUE(none["suggestions"].empty());
+
+  // The user's own completions lead: one that extends the text is the completed query and the first
+  // suggestion, marked local, and is not listed twice; ones that do not extend it are ignored.
+  auto local = json(send("GET", "/search?q=new&lc=new%20york%20marathon:weather:"));
+  EXPECT_EQ(local["query"], "new york marathon");
+  ASSERT_GE(local["suggestions"].size(), 2u);
+  EXPECT_EQ(local["suggestions"][0]["suggestion"], "new york marathon");
+  EXPECT_EQ(local["suggestions"][0]["local"], true);
+  size_t marathons = 0;
+  for (const auto& s : local["suggestions"]) {
+    marathons += s["suggestion"] == "new york marathon";
+    EXPECT_NE(s["suggestion"], "weather");
+  }
+  EXPECT_EQ(marathons, 1u);
+  EXPECT_EQ(local["results"][0]["title"], "new york marathon - result 1");
 }
 
 TEST_F(RefServerTest, OneSearchEndpointTellsZeroKeywordAndLookUpApart) {

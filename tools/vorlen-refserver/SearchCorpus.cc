@@ -104,17 +104,39 @@ std::vector<SearchCorpus::Entry> SearchCorpus::completions(std::string_view pref
   return out;
 }
 
-Json SearchCorpus::search(std::string_view typed, int maxAge, const std::string& base) {
+std::vector<std::string> SearchCorpus::splitLocalCompletions(std::string_view lc) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  while (start <= lc.size()) {
+    size_t end = lc.find(':', start);
+    if (end == std::string_view::npos) end = lc.size();
+    if (end > start) out.emplace_back(lc.substr(start, end - start));
+    start = end + 1;
+  }
+  return out;
+}
+
+Json SearchCorpus::search(std::string_view typed, int maxAge, const std::string& base,
+                          const std::vector<std::string>& localCompletions) {
+  const std::string p = lower(typed);
+  std::vector<std::string> local;
+  for (const std::string& c : localCompletions) {
+    const std::string l = lower(c);
+    if (l.compare(0, p.size(), p) == 0 && std::find(local.begin(), local.end(), l) == local.end()) local.push_back(l);
+  }
   const std::vector<Entry> found = completions(typed);
-  const std::string completed = found.empty() ? lower(typed) : found.front().query;
   Json suggestions = Json::array();
-  for (const Entry& e : found) suggestions.push_back(Json{{"suggestion", e.query}, {"score", e.score}});
+  for (const std::string& l : local) suggestions.push_back(Json{{"suggestion", l}, {"score", 1.0}, {"local", true}});
+  for (const Entry& e : found) {
+    if (std::find(local.begin(), local.end(), e.query) == local.end())
+      suggestions.push_back(Json{{"suggestion", e.query}, {"score", e.score}});
+  }
   Json body;
-  body["query"] = completed;
+  body["query"] = !local.empty() ? local.front() : found.empty() ? p : found.front().query;
   body["max_age"] = maxAge;
-  body["completion_score"] = found.empty() ? 0.0 : found.front().score;
+  body["completion_score"] = !local.empty() ? 1.0 : found.empty() ? 0.0 : found.front().score;
   body["status"] = "OK";
-  body["results"] = resultsFor(completed, base, 0, 3);
+  body["results"] = resultsFor(body["query"].get<std::string>(), base, 0, 3);
   body["suggestions"] = suggestions;
   return body;
 }

@@ -6,6 +6,10 @@
 // server's confidence in that completion ("completion_score", 0..1), a "status" ("OK"), results and
 // suggestions (the most popular entries extending the text, best first, at most 8).
 //
+// The user's own completions that a search carries ("lc": the device's local completions, joined with
+// ":") come first: one that extends the typed text becomes the completed query, and each such one leads
+// the suggestions, marked "local", ahead of the popular entries.
+//
 // Threading: immutable; safe from any thread.
 #pragma once
 
@@ -31,7 +35,10 @@ class SearchCorpus {
   static std::vector<Entry> completions(std::string_view prefix, size_t limit = 8);
 
   // Answer bodies. `base` is the service's base URL, used in result links.
-  static nlohmann::ordered_json search(std::string_view typed, int maxAge, const std::string& base);
+  static nlohmann::ordered_json search(std::string_view typed, int maxAge, const std::string& base,
+                                       const std::vector<std::string>& localCompletions = {});
+  // The completions of an "lc" item; empty parts are dropped.
+  static std::vector<std::string> splitLocalCompletions(std::string_view lc);
   static nlohmann::ordered_json zeroKeyword(int maxAge, const std::string& base);
   static nlohmann::ordered_json moreResults(std::string_view query, const std::string& base);
   static nlohmann::ordered_json card(std::string_view query, const std::string& base);

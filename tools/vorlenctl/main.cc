@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "CompletionsCommand.h"
 #include "CtlOutput.h"
 #include "DaemonCommands.h"
 #include "DefaultsCommand.h"
@@ -77,6 +78,23 @@ int run(int argc, char** argv) {
 
   auto* stats = app.add_subcommand("stats", "the daemon's saved counters");
 
+  auto* completions = app.add_subcommand("completions", "the local completion history (no daemon needed)");
+  completions->require_subcommand(1);
+  std::string completionText, inputText, clientName = "browser";
+  int64_t origin = 1;
+  auto* cAdd = completions->add_subcommand("add", "record an engagement with COMPLETION now");
+  cAdd->add_option("COMPLETION", completionText)->required();
+  cAdd->add_option("--input", inputText, "what had been typed (default: nothing)");
+  cAdd->add_option("--origin", origin, "1 the service's suggestion, 2 a result's title, 3 system search")
+      ->check(CLI::Range(0, 1000));
+  auto* cLookup = completions->add_subcommand("lookup", "the local completion a search for INPUT would carry");
+  cLookup->add_option("INPUT", inputText)->required();
+  for (auto* sub : {cAdd, cLookup}) {
+    sub->add_option("--client", clientName, "whose history: browser, search or unspecified")
+        ->check(CLI::IsMember({"browser", "search", "unspecified"}));
+  }
+  auto* cClear = completions->add_subcommand("clear", "forget every engagement");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -97,6 +115,13 @@ int run(int argc, char** argv) {
     return static_cast<int>(command.remove(domain, key));
   }
   if (*stats) return static_cast<int>(StatsCommand::run(out, paths.cachesDir));
+  if (*completions) {
+    CompletionsCommand command(out, paths.cachesDir, paths.configDir);
+    const int64_t client = CompletionsCommand::clientNumber(clientName).value_or(1);
+    if (*cAdd) return static_cast<int>(command.add(completionText, inputText, client, origin));
+    if (*cLookup) return static_cast<int>(command.lookup(inputText, client));
+    if (*cClear) return static_cast<int>(command.clear());
+  }
 
   if (identity.identifier.empty() || identity.agent.empty())
     return static_cast<int>(out.error(ExitCode::Usage, "--id and --agent must not be empty"));
