@@ -1,6 +1,6 @@
 // Local completion lookup on the typing path: EngagedCompletionCache::completionForInput against a real
 // SQLite file of 10,000 and 100,000 engagements, with the real clock, measured per call from the caller's
-// side (the hop to the search queue, the query, the wait) against the 5 ms budget.
+// side (with the connection free, the query runs on the calling thread) against the 5 ms budget.
 //
 // Rows look like a month of history: query-like completions, each engaged several times at dates spread
 // over the last 30 days, typed inputs that are prefixes of them, mostly from the browser client. Lookups

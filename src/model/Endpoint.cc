@@ -4,7 +4,7 @@ namespace vorlen {
 
 const RecordBinding<Endpoint>& Endpoint::binding() {
   using B = RecordBinding<Endpoint>;
-  static const B b(kClassName, {B::field("path", &Endpoint::path, /*required=*/true)});
+  static const B& b = *new B(kClassName, {B::field("path", &Endpoint::path, /*required=*/true)});
   return b;
 }
 

@@ -4,7 +4,7 @@ namespace vorlen {
 
 const RecordBinding<FileHandle>& FileHandle::binding() {
   using B = RecordBinding<FileHandle>;
-  static const B b(kClassName, {B::field("fd", &FileHandle::fd, /*required=*/true)});
+  static const B& b = *new B(kClassName, {B::field("fd", &FileHandle::fd, /*required=*/true)});
   return b;
 }
 

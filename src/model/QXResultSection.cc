@@ -5,7 +5,7 @@ namespace vorlen {
 const RecordBinding<QXResultSection>& QXResultSection::binding() {
   using B = RecordBinding<QXResultSection>;
   using S = QXResultSection;
-  static const B b(kClassName, {
+  static const B& b = *new B(kClassName, {
                                    B::field("identifier", &S::identifier),
                                    B::field("score", &S::score),
                                    B::field("bundleIdentifier", &S::bundleIdentifier),

@@ -5,7 +5,7 @@ namespace vorlen {
 const RecordBinding<QXSearchResult>& QXSearchResult::binding() {
   using B = RecordBinding<QXSearchResult>;
   using R = QXSearchResult;
-  static const B b(kClassName, {
+  static const B& b = *new B(kClassName, {
                                    B::field("identifier", &R::identifier),
                                    B::field("queryId", &R::queryId),
                                    B::field("type", &R::type),

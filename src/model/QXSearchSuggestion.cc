@@ -5,7 +5,7 @@ namespace vorlen {
 const RecordBinding<QXSearchSuggestion>& QXSearchSuggestion::binding() {
   using B = RecordBinding<QXSearchSuggestion>;
   using S = QXSearchSuggestion;
-  static const B b(kClassName, {
+  static const B& b = *new B(kClassName, {
                                    B::field("identifier", &S::identifier),
                                    B::field("suggestion", &S::suggestion),
                                    B::field("score", &S::score),

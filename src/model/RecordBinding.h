@@ -21,7 +21,9 @@
 //
 // decode() trusts its input: call it only on a record that RecordCoder has validated against the schema.
 //
-// Threading: a binding is immutable after construction; safe from any thread.
+// Threading: a binding is immutable after construction; safe from any thread. Each class's binding is made
+// on first use and never destroyed, so a worker still coding a record while the process exits never meets
+// a torn-down one.
 #pragma once
 
 #include <concepts>

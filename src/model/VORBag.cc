@@ -57,7 +57,7 @@ std::string lower(std::string_view s) {
 
 const RecordBinding<VORBagRecord>& VORBagRecord::binding() {
   using B = RecordBinding<VORBagRecord>;
-  static const B b(kClassName, {
+  static const B& b = *new B(kClassName, {
                                    B::field("rawBag", &VORBagRecord::rawBag),
                                    B::field("userAgent", &VORBagRecord::userAgent),
                                });

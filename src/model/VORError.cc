@@ -8,7 +8,7 @@ namespace vorlen {
 
 const RecordBinding<VORError>& VORError::binding() {
   using B = RecordBinding<VORError>;
-  static const B b(kClassName, {
+  static const B& b = *new B(kClassName, {
                                    B::field("domain", &VORError::domain, /*required=*/true),
                                    B::field("code", &VORError::code, /*required=*/true),
                                    B::field("userInfo", &VORError::userInfo),

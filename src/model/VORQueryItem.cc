@@ -4,7 +4,7 @@ namespace vorlen {
 
 const RecordBinding<VORQueryItem>& VORQueryItem::binding() {
   using B = RecordBinding<VORQueryItem>;
-  static const B b(kClassName, {
+  static const B& b = *new B(kClassName, {
                                    B::field("name", &VORQueryItem::name, /*required=*/true),
                                    B::field("value", &VORQueryItem::value),
                                });

@@ -4,7 +4,7 @@ namespace vorlen {
 
 const RecordBinding<VORReply>& VORReply::binding() {
   using B = RecordBinding<VORReply>;
-  static const B b(kClassName, {
+  static const B& b = *new B(kClassName, {
                                    B::field("scale", &VORReply::scale),
                                    B::field("data", &VORReply::data),
                                    B::field("httpRequest", &VORReply::httpRequest),

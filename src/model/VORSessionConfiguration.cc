@@ -4,7 +4,7 @@ namespace vorlen {
 
 const RecordBinding<VORSessionConfiguration>& VORSessionConfiguration::binding() {
   using B = RecordBinding<VORSessionConfiguration>;
-  static const B b(kClassName, {
+  static const B& b = *new B(kClassName, {
                                    B::field("identifier", &VORSessionConfiguration::identifier),
                                    B::field("userAgent", &VORSessionConfiguration::userAgent),
                                    B::field("requestTimeout", &VORSessionConfiguration::requestTimeout),

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <condition_variable>
+#include <functional>
 #include <thread>
 
 #include "base/Counters.h"
@@ -36,6 +37,14 @@ std::vector<std::vector<std::string>> query(const std::filesystem::path& file, c
   sqlite3_free(error);
   sqlite3_close(db);
   return rows;
+}
+
+// `count` rows written into the file in one transaction through a connection of its own; `row(i)` gives
+// the i-th row's values (completion, input, date, origin, client) as SQL.
+void writeEngagements(const std::filesystem::path& file, int count, const std::function<std::string(int)>& row) {
+  std::string sql = "BEGIN;";
+  for (int i = 0; i < count; ++i) sql += "INSERT INTO completion_cache_engagement VALUES (" + row(i) + ");";
+  query(file, sql + "COMMIT;");
 }
 
 class EngagedCompletionCacheTest : public ::testing::Test {
@@ -190,17 +199,8 @@ TEST_F(EngagedCompletionCacheTest, LookupsFromEveryWorkerOfTheSharedPoolAreAnswe
 // behind a busy connection it is abandoned; either way it answers nothing and says so.
 TEST_F(EngagedCompletionCacheTest, LookupsEndAtTheirBudgetWhetherRunHereOrQueued) {
   auto cache = open();
-  {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file().c_str(), &db), SQLITE_OK);
-    std::string sql = "BEGIN;";
-    for (int i = 0; i < 20000; ++i)
-      sql += fmt::format("INSERT INTO completion_cache_engagement VALUES ('budget {}', 'b', {}, 'se', 1);", i,
-                         int64_t(toUnixSeconds(clock->now())) - i);
-    sql += "COMMIT;";
-    ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-  }
+  const int64_t now = int64_t(toUnixSeconds(clock->now()));
+  writeEngagements(file(), 20000, [&](int i) { return fmt::format("'budget {}', 'b', {}, 'se', 1", i, now - i); });
   ScopedLogCapture capture;
   cache->setSearchTimeout(0);
   EXPECT_FALSE(cache->completionForInput("bu", 1));
@@ -266,18 +266,9 @@ TEST_F(EngagedCompletionCacheTest, ClearsAgeOutAndEvictionByRowLimit) {
 
 TEST_F(EngagedCompletionCacheTest, ReportsCoarsenedSizes) {
   auto cache = open();
-  {
-    // 120 rows written directly, then one add: 121 entries are reported as 120.
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file().c_str(), &db), SQLITE_OK);
-    std::string sql = "BEGIN;";
-    for (int i = 0; i < 120; ++i)
-      sql += fmt::format("INSERT INTO completion_cache_engagement VALUES ('c{}', 'c', {}, 'se', 1);", i,
-                         int64_t(toUnixSeconds(clock->now())));
-    sql += "COMMIT;";
-    ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-  }
+  // 120 rows written directly, then one add: 121 entries are reported as 120.
+  const int64_t now = int64_t(toUnixSeconds(clock->now()));
+  writeEngagements(file(), 120, [&](int i) { return fmt::format("'c{}', 'c', {}, 'se', 1", i, now); });
   cache->addCompletion("one more", "o", 1, 1);
   EXPECT_EQ(counters->value("com.velmo.vorlend.voyant.localCompletionIndex.entries"), 120);
   int64_t size = static_cast<int64_t>(std::filesystem::file_size(file()));

@@ -65,7 +65,8 @@ TEST_F(ClientConnectionTest, ConfigureRepliesWithEndpointThenSendsTheBagOutcome)
 class FetchWhileAnsweringBagController final : public BagController {
  public:
   explicit FetchWhileAnsweringBagController(std::shared_ptr<NotificationCenter> center) : center_(std::move(center)) {}
-  ~FetchWhileAnsweringBagController() override {
+  ~FetchWhileAnsweringBagController() override { finish(); }
+  void finish() {
     if (fetcher_.joinable()) fetcher_.join();
   }
   std::optional<VORBag> cachedBagState() override {
@@ -109,8 +110,14 @@ class FetchWhileAnsweringBagController final : public BagController {
 class ClientConnectionBagRaceTest : public ServiceFixture {
  protected:
   void prepareAssembly() override {
-    assembly->bagController = std::make_shared<FetchWhileAnsweringBagController>(assembly->notificationCenter);
+    bags = std::make_shared<FetchWhileAnsweringBagController>(assembly->notificationCenter);
+    assembly->bagController = bags;
   }
+  void TearDown() override {
+    ServiceFixture::TearDown();
+    bags->finish();
+  }
+  std::shared_ptr<FetchWhileAnsweringBagController> bags;
 };
 
 // A bag installed between the state's "no bag yet" and the end of the configuration still reaches the
