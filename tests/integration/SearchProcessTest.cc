@@ -3,7 +3,13 @@
 // (with the user's own engaged completion once the history holds one),
 // a newer search overtakes an older one in flight, and a restarted daemon serves its disk bag at once.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
 
 #include <nlohmann/json.hpp>
 
@@ -157,6 +163,73 @@ TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) 
   EXPECT_EQ(personal[2]["source"], "query cache");
   EXPECT_EQ(personal[2]["completion"], "new york marathon");
   EXPECT_TRUE(daemon->waitForOutput("Local completion found: input ne, completion new york marathon", 10s));
+}
+
+// `vorlenctl search --interactive` in a real terminal (a pseudo-terminal here): raw keystrokes, each
+// answered as it is typed, Backspace editing, Enter ending with status 0.
+TEST_F(SearchProcessTest, InteractiveSearchAnswersEveryKeystrokeInARawTerminal) {
+  auto daemon = startDaemon();
+  ASSERT_TRUE(browser());
+  const std::string program = test::builtProgram("vorlenctl").string();
+  const std::string socket = (dir / "vorlend.sock").string();
+  // Everything the child needs is made before the fork: only exec may follow it in a threaded process.
+  const std::string refserver = server.baseURL();
+  const char* argv[] = {program.c_str(), "--socket",      socket.c_str(), "--id",        "com.example.person",
+                        "--agent",       "Voyant/5.0",    "search",       "--interactive", "--refserver",
+                        refserver.c_str(), nullptr};
+  const std::string home = "HOME=" + dir.path().string();
+  const char* envp[] = {home.c_str(), "TERM=dumb", nullptr};
+  int terminal = -1;
+  const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+  ASSERT_GE(pid, 0) << std::strerror(errno);
+  if (pid == 0) {
+    ::execve(program.c_str(), const_cast<char* const*>(argv), const_cast<char* const*>(envp));
+    ::_exit(127);
+  }
+  std::string transcript;
+  // Reads what the terminal shows within `wait`; false once the program's side is closed.
+  auto readSome = [&](std::chrono::milliseconds wait) {
+    pollfd p{terminal, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(wait.count())) <= 0) return true;
+    char buffer[4096];
+    const ssize_t n = ::read(terminal, buffer, sizeof buffer);
+    if (n <= 0) return false;
+    transcript.append(buffer, static_cast<size_t>(n));
+    return true;
+  };
+  auto waitFor = [&](const std::string& text) {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (transcript.find(text) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+      if (!readSome(100ms)) break;
+    }
+    return transcript.find(text) != std::string::npos;
+  };
+  auto type = [&](const std::string& keys) { ASSERT_EQ(::write(terminal, keys.data(), keys.size()), ssize_t(keys.size())); };
+
+  ASSERT_TRUE(waitFor("type to search")) << transcript;
+  type("ne");
+  ASSERT_TRUE(waitFor("network")) << transcript;
+  EXPECT_TRUE(waitFor("-> news")) << transcript;
+  type("\x7f");  // Backspace: "n" again, below the minimum length
+  ASSERT_TRUE(waitFor("no answer")) << transcript;
+  type("e");
+  EXPECT_TRUE(waitFor("query cache")) << transcript;
+  type("\r");
+  int status = 0;
+  bool exited = false;
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (!exited && std::chrono::steady_clock::now() < deadline) {
+    exited = ::waitpid(pid, &status, WNOHANG) == pid;
+    if (!exited) readSome(50ms);
+  }
+  if (!exited) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, &status, 0);
+  }
+  ::close(terminal);
+  ASSERT_TRUE(exited) << "vorlenctl did not end on Enter: " << transcript;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << transcript;
+  EXPECT_EQ(server.requestCount("/search"), 1u);  // only "ne" reached the service
 }
 
 TEST_F(SearchProcessTest, ANewerSearchOvertakesOneStillInFlight) {
