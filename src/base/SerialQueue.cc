@@ -90,8 +90,9 @@ void SerialQueue::scheduleLocked() {
   // A helper waiting in runUntil() drains the queue itself; otherwise a worker does. The job keeps the
   // queue alive until it has run.
   if (helpers_ == 0) {
-    pool_->submit(
-        [self = std::static_pointer_cast<SerialQueue>(shared_from_this()), ticket] { self->drainJob(ticket); });
+    pool_->submit([self = std::static_pointer_cast<SerialQueue>(shared_from_this()), ticket] {
+      self->drainJob(ticket);
+    });
   }
   changed_.notify_all();  // a waiting sync caller or helper may take the queue before any job starts
 }

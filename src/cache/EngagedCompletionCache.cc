@@ -245,8 +245,8 @@ int64_t EngagedCompletionCache::numberOfRows() {
   return 0;
 }
 
-bool EngagedCompletionCache::addCompletion(const std::string& completion, const std::string& input, int64_t origin,
-                                           int64_t client) {
+bool EngagedCompletionCache::addCompletion(const std::string& completion, const std::string& input,
+                                           int64_t origin, int64_t client) {
   if (!cacheEnabled() || completion.empty() || !db_.load()) return false;
   log().notice("Adding completion: {} input: {}", completion, input);
   int64_t now = nowSeconds();
@@ -283,8 +283,11 @@ bool EngagedCompletionCache::addCompletion(const std::string& completion, const 
     sqlite3_bind_text(st.s, 4, originString.data(), int(originString.size()), SQLITE_TRANSIENT);
     sqlite3_bind_int64(st.s, 5, client);
     stored = sqlite3_step(st.s) == SQLITE_DONE;
-    if (!stored) log().error("Failed to add completion: {}", completion);
-    else log().notice("Completion added: {} input {}", completion, input);
+    if (stored) {
+      log().notice("Completion added: {} input {}", completion, input);
+    } else {
+      log().error("Failed to add completion: {}", completion);
+    }
   }
   performTallydLogging();
   return stored;

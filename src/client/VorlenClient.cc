@@ -261,7 +261,7 @@ template <class T>
 void VorlenClient::callService(std::string op, Value::Array args, ClientResult<T> (*decode)(const IpcMessage&),
                                Callback<T> done) {
   post([self = shared_from_this(), op = std::move(op), args = std::move(args), decode,
-                 done = std::move(done)]() mutable {
+        done = std::move(done)]() mutable {
     ClientError error;
     std::shared_ptr<IpcConnection> c = self->ensureConnected(true, &error);
     if (!c) return done(ClientResult<T>::failure(std::move(error)));
@@ -273,15 +273,15 @@ void VorlenClient::callService(std::string op, Value::Array args, ClientResult<T
 }
 
 void VorlenClient::sendService(std::string op, Value::Array args, Callback<Sent> done) {
-  post(
-      [self = shared_from_this(), op = std::move(op), args = std::move(args), done = std::move(done)]() mutable {
-        ClientError error;
-        std::shared_ptr<IpcConnection> c = self->ensureConnected(true, &error);
-        if (!c) return done(ClientResult<Sent>::failure(std::move(error)));
-        self->lastSent_ = self->clock_->now();
-        if (!c->send(op, std::move(args))) return done(ClientResult<Sent>::failure(lost("could not send " + op)));
-        done(ClientResult<Sent>::success(Sent{}));
-      });
+  post([self = shared_from_this(), op = std::move(op), args = std::move(args),
+        done = std::move(done)]() mutable {
+    ClientError error;
+    std::shared_ptr<IpcConnection> c = self->ensureConnected(true, &error);
+    if (!c) return done(ClientResult<Sent>::failure(std::move(error)));
+    self->lastSent_ = self->clock_->now();
+    if (!c->send(op, std::move(args))) return done(ClientResult<Sent>::failure(lost("could not send " + op)));
+    done(ClientResult<Sent>::success(Sent{}));
+  });
 }
 
 template <class T, class Start>
@@ -326,7 +326,7 @@ void VorlenClient::configure(VORSessionConfiguration configuration, Callback<Ipc
     return;
   }
   post([self = shared_from_this(), configuration = std::move(configuration),
-                 done = std::move(done)]() mutable {
+        done = std::move(done)]() mutable {
     self->configuration_ = configuration;
     ClientError error;
     // A fresh connection is not configured automatically: this call is its configuration.
@@ -442,8 +442,7 @@ ClientResult<Value::Dict> VorlenClient::getImageMap() {
 void VorlenClient::requestViaEndpoint(const IpcEndpoint& endpoint, const VORRequest& request,
                                       const VORSessionConfiguration& configuration, Callback<RequestReply> done) {
   post([self = shared_from_this(), path = endpoint.path,
-                 args = Value::Array{request.toRecord(), configuration.toRecord()},
-                 done = std::move(done)]() mutable {
+        args = Value::Array{request.toRecord(), configuration.toRecord()}, done = std::move(done)]() mutable {
     ClientError error;
     uint64_t id = 0;
     std::shared_ptr<IpcConnection> c = self->openConnection(path, &id, &error);

@@ -4,8 +4,8 @@ namespace vorlen {
 
 const RecordBinding<Endpoint>& Endpoint::binding() {
   using B = RecordBinding<Endpoint>;
-  static const B& b = *new B(kClassName, {B::field("path", &Endpoint::path, /*required=*/true)});
-  return b;
+  static const B* const b = new B(kClassName, {B::field("path", &Endpoint::path, /*required=*/true)});
+  return *b;
 }
 
 }  // namespace vorlen

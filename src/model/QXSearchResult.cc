@@ -5,7 +5,7 @@ namespace vorlen {
 const RecordBinding<QXSearchResult>& QXSearchResult::binding() {
   using B = RecordBinding<QXSearchResult>;
   using R = QXSearchResult;
-  static const B& b = *new B(kClassName, {
+  static const B* const b = new B(kClassName, {
                                    B::field("identifier", &R::identifier),
                                    B::field("queryId", &R::queryId),
                                    B::field("type", &R::type),
@@ -22,7 +22,7 @@ const RecordBinding<QXSearchResult>& QXSearchResult::binding() {
                                    B::field("correctedQuery", &R::correctedQuery),
                                    B::field("staticCorrection", &R::staticCorrection),
                                });
-  return b;
+  return *b;
 }
 
 }  // namespace vorlen

@@ -5,7 +5,7 @@ namespace vorlen {
 const RecordBinding<QXSearchSuggestion>& QXSearchSuggestion::binding() {
   using B = RecordBinding<QXSearchSuggestion>;
   using S = QXSearchSuggestion;
-  static const B& b = *new B(kClassName, {
+  static const B* const b = new B(kClassName, {
                                    B::field("identifier", &S::identifier),
                                    B::field("suggestion", &S::suggestion),
                                    B::field("score", &S::score),
@@ -14,7 +14,7 @@ const RecordBinding<QXSearchSuggestion>& QXSearchSuggestion::binding() {
                                    B::field("fbr", &S::fbr),
                                    B::field("duplicateSuggestions", &S::duplicateSuggestions),
                                });
-  return b;
+  return *b;
 }
 
 }  // namespace vorlen

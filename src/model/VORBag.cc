@@ -57,11 +57,11 @@ std::string lower(std::string_view s) {
 
 const RecordBinding<VORBagRecord>& VORBagRecord::binding() {
   using B = RecordBinding<VORBagRecord>;
-  static const B& b = *new B(kClassName, {
+  static const B* const b = new B(kClassName, {
                                    B::field("rawBag", &VORBagRecord::rawBag),
                                    B::field("userAgent", &VORBagRecord::userAgent),
                                });
-  return b;
+  return *b;
 }
 
 VORBag::VORBag(Value::Dict rawBag, std::string userAgent)

@@ -8,12 +8,12 @@ namespace vorlen {
 
 const RecordBinding<VORError>& VORError::binding() {
   using B = RecordBinding<VORError>;
-  static const B& b = *new B(kClassName, {
+  static const B* const b = new B(kClassName, {
                                    B::field("domain", &VORError::domain, /*required=*/true),
                                    B::field("code", &VORError::code, /*required=*/true),
                                    B::field("userInfo", &VORError::userInfo),
                                });
-  return b;
+  return *b;
 }
 
 VORError VORError::make(int64_t code, std::string reason) {

@@ -4,11 +4,11 @@ namespace vorlen {
 
 const RecordBinding<VORQueryItem>& VORQueryItem::binding() {
   using B = RecordBinding<VORQueryItem>;
-  static const B& b = *new B(kClassName, {
+  static const B* const b = new B(kClassName, {
                                    B::field("name", &VORQueryItem::name, /*required=*/true),
                                    B::field("value", &VORQueryItem::value),
                                });
-  return b;
+  return *b;
 }
 
 }  // namespace vorlen

@@ -37,56 +37,56 @@ std::shared_ptr<VORRequest> make(const Value& record) {
 const RecordBinding<VORSearchRequest>& VORSearchRequest::binding() {
   using B = RecordBinding<VORSearchRequest>;
   using R = VORSearchRequest;
-  static const B& b = *new B(requestBinding<R>({
+  static const B* const b = new B(requestBinding<R>({
       B::field("engagedSuggestion", &R::engagedSuggestion),
       B::field("localContextualSuggestions", &R::localContextualSuggestions),
       B::field("completionCacheSuggestion", &R::completionCacheSuggestion),
       B::field("topTopics", &R::topTopics),
   }));
-  return b;
+  return *b;
 }
 
 const RecordBinding<VORZeroKeywordRequest>& VORZeroKeywordRequest::binding() {
-  static const auto& b = *new auto(requestBinding<VORZeroKeywordRequest>());
-  return b;
+  static const auto* const b = new auto(requestBinding<VORZeroKeywordRequest>());
+  return *b;
 }
 
 const RecordBinding<VORMoreResultsRequest>& VORMoreResultsRequest::binding() {
-  static const auto& b = *new auto(requestBinding<VORMoreResultsRequest>());
-  return b;
+  static const auto* const b = new auto(requestBinding<VORMoreResultsRequest>());
+  return *b;
 }
 
 const RecordBinding<VORCardRequest>& VORCardRequest::binding() {
-  static const auto& b = *new auto(requestBinding<VORCardRequest>());
-  return b;
+  static const auto* const b = new auto(requestBinding<VORCardRequest>());
+  return *b;
 }
 
 const RecordBinding<VORLookupRequest>& VORLookupRequest::binding() {
   using B = RecordBinding<VORLookupRequest>;
   using R = VORLookupRequest;
-  static const B& b = *new B(requestBinding<R>({
+  static const B* const b = new B(requestBinding<R>({
       B::field("lookupSelectionType", &R::lookupSelectionType),
       B::field("appBundleIdentifier", &R::appBundleIdentifier),
       B::field("lookupContext", &R::lookupContext),
       B::field("hintDomain", &R::hintDomain),
   }));
-  return b;
+  return *b;
 }
 
 const RecordBinding<VORFlightSearchRequest>& VORFlightSearchRequest::binding() {
   using B = RecordBinding<VORFlightSearchRequest>;
-  static const B& b = *new B(requestBinding<VORFlightSearchRequest>({
+  static const B* const b = new B(requestBinding<VORFlightSearchRequest>({
       B::field("flightQuery", &VORFlightSearchRequest::flightQuery),
   }));
-  return b;
+  return *b;
 }
 
 const RecordBinding<VORFlightLookupRequest>& VORFlightLookupRequest::binding() {
   using B = RecordBinding<VORFlightLookupRequest>;
-  static const B& b = *new B(requestBinding<VORFlightLookupRequest>({
+  static const B* const b = new B(requestBinding<VORFlightLookupRequest>({
       B::field("flightId", &VORFlightLookupRequest::flightId),
   }));
-  return b;
+  return *b;
 }
 
 std::vector<ClassDef> VORRequest::classDefs() {

@@ -4,12 +4,12 @@ namespace vorlen {
 
 const RecordBinding<VORSessionConfiguration>& VORSessionConfiguration::binding() {
   using B = RecordBinding<VORSessionConfiguration>;
-  static const B& b = *new B(kClassName, {
+  static const B* const b = new B(kClassName, {
                                    B::field("identifier", &VORSessionConfiguration::identifier),
                                    B::field("userAgent", &VORSessionConfiguration::userAgent),
                                    B::field("requestTimeout", &VORSessionConfiguration::requestTimeout),
                                });
-  return b;
+  return *b;
 }
 
 }  // namespace vorlen

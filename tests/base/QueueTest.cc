@@ -193,7 +193,8 @@ TEST(QueueTest, RunUntilRunsTheItemsItWaitsForOnTheWaitingThread) {
     }
   });
   producer.join();
-  ASSERT_EQ(waiter.wait_for(std::chrono::seconds(30)), std::future_status::ready) << "the waiter was never helped";
+  ASSERT_EQ(waiter.wait_for(std::chrono::seconds(30)), std::future_status::ready)
+      << "the waiter was never helped";
   const std::thread::id waiterThread = waiter.get();
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
   EXPECT_EQ(ranOn, std::vector<std::thread::id>(3, waiterThread));

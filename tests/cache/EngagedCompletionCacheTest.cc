@@ -41,7 +41,8 @@ std::vector<std::vector<std::string>> query(const std::filesystem::path& file, c
 
 // `count` rows written into the file in one transaction through a connection of its own; `row(i)` gives
 // the i-th row's values (completion, input, date, origin, client) as SQL.
-void writeEngagements(const std::filesystem::path& file, int count, const std::function<std::string(int)>& row) {
+void writeEngagements(const std::filesystem::path& file, int count,
+                      const std::function<std::string(int)>& row) {
   std::string sql = "BEGIN;";
   for (int i = 0; i < count; ++i) sql += "INSERT INTO completion_cache_engagement VALUES (" + row(i) + ");";
   query(file, sql + "COMMIT;");
@@ -200,7 +201,8 @@ TEST_F(EngagedCompletionCacheTest, LookupsFromEveryWorkerOfTheSharedPoolAreAnswe
 TEST_F(EngagedCompletionCacheTest, LookupsEndAtTheirBudgetWhetherRunHereOrQueued) {
   auto cache = open();
   const int64_t now = int64_t(toUnixSeconds(clock->now()));
-  writeEngagements(file(), 20000, [&](int i) { return fmt::format("'budget {}', 'b', {}, 'se', 1", i, now - i); });
+  writeEngagements(file(), 20000,
+                   [&](int i) { return fmt::format("'budget {}', 'b', {}, 'se', 1", i, now - i); });
   ScopedLogCapture capture;
   cache->setSearchTimeout(0);
   EXPECT_FALSE(cache->completionForInput("bu", 1));
@@ -214,9 +216,8 @@ TEST_F(EngagedCompletionCacheTest, LookupsEndAtTheirBudgetWhetherRunHereOrQueued
   // The connection is busy: the lookup waits on the search queue, and only up to its budget.
   cache->setSearchTimeout(50);
   std::optional<EngagedCompletion> late;
-  cache->holdConnectionForTesting([&] {
-    std::thread([&] { late = cache->completionForInput("budget 7", 1); }).join();
-  });
+  cache->holdConnectionForTesting(
+      [&] { std::thread([&] { late = cache->completionForInput("budget 7", 1); }).join(); });
   EXPECT_FALSE(late);
   EXPECT_TRUE(capture.sink().contains("EngagedCompletionCache search timed out for input budget 7"));
 

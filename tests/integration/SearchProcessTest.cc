@@ -146,14 +146,16 @@ TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) 
   const std::map<std::string, std::string> env = {{"HOME", dir.path().string()},
                                                   {"XDG_CACHE_HOME", (dir / "cache").string()},
                                                   {"XDG_CONFIG_HOME", (dir / "config").string()}};
-  test::ChildProcess add(test::builtProgram("vorlenctl"),
-                         {"completions", "add", "new york marathon", "--input", "new y", "--client", "browser"}, env,
-                         dir.path());
+  test::ChildProcess add(
+      test::builtProgram("vorlenctl"),
+      {"completions", "add", "new york marathon", "--input", "new y", "--client", "browser"}, env,
+      dir.path());
   ASSERT_EQ(add.wait(30s), 0) << add.stderrText();
-  test::ChildProcess again(test::builtProgram("vorlenctl"),
-                           {"--json", "--socket", (dir / "vorlend.sock").string(), "--id", "com.example.typist.2",
-                            "--agent", "Voyant/5.0", "type", "new", "--refserver", server.baseURL()},
-                           env, dir.path());
+  test::ChildProcess again(
+      test::builtProgram("vorlenctl"),
+      {"--json", "--socket", (dir / "vorlend.sock").string(), "--id", "com.example.typist.2", "--agent",
+       "Voyant/5.0", "type", "new", "--refserver", server.baseURL()},
+      env, dir.path());
   ASSERT_EQ(again.wait(30s), 0) << again.stderrText();
   auto personal = nlohmann::json::parse(again.stdoutText(), nullptr, false);
   ASSERT_TRUE(personal.is_array() && personal.size() == 3u) << again.stdoutText();
@@ -174,9 +176,9 @@ TEST_F(SearchProcessTest, InteractiveSearchAnswersEveryKeystrokeInARawTerminal) 
   const std::string socket = (dir / "vorlend.sock").string();
   // Everything the child needs is made before the fork: only exec may follow it in a threaded process.
   const std::string refserver = server.baseURL();
-  const char* argv[] = {program.c_str(), "--socket",      socket.c_str(), "--id",        "com.example.person",
-                        "--agent",       "Voyant/5.0",    "search",       "--interactive", "--refserver",
-                        refserver.c_str(), nullptr};
+  const char* argv[] = {program.c_str(),      "--socket",    socket.c_str(),    "--id",
+                        "com.example.person", "--agent",     "Voyant/5.0",      "search",
+                        "--interactive",      "--refserver", refserver.c_str(), nullptr};
   const std::string home = "HOME=" + dir.path().string();
   const char* envp[] = {home.c_str(), "TERM=dumb", nullptr};
   int terminal = -1;
@@ -204,7 +206,9 @@ TEST_F(SearchProcessTest, InteractiveSearchAnswersEveryKeystrokeInARawTerminal) 
     }
     return transcript.find(text) != std::string::npos;
   };
-  auto type = [&](const std::string& keys) { ASSERT_EQ(::write(terminal, keys.data(), keys.size()), ssize_t(keys.size())); };
+  auto type = [&](const std::string& keys) {
+    ASSERT_EQ(::write(terminal, keys.data(), keys.size()), ssize_t(keys.size()));
+  };
 
   ASSERT_TRUE(waitFor("type to search")) << transcript;
   type("ne");

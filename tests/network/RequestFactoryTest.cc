@@ -466,7 +466,8 @@ TEST_F(RequestFactoryTest, BagFetchAndBagCacheRequestsDifferOnlyInKeyHeadersAndA
   // So does a preference that another process changes.
   Preferences other(assembly->userDefaults->path().parent_path(), assembly->userDefaults->domain());
   other.set("VORDebugParameters", "dbg=2");
-  EXPECT_NE(factory->bagCacheRequest(controller, agent, std::string("12"))->url.find("dbg=2"), std::string::npos);
+  EXPECT_NE(factory->bagCacheRequest(controller, agent, std::string("12"))->url.find("dbg=2"),
+            std::string::npos);
 
   auto bad = UrlOnlyBagController("/relative/bag");
   EXPECT_FALSE(factory->bagFetchRequest(bad, agent, std::nullopt));

@@ -5,9 +5,9 @@
 #include <thread>
 
 #include "base/Counters.h"
+#include "model/Constants.h"
 #include "model/QXResultSection.h"
 #include "model/QXSearchResult.h"
-#include "model/Constants.h"
 #include "model/VORRequest.h"
 #include "network/BagController.h"
 #include "service/ClientState.h"
@@ -64,7 +64,8 @@ TEST_F(ClientConnectionTest, ConfigureRepliesWithEndpointThenSendsTheBagOutcome)
 // its own thread while the client is still being answered.
 class FetchWhileAnsweringBagController final : public BagController {
  public:
-  explicit FetchWhileAnsweringBagController(std::shared_ptr<NotificationCenter> center) : center_(std::move(center)) {}
+  explicit FetchWhileAnsweringBagController(std::shared_ptr<NotificationCenter> center)
+      : center_(std::move(center)) {}
   ~FetchWhileAnsweringBagController() override { finish(); }
   void finish() {
     if (fetcher_.joinable()) fetcher_.join();

@@ -409,7 +409,8 @@ struct RefServer::Impl {
       handleSearch(req, res, [&](const std::string& q, const SearchControl& c) {
         if (zkw) return SearchCorpus::zeroKeyword(c.maxAge, baseURL());
         if (lookup) return SearchCorpus::lookup(q, baseURL());
-        return SearchCorpus::search(q, c.maxAge, baseURL(), SearchCorpus::splitLocalCompletions(req.get_param_value("lc")));
+        return SearchCorpus::search(q, c.maxAge, baseURL(),
+                                    SearchCorpus::splitLocalCompletions(req.get_param_value("lc")));
       });
     });
     server.Get("/more", [this](const httplib::Request& req, httplib::Response& res) {

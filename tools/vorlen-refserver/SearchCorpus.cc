@@ -122,11 +122,13 @@ Json SearchCorpus::search(std::string_view typed, int maxAge, const std::string&
   std::vector<std::string> local;
   for (const std::string& c : localCompletions) {
     const std::string l = lower(c);
-    if (l.compare(0, p.size(), p) == 0 && std::find(local.begin(), local.end(), l) == local.end()) local.push_back(l);
+    if (l.compare(0, p.size(), p) == 0 && std::find(local.begin(), local.end(), l) == local.end())
+      local.push_back(l);
   }
   const std::vector<Entry> found = completions(typed);
   Json suggestions = Json::array();
-  for (const std::string& l : local) suggestions.push_back(Json{{"suggestion", l}, {"score", 1.0}, {"local", true}});
+  for (const std::string& l : local)
+    suggestions.push_back(Json{{"suggestion", l}, {"score", 1.0}, {"local", true}});
   for (const Entry& e : found) {
     if (std::find(local.begin(), local.end(), e.query) == local.end())
       suggestions.push_back(Json{{"suggestion", e.query}, {"score", e.score}});

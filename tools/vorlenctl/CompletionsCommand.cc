@@ -32,7 +32,8 @@ bool CompletionsCommand::usable(ExitCode* code) {
     return false;
   }
   if (!cache_->isOpen()) {
-    *code = out_.error(ExitCode::Failed, "cannot open the completion history " + cache_->databasePath().string());
+    *code =
+        out_.error(ExitCode::Failed, "cannot open the completion history " + cache_->databasePath().string());
     return false;
   }
   return true;
@@ -44,9 +45,14 @@ ExitCode CompletionsCommand::add(const std::string& completion, const std::strin
   if (!usable(&code)) return code;
   if (completion.empty()) return out_.error(ExitCode::Usage, "the completion must not be empty");
   if (!cache_->addCompletion(completion, input, origin, client))
-    return out_.error(ExitCode::Failed, "the engagement could not be stored in " + cache_->databasePath().string());
-  out_.line(fmt::format("recorded \"{}\" for input \"{}\" (client {}, origin {})", completion, input, client, origin));
-  out_.document({{"completion", completion}, {"input", input}, {"client", client}, {"origin", origin},
+    return out_.error(ExitCode::Failed,
+                      "the engagement could not be stored in " + cache_->databasePath().string());
+  out_.line(fmt::format("recorded \"{}\" for input \"{}\" (client {}, origin {})", completion, input, client,
+                        origin));
+  out_.document({{"completion", completion},
+                 {"input", input},
+                 {"client", client},
+                 {"origin", origin},
                  {"database", cache_->databasePath().string()}});
   return ExitCode::Ok;
 }
@@ -60,7 +66,8 @@ ExitCode CompletionsCommand::lookup(const std::string& input, int64_t client) {
     out_.document({{"input", input}, {"client", client}, {"completion", nullptr}});
     return ExitCode::Ok;
   }
-  out_.line(fmt::format("\"{}\" -> \"{}\" score {:.6f} type {}", input, found->suggestion, found->score, found->type));
+  out_.line(fmt::format("\"{}\" -> \"{}\" score {:.6f} type {}", input, found->suggestion, found->score,
+                        found->type));
   out_.document({{"input", input},
                  {"client", client},
                  {"completion", found->suggestion},

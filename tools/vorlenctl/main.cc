@@ -87,7 +87,8 @@ int run(int argc, char** argv) {
   cAdd->add_option("--input", inputText, "what had been typed (default: nothing)");
   cAdd->add_option("--origin", origin, "1 the service's suggestion, 2 a result's title, 3 system search")
       ->check(CLI::Range(0, 1000));
-  auto* cLookup = completions->add_subcommand("lookup", "the local completion a search for INPUT would carry");
+  auto* cLookup =
+      completions->add_subcommand("lookup", "the local completion a search for INPUT would carry");
   cLookup->add_option("INPUT", inputText)->required();
   for (auto* sub : {cAdd, cLookup}) {
     sub->add_option("--client", clientName, "whose history: browser, search or unspecified")
