@@ -111,11 +111,18 @@ struct VORNetworkRequestFactory::Impl {
     locationManager->startUpdatingLocation(self);
   }
 
-  // Every query request ends with its time-out.
-  static HttpRequest emit(const VorlenURLRequestBuilder& b, double timeout) {
-    HttpRequest request = b.createMutableUrlRequest();
-    request.timeoutSeconds = timeout;
-    return request;
+  // Fills a query request on the context queue, with the debug items read afresh, and gives it its
+  // time-out.
+  template <class Fill>
+  std::optional<HttpRequest> compose(VorlenURLRequestBuilder& b, double timeout, Fill&& fill) {
+    std::optional<HttpRequest> out;
+    _contextAccessQueue->sync([&] {
+      _refreshDebugParameters();
+      fill(context, b);
+      out = b.createMutableUrlRequest();
+      out->timeoutSeconds = timeout;
+    });
+    return out;
   }
 };
 
@@ -409,11 +416,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocationIfNeeded(bag, shared_from_this());
-  std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
-    VorlenURLRequestBuilder& b = *builder;
+  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.queryString);
     switch (query.triggerEvent) {
       case 8:
@@ -463,9 +466,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
     c._addHttpRequestUIScale(b, query.scale);
     c._addHttpMapsEnvironmentName(b, bag);
     c._addHttpRequestMapsSessionId(b);
-    out = Impl::emit(b, client.requestTimeout);
-  });
-  return out;
+  };
+  return d.compose(*builder, client.requestTimeout, fill);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VORZeroKeywordRequest& query,
@@ -476,11 +478,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VO
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocationIfNeeded(bag, shared_from_this());
-  std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
-    VorlenURLRequestBuilder& b = *builder;
+  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("qtype", "zkw");
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
@@ -508,9 +506,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VO
     c._addHttpRequestUIScale(b, query.scale);
     c._addHttpMapsEnvironmentName(b, bag);
     c._addHttpRequestMapsSessionId(b);
-    out = Impl::emit(b, client.requestTimeout);
-  });
-  return out;
+  };
+  return d.compose(*builder, client.requestTimeout, fill);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VORMoreResultsRequest& query,
@@ -522,11 +519,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VO
   if (!builder) return std::nullopt;
   // A URL that already carries a position needs none of ours.
   if (!builder->containsQueryItemWithName("latlng")) d._startLocationIfNeeded(bag, shared_from_this());
-  std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
-    VorlenURLRequestBuilder& b = *builder;
+  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
     if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
@@ -543,9 +536,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VO
     c._addHttpRequestUserGuid(b, userGuid);
     c._addHttpRequestUserAgent(b, client.userAgent);
     c._addHttpRequestUIScale(b, query.scale);
-    out = Impl::emit(b, client.requestTimeout);
-  });
-  return out;
+  };
+  return d.compose(*builder, client.requestTimeout, fill);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRequest& query, const VORBag& bag,
@@ -553,11 +545,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRe
   Impl& d = *impl_;
   auto builder = builderFor(bag.cardURL(), "card");
   if (!builder) return std::nullopt;
-  std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
-    VorlenURLRequestBuilder& b = *builder;
+  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
     c._addSecretKeyQueryItem(b);
@@ -576,9 +564,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRe
     c._addHttpRequestMapsSessionId(b);
     c._addHttpMapsEnvironmentName(b, bag);
     c._addHttpRequestSubscriptionInfo(b);
-    out = Impl::emit(b, client.requestTimeout);
-  });
-  return out;
+  };
+  return d.compose(*builder, client.requestTimeout, fill);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLookupRequest& query, const VORBag& bag,
@@ -588,11 +575,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLook
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocationIfNeeded(bag, shared_from_this());
-  std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
-    VorlenURLRequestBuilder& b = *builder;
+  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.queryString);
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
@@ -618,9 +601,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLook
     c._addHttpRequestUIScale(b, query.scale);
     c._addHttpAppWhitelistSignature(b);
     c._addHttpRequestMapsSessionId(b);
-    out = Impl::emit(b, client.requestTimeout);
-  });
-  return out;
+  };
+  return d.compose(*builder, client.requestTimeout, fill);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const VORFlightSearchRequest& query,
@@ -631,11 +613,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const V
   if (!builder) return std::nullopt;
   d._startLocationIfNeeded(bag, shared_from_this());
   const double now = toUnixSeconds(d.clock->now());
-  std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
-    VorlenURLRequestBuilder& b = *builder;
+  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.flightQuery);
     b.forceQueryItemWithName("timestamp", fmt::format("{}", now));
     b.forceQueryItemsFromArray(queryItemsOf(query));
@@ -655,9 +633,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const V
     c._addHttpAppWhitelistSignature(b);
     c._addHttpRequestMapsSessionId(b);
     c._forceProtobuf(b);
-    out = Impl::emit(b, client.requestTimeout);
-  });
-  return out;
+  };
+  return d.compose(*builder, client.requestTimeout, fill);
 }
 
 // ---- Other requests ----------------------------------------------------------------------------------------

@@ -216,11 +216,30 @@ void ClientState::_recordFeedback(QXFeedback feedback, const VORRequest& request
                                             userAgent().value_or(""), request.clientQueryId));
 }
 
-void ClientState::_replyBagFailure(const VORRequest& request, std::string_view logText, bool recordSkip,
-                                   const QueryReply& reply) {
-  searchLog().error("{}", logText);
-  if (reply) reply(request.queryId, std::nullopt, VORError::make(1, "timeout"));
-  if (recordSkip) _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagFetchFailed, request.queryString), request);
+std::optional<VORBag> ClientState::_enabledBag(const VORRequest& request, std::string_view failureText,
+                                               const Logger& log, std::string_view disabledText,
+                                               const QueryReply& reply) {
+  if (!_ensureBag()) {
+    searchLog().error("{}", failureText);
+    if (reply) reply(request.queryId, std::nullopt, VORError::make(1, "timeout"));
+    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagFetchFailed, request.queryString), request);
+    return std::nullopt;
+  }
+  std::optional<VORBag> held = bag();
+  if (!held->isEnabled()) {
+    log.debug("{}", disabledText);
+    if (reply) reply(request.queryId, std::nullopt, std::nullopt);
+    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request.queryString), request);
+    return std::nullopt;
+  }
+  return held;
+}
+
+void ClientState::_applyRenderDeadline(HttpRequest& http, const VORBag& bag) {
+  // The answer is due by the bag's render deadline: a slower answer ends as a time-out error.
+  if (double deadline = bag.searchRenderTimeout(); deadline > 0) {
+    http.timeoutSeconds = std::min(http.timeoutSeconds.value_or(deadline), deadline);
+  }
 }
 
 VORRequestClient ClientState::_requestClient() const {
@@ -279,19 +298,11 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
   searchLog().info("session {} performing query[{}] {}, reply {}", identifier_, request->queryId,
                    request->queryString, describeReply(reply));
   if (!clientShortName().empty()) _countForClient("keystrokes");
-  if (!_ensureBag()) {
-    _replyBagFailure(*request,
-                     fmt::format("Bag fetch failed, can't complete non-cached query {}.", request->queryString), true,
-                     reply);
-    return;
-  }
-  const VORBag bag = *this->bag();
-  if (!bag.isEnabled()) {
-    searchLog().debug("no search, bag disabled");
-    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
-    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request->queryString), *request);
-    return;
-  }
+  const std::optional<VORBag> enabled = _enabledBag(
+      *request, fmt::format("Bag fetch failed, can't complete non-cached query {}.", request->queryString),
+      searchLog(), "no search, bag disabled", reply);
+  if (!enabled) return;
+  const VORBag& bag = *enabled;
   const uint64_t minimum = bag.minimumQueryLength();
   if (characterCount(request->queryString) < minimum) {
     searchLog().debug("query[{}] input '{}' less than {}", request->queryId, request->queryString, minimum);
@@ -362,7 +373,6 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
       fmt::format("Got network response for (id, query): ({}, {})", request->queryId, request->queryString);
   network->cacheInput = request->queryString;
   network->invalidResponseCode = 500;
-  _recordFeedback(network->start, *request);
   searchLog().debug("Dispatching network request for (id, query): ({}, {})", request->queryId,
                     request->queryString);
   _sendNetworkQuery(network, std::move(reply));
@@ -374,6 +384,7 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
 // ---- the network path shared by every kind
 
 void ClientState::_sendNetworkQuery(std::shared_ptr<NetworkQuery> query, QueryReply reply) {
+  _recordFeedback(query->start, *query->request);
   auto sessions = assembly_->httpSessions;
   auto session = sessions ? sessions->urlSession() : nullptr;
   if (!session) {
@@ -521,17 +532,10 @@ void ClientState::_forceFetchBagIfAsked(const HttpResponse& response) {
 void ClientState::zeroKeyword(std::shared_ptr<const VORZeroKeywordRequest> request, QueryReply reply) {
   const Logger& log = VorlenLogForCategory(VorlenLogCategoryZeroKeyword);
   log.info("session {} performing zkw query, reply {}", identifier_, describeReply(reply));
-  if (!_ensureBag()) {
-    _replyBagFailure(*request, "Bag fetch failed, can't complete non-cached zkw query.", true, reply);
-    return;
-  }
-  const VORBag bag = *this->bag();
-  if (!bag.isEnabled()) {
-    log.debug("no zkw, bag disabled");
-    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
-    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request->queryString), *request);
-    return;
-  }
+  const std::optional<VORBag> enabled = _enabledBag(
+      *request, "Bag fetch failed, can't complete non-cached zkw query.", log, "no zkw, bag disabled", reply);
+  if (!enabled) return;
+  const VORBag& bag = *enabled;
   auto factory = assembly_->requestFactory;
   auto http = factory ? factory->zeroKeywordRequest(*request, bag, _currentUserGUID(), _requestClient(), _fieldMask())
                       : std::nullopt;
@@ -547,7 +551,6 @@ void ClientState::zeroKeyword(std::shared_ptr<const VORZeroKeywordRequest> reque
   network->http = std::move(*http);
   network->log = &log;
   network->gotResponseText = "Got network response for zkw query";
-  _recordFeedback(network->start, *request);
   _sendNetworkQuery(network, std::move(reply));
   _markNetworkRequest();
 }
@@ -582,7 +585,6 @@ void ClientState::moreResults(std::shared_ptr<const VORMoreResultsRequest> reque
   network->retryable = true;
   network->statusFailureFormat = "More results fetch failed with HTTP status code {} error {}";
   network->requireJsonObject = true;
-  _recordFeedback(network->start, *request);
   _sendNetworkQuery(network, std::move(reply));
   _markNetworkRequest();
 }
@@ -609,7 +611,6 @@ void ClientState::card(std::shared_ptr<const VORCardRequest> request, QueryReply
   network->gotResponseText = "Got network response for card query";
   network->statusFailureFormat = "Card fetch failed with HTTP status code {} error {}";
   network->requireJsonObject = true;
-  _recordFeedback(network->start, *request);
   _sendNetworkQuery(network, std::move(reply));
   _markNetworkRequest();
 }
@@ -617,17 +618,11 @@ void ClientState::card(std::shared_ptr<const VORCardRequest> request, QueryReply
 void ClientState::lookup(std::shared_ptr<const VORLookupRequest> request, QueryReply reply) {
   const Logger& log = VorlenLogForCategory(VorlenLogCategoryLookUp);
   log.info("session {} performing lookup query, reply {}", identifier_, describeReply(reply));
-  if (!_ensureBag()) {
-    _replyBagFailure(*request, "Bag fetch failed, can't complete non-cached lookup query.", true, reply);
-    return;
-  }
-  const VORBag bag = *this->bag();
-  if (!bag.isEnabled()) {
-    log.debug("no lookup, bag disabled");
-    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
-    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request->queryString), *request);
-    return;
-  }
+  const std::optional<VORBag> enabled =
+      _enabledBag(*request, "Bag fetch failed, can't complete non-cached lookup query.", log,
+                  "no lookup, bag disabled", reply);
+  if (!enabled) return;
+  const VORBag& bag = *enabled;
   log.debug("Dispatching network request for lookup query");
   auto factory = assembly_->requestFactory;
   auto http = factory ? factory->lookupRequest(*request, bag, _currentUserGUID(), _requestClient()) : std::nullopt;
@@ -636,10 +631,7 @@ void ClientState::lookup(std::shared_ptr<const VORLookupRequest> request, QueryR
     if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no search URL"));
     return;
   }
-  // The answer is due by the bag's render deadline: a slower answer ends as a time-out error.
-  if (double deadline = bag.searchRenderTimeout(); deadline > 0) {
-    http->timeoutSeconds = std::min(http->timeoutSeconds.value_or(deadline), deadline);
-  }
+  _applyRenderDeadline(*http, bag);
   auto network = std::make_shared<NetworkQuery>();
   network->request = request;
   network->start = QXFeedbackFactory::lookupStartNetworkSearch(request->queryString, http->url, http->headers,
@@ -648,7 +640,6 @@ void ClientState::lookup(std::shared_ptr<const VORLookupRequest> request, QueryR
   network->http = std::move(*http);
   network->log = &log;
   network->gotResponseText = "Got network response for lookup query";
-  _recordFeedback(network->start, *request);
   _sendNetworkQuery(network, std::move(reply));
   _setPerformedSearch();
   _markNetworkRequest();
@@ -660,17 +651,11 @@ void ClientState::flightSearch(std::shared_ptr<const VORFlightSearchRequest> req
     _debugFlightSearch(*request, reply);
     return;
   }
-  if (!_ensureBag()) {
-    _replyBagFailure(*request, "Bag fetch failed, can't complete flight query.", true, reply);
-    return;
-  }
-  const VORBag bag = *this->bag();
-  if (!bag.isEnabled()) {
-    flightLog().debug("no flights, bag disabled");
-    if (reply) reply(request->queryId, std::nullopt, std::nullopt);
-    _recordFeedback(QXFeedbackFactory::skipSearch(kSkipBagDisabled, request->queryString), *request);
-    return;
-  }
+  const std::optional<VORBag> enabled =
+      _enabledBag(*request, "Bag fetch failed, can't complete flight query.", flightLog(),
+                  "no flights, bag disabled", reply);
+  if (!enabled) return;
+  const VORBag& bag = *enabled;
   flightLog().debug("Dispatching network request for flight query");
   auto factory = assembly_->requestFactory;
   auto http =
@@ -680,9 +665,7 @@ void ClientState::flightSearch(std::shared_ptr<const VORFlightSearchRequest> req
     if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no flight URL"));
     return;
   }
-  if (double deadline = bag.searchRenderTimeout(); deadline > 0) {
-    http->timeoutSeconds = std::min(http->timeoutSeconds.value_or(deadline), deadline);
-  }
+  _applyRenderDeadline(*http, bag);
   auto network = std::make_shared<NetworkQuery>();
   network->request = request;
   network->start = QXFeedbackFactory::startNetworkSearch(request->flightQuery, http->url, http->headers,
@@ -690,7 +673,6 @@ void ClientState::flightSearch(std::shared_ptr<const VORFlightSearchRequest> req
   network->http = std::move(*http);
   network->log = &flightLog();
   network->gotResponseText = "Got network response for flight query";
-  _recordFeedback(network->start, *request);
   _sendNetworkQuery(network, std::move(reply));
   _setPerformedSearch();
   _markNetworkRequest();
@@ -718,41 +700,39 @@ std::optional<nlohmann::json> ClientState::_loadFlightDebugData() const {
   return parsed;
 }
 
-void ClientState::_debugFlightSearch(const VORFlightSearchRequest& request, const QueryReply& reply) {
+void ClientState::_replyWithFlightEntries(const VORRequest& request, const QueryReply& reply,
+                                          const std::function<bool(const nlohmann::json&)>& matches) {
   auto entries = _loadFlightDebugData();
   if (!entries) {
     if (reply) reply(request.queryId, std::nullopt, VORError::make(500, "no flight debug data"));
     return;
   }
-  // "VL-123": carrier code first, flight number second. Any other shape matches nothing.
   nlohmann::json matched = nlohmann::json::array();
-  const size_t dash = request.flightQuery.find('-');
-  if (dash != std::string::npos && request.flightQuery.find('-', dash + 1) == std::string::npos) {
-    const std::string carrier = request.flightQuery.substr(0, dash);
-    const std::string number = request.flightQuery.substr(dash + 1);
-    for (const auto& entry : *entries) {
-      if (entry.is_object() && entry.value("carrier_code", "") == carrier && entry.value("flight_number", "") == number)
-        matched.push_back(entry);
-    }
+  for (const auto& entry : *entries) {
+    if (entry.is_object() && matches(entry)) matched.push_back(entry);
   }
   const std::string text = matched.dump();
   VORReply answer = _makeReply(request, nullptr, nullptr, std::vector<uint8_t>(text.begin(), text.end()), false);
   if (reply) reply(request.queryId, std::move(answer), std::nullopt);
 }
 
+void ClientState::_debugFlightSearch(const VORFlightSearchRequest& request, const QueryReply& reply) {
+  // "VL-123": carrier code first, flight number second. Any other shape matches nothing.
+  const size_t dash = request.flightQuery.find('-');
+  const bool twoParts =
+      dash != std::string::npos && request.flightQuery.find('-', dash + 1) == std::string::npos;
+  const std::string carrier = twoParts ? request.flightQuery.substr(0, dash) : "";
+  const std::string number = twoParts ? request.flightQuery.substr(dash + 1) : "";
+  _replyWithFlightEntries(request, reply, [&](const nlohmann::json& entry) {
+    return twoParts && entry.value("carrier_code", "") == carrier &&
+           entry.value("flight_number", "") == number;
+  });
+}
+
 void ClientState::flightLookup(std::shared_ptr<const VORFlightLookupRequest> request, QueryReply reply) {
-  auto entries = _loadFlightDebugData();
-  if (!entries) {
-    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no flight debug data"));
-    return;
-  }
-  nlohmann::json matched = nlohmann::json::array();
-  for (const auto& entry : *entries) {
-    if (entry.is_object() && entry.value("flightId", "") == request->flightId) matched.push_back(entry);
-  }
-  const std::string text = matched.dump();
-  VORReply answer = _makeReply(*request, nullptr, nullptr, std::vector<uint8_t>(text.begin(), text.end()), false);
-  if (reply) reply(request->queryId, std::move(answer), std::nullopt);
+  _replyWithFlightEntries(*request, reply, [&](const nlohmann::json& entry) {
+    return entry.value("flightId", "") == request->flightId;
+  });
 }
 
 void ClientState::warm() {

@@ -38,6 +38,7 @@
 namespace vorlen {
 
 class Assembly;
+class Logger;
 class ClientSessionManagerProtocol;
 class QXFeedback;
 class QueryCache;
@@ -90,15 +91,21 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // True when a usable bag is held: the bag controller's installed bag, seen with this client's agent.
   // Never waits: with no bag installed a fetch starts in the background and this answers false.
   bool _ensureBag();
-  // The no-bag answer of the query kinds: the time-out error, and a skip event where the kind records one.
-  void _replyBagFailure(const VORRequest& request, std::string_view logText, bool recordSkip,
-                        const QueryReply& reply);
+  // The bag a query kind may use. Without one it answers for the kind and returns nothing: with no bag
+  // held, the time-out error (logged as `failureText`); with the service disabled by the bag, an empty
+  // answer (`disabledText` on `log`, debug level). Either way a skip event is recorded.
+  std::optional<VORBag> _enabledBag(const VORRequest& request, std::string_view failureText,
+                                    const Logger& log, std::string_view disabledText,
+                                    const QueryReply& reply);
+  // Look-up and flight answers are due by the bag's render deadline: a slower one ends as a time-out.
+  static void _applyRenderDeadline(HttpRequest& http, const VORBag& bag);
   void _recordFeedback(QXFeedback feedback, const VORRequest& request, std::optional<Uuid> userGuid = std::nullopt);
   void _countForClient(std::string_view suffix) const;
 
   // What one network query needs beyond its HTTP request.
   struct NetworkQuery;
-  // Sends `query` on the query session and replies from its answer (on the session's queue).
+  // Records the query's start event, then sends it on the query session and replies from its answer (on
+  // the session's queue).
   void _sendNetworkQuery(std::shared_ptr<NetworkQuery> query, QueryReply reply);
   void _handleNetworkAnswer(const NetworkQuery& query, const std::vector<uint8_t>& data,
                             const std::optional<HttpResponse>& response, const std::optional<HttpError>& error,
@@ -123,6 +130,9 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // Flight debug data: the entries of the preference-named JSON file, or nothing after a log line.
   std::optional<nlohmann::json> _loadFlightDebugData() const;
   void _debugFlightSearch(const VORFlightSearchRequest& request, const QueryReply& reply);
+  // Answers `request` with the debug entries that `matches` accepts, as a JSON array.
+  void _replyWithFlightEntries(const VORRequest& request, const QueryReply& reply,
+                               const std::function<bool(const nlohmann::json&)>& matches);
 
   const std::string identifier_;
   const std::shared_ptr<Assembly> assembly_;
