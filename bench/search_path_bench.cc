@@ -179,6 +179,25 @@ bool searchOnce(VorlenClient& client, const VORSearchRequest& request, std::stri
   return true;
 }
 
+// One search per benchmark iteration, each made by `next()`, timed from the caller's side; the first that
+// fails ends the run with its reason.
+template <class Next>
+std::vector<double> timeSearches(benchmark::State& state, VorlenClient& client, Next next) {
+  std::vector<double> micros;
+  std::string why;
+  for (auto _ : state) {
+    VORSearchRequest r = next();
+    auto start = std::chrono::steady_clock::now();
+    bool ok = searchOnce(client, r, &why);
+    micros.push_back(Micros(std::chrono::steady_clock::now() - start).count());
+    if (!ok) {
+      state.SkipWithError(why.c_str());
+      break;
+    }
+  }
+  return micros;
+}
+
 // Payload sizes, as the transport writes them, of a search call and of its reply.
 size_t callPayloadSize(const VORSearchRequest& request) {
   IpcMessage call = IpcMessage::call("request:reply:", {request.toRecord()});
@@ -227,17 +246,7 @@ void BM_SearchCacheHit(benchmark::State& state) {
   gHitReplyBytes = replyBytes;
 
   const size_t networkBefore = stack.server.requestCount("/search");
-  std::vector<double> micros;
-  for (auto _ : state) {
-    VORSearchRequest r = searchRequest(++queryId, "new");
-    auto start = std::chrono::steady_clock::now();
-    bool ok = searchOnce(*client, r, &why);
-    micros.push_back(Micros(std::chrono::steady_clock::now() - start).count());
-    if (!ok) {
-      state.SkipWithError(why.c_str());
-      break;
-    }
-  }
+  std::vector<double> micros = timeSearches(state, *client, [&] { return searchRequest(++queryId, "new"); });
   if (stack.server.requestCount("/search") != networkBefore) state.SkipWithError("a search missed the cache");
   reportLatencies(state, micros);
   state.counters["call_bytes"] = double(4 + callBytes);
@@ -426,19 +435,11 @@ void BM_SearchNetwork(benchmark::State& state) {
   // The first search opens the connection to the service; it is not measured.
   ++queryId;
   if (!searchOnce(*client, uncachedSearch(queryId, queryId), &why)) return state.SkipWithError(why.c_str());
-  std::vector<double> micros;
   size_t before = stack.server.requestCount("/search");
-  for (auto _ : state) {
+  std::vector<double> micros = timeSearches(state, *client, [&] {
     ++queryId;
-    VORSearchRequest r = uncachedSearch(queryId, queryId);
-    auto start = std::chrono::steady_clock::now();
-    bool ok = searchOnce(*client, r, &why);
-    micros.push_back(Micros(std::chrono::steady_clock::now() - start).count());
-    if (!ok) {
-      state.SkipWithError(why.c_str());
-      break;
-    }
-  }
+    return uncachedSearch(queryId, queryId);
+  });
   if (stack.server.requestCount("/search") != before + micros.size())
     state.SkipWithError("a search did not reach the service");
   reportLatencies(state, micros);

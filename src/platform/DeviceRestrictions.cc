@@ -101,40 +101,29 @@ void FakeDeviceRestrictions::post(const char* name) {
   if (center_) center_->post(name, this);
 }
 
-void FakeDeviceRestrictions::setBookStoreSetting(int value) {
+template <class T>
+void FakeDeviceRestrictions::change(T& field, T value, const char* notification) {
   {
     std::lock_guard lock(mu_);
-    bookStore_ = value;
+    field = value;
   }
-  post(kPlatformEffectiveSettingsDidChangeNotification);
+  post(notification);
+}
+
+void FakeDeviceRestrictions::setBookStoreSetting(int value) {
+  change(bookStore_, value, kPlatformEffectiveSettingsDidChangeNotification);
 }
 void FakeDeviceRestrictions::setMediaStoreAllowed(bool allowed) {
-  {
-    std::lock_guard lock(mu_);
-    mediaStore_ = allowed;
-  }
-  post(kPlatformEffectiveSettingsDidChangeNotification);
+  change(mediaStore_, allowed, kPlatformEffectiveSettingsDidChangeNotification);
 }
 void FakeDeviceRestrictions::setAppInstallationAllowed(bool allowed) {
-  {
-    std::lock_guard lock(mu_);
-    appInstallation_ = allowed;
-  }
-  post(kPlatformEffectiveSettingsDidChangeNotification);
+  change(appInstallation_, allowed, kPlatformEffectiveSettingsDidChangeNotification);
 }
 void FakeDeviceRestrictions::setDiagnosticSubmissionAllowed(bool allowed) {
-  {
-    std::lock_guard lock(mu_);
-    diagnostics_ = allowed;
-  }
-  post(kPlatformEffectiveSettingsDidChangeNotification);
+  change(diagnostics_, allowed, kPlatformEffectiveSettingsDidChangeNotification);
 }
 void FakeDeviceRestrictions::setManagedAccount(bool managed) {
-  {
-    std::lock_guard lock(mu_);
-    managed_ = managed;
-  }
-  post(kPlatformAccountStoreDidChangeNotification);
+  change(managed_, managed, kPlatformAccountStoreDidChangeNotification);
 }
 
 }  // namespace vorlen

@@ -103,6 +103,9 @@ class FakeDeviceRestrictions final : public DeviceRestrictions {
 
  private:
   void post(const char* name);
+  // Sets `field` under the lock, then posts `notification`.
+  template <class T>
+  void change(T& field, T value, const char* notification);
 
   std::shared_ptr<NotificationCenter> center_;
   mutable std::mutex mu_;
