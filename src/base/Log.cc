@@ -72,10 +72,16 @@ std::shared_ptr<LogSink> automaticSink() {
   return std::make_shared<StderrSink>();
 }
 
+bool privateFromEnvironment() {
+  const char* v = std::getenv("VORLEND_LOG_PRIVATE");
+  return v && std::strcmp(v, "1") == 0;
+}
+
 struct LogState {
   std::mutex mu;
   std::shared_ptr<LogSink> sink = automaticSink();
   std::atomic<int> threshold{static_cast<int>(levelFromEnvironment())};
+  std::atomic<bool> privateData{privateFromEnvironment()};
 };
 
 LogState& state() {
@@ -140,6 +146,8 @@ std::shared_ptr<LogSink> Log::setSink(std::shared_ptr<LogSink> sink) {
 
 void Log::setThreshold(LogLevel level) { state().threshold.store(static_cast<int>(level)); }
 LogLevel Log::threshold() { return static_cast<LogLevel>(state().threshold.load()); }
+void Log::setPrivateDataEnabled(bool enabled) { state().privateData.store(enabled, std::memory_order_relaxed); }
+bool Log::privateDataEnabled() { return state().privateData.load(std::memory_order_relaxed); }
 
 void CapturingSink::write(const LogRecord& record) {
   std::lock_guard lock(mu_);

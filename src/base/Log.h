@@ -5,6 +5,11 @@
 // The level threshold comes from VORLEND_LOG_LEVEL (debug|info|default|error|fault; default "info").
 // Formatting is skipped for messages below the threshold, so debug lines cost one comparison.
 //
+// Arguments that carry user data (typed text, queries, completions, request URLs with their items, GUIDs,
+// locations, SQL with bound text) are wrapped in Private(...): they are written as "<private>" unless
+// private logging is on (VORLEND_LOG_PRIVATE=1 in the environment, or Log::setPrivateDataEnabled, which
+// the daemon drives from the preference "VORLogPrivateData"). The fixed text of a message never changes.
+//
 // Threading: every function is safe from any thread.
 #pragma once
 
@@ -108,12 +113,24 @@ const Logger& VorlenLogForCategory(unsigned category);
 // The process's default log (messages that name no category).
 const Logger& VorlenDefaultLog();
 
+// A log argument that carries user data; see the top of this file. Holds a reference: use it only inside
+// the logging call's argument list.
+template <class T>
+struct Private {
+  const T& value;
+};
+template <class T>
+Private(const T&) -> Private<T>;
+
 class Log {
  public:
   // Replaces the sink; returns the previous one. A null sink restores the automatic choice.
   static std::shared_ptr<LogSink> setSink(std::shared_ptr<LogSink> sink);
   static void setThreshold(LogLevel level);
   static LogLevel threshold();
+  // Whether Private(...) arguments are written as they are. Off unless VORLEND_LOG_PRIVATE=1.
+  static void setPrivateDataEnabled(bool enabled);
+  static bool privateDataEnabled();
 };
 
 // Installs a CapturingSink (and debug threshold) for the lifetime of the object; for tests.
@@ -136,3 +153,12 @@ class Preferences;
 void VORTracingSetup(const Preferences& defaults);
 
 }  // namespace vorlen
+
+template <class T>
+struct fmt::formatter<vorlen::Private<T>> : fmt::formatter<std::string_view> {
+  template <class Context>
+  auto format(const vorlen::Private<T>& p, Context& ctx) const -> decltype(ctx.out()) {
+    if (vorlen::Log::privateDataEnabled()) return fmt::format_to(ctx.out(), "{}", p.value);
+    return fmt::formatter<std::string_view>::format(std::string_view("<private>"), ctx);
+  }
+};

@@ -40,6 +40,19 @@ TEST(LogTest, ThresholdDropsLowerLevelsWithoutFormatting) {
   EXPECT_TRUE(capture.sink().contains(LogLevel::Fault, "", "kept"));
 }
 
+TEST(LogTest, PrivateArgumentsAreHiddenUnlessPrivateLoggingIsOn) {
+  ScopedLogCapture capture;
+  const bool before = Log::privateDataEnabled();
+  std::string typed = "new york";
+  Log::setPrivateDataEnabled(false);
+  VorlenDefaultLog().info("query {} id {}", Private(typed), 7);
+  Log::setPrivateDataEnabled(true);
+  VorlenDefaultLog().info("query {} id {}", Private(typed), 7);
+  Log::setPrivateDataEnabled(before);
+  EXPECT_TRUE(capture.sink().contains("query <private> id 7"));
+  EXPECT_TRUE(capture.sink().contains("query new york id 7"));
+}
+
 TEST(LogTest, TracingSetupLogsTheFlag) {
   test::TempDir dir;
   Preferences prefs(dir.path(), "com.velmo.vorlend");
