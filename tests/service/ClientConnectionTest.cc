@@ -213,11 +213,14 @@ TEST_F(ClientConnectionTest, OnlyTheNewestSearchIsAnswered) {
   ASSERT_TRUE(answered);
   EXPECT_TRUE(errorOf(answered->at(2)));
 
-  // Every accepted search left its skip event, with the query ids the connection was given.
-  auto events = sessions->feedbacks();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].feedback.className(), "VORSkipSearchFeedback");
-  EXPECT_EQ(events[0].queryId, 5);
+  // Every accepted search left its skip event, with the query ids the connection was given (the card,
+  // unsendable without a bag, left a failed search of its own).
+  std::vector<VorlenFeedback> skips;
+  for (const auto& e : sessions->feedbacks()) {
+    if (e.feedback.className() == "VORSkipSearchFeedback") skips.push_back(e);
+  }
+  ASSERT_EQ(skips.size(), 1u);
+  EXPECT_EQ(skips[0].queryId, 5);
 }
 
 TEST_F(ClientConnectionTest, RequestsTheDaemonDoesNotServeAreNeverAnswered) {
