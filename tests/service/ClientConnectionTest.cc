@@ -32,17 +32,29 @@ Value searchRequest(uint64_t queryId, std::string text) {
 }
 
 TEST_F(ClientConnectionTest, ConfigureSendsTheBagOutcomeThenRepliesWithTheEndpoint) {
+  // Calls and replies are served on the client's queue in the order they arrived: `arrivals` is the
+  // order on the wire.
   auto calls = std::make_shared<test::Inbox<IpcMessage>>();
-  auto c = connect(calls);
-  auto reply = call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")});
-  ASSERT_TRUE(reply);
-  auto endpoint = IpcEndpoint::fromValue(reply->at(0));
+  auto arrivals = std::make_shared<test::Inbox<std::string>>();
+  auto c = connect();
+  c->setCallHandler([calls, arrivals](const IpcMessage& m, IpcReplier) {
+    arrivals->put(m.op());
+    calls->put(m);
+  });
+  auto replies = std::make_shared<test::Inbox<Value::Array>>();
+  ASSERT_TRUE(c->call("configure:reply:", {configuration("com.example.browser", "Browser/3.1")},
+                      [replies, arrivals](const IpcMessage& m) {
+                        arrivals->put("reply");
+                        replies->put(m.args());
+                      }));
+  ASSERT_TRUE(replies->waitFor(1));
+  auto endpoint = IpcEndpoint::fromValue(replies->items()[0].at(0));
   ASSERT_TRUE(endpoint);
   EXPECT_EQ(endpoint, assembly->clientStateManager->endpoint());
 
-  // No bag can be had in this object graph: the client heard the time-out error, before the reply (both
-  // are served on the client's queue in the order they arrived).
-  ASSERT_EQ(calls->size(), 1u);
+  // No bag can be had in this object graph: the client heard the time-out error, before the reply.
+  ASSERT_TRUE(arrivals->waitFor(2));
+  EXPECT_EQ(arrivals->items(), (std::vector<std::string>{"bagDidLoad:error:", "reply"}));
   IpcMessage bagCall = calls->items()[0];
   EXPECT_EQ(bagCall.op(), "bagDidLoad:error:");
   EXPECT_TRUE(bagCall.arg(0).isNull());
