@@ -12,6 +12,7 @@ namespace {
 
 // Look-up texts are short; a longer one says nothing more about its language and costs time.
 constexpr size_t kMaxDetectedBytes = 4096;
+constexpr size_t kScanPadding = 16;
 
 // True when the text has a break between words (a blank, a tab, a line break, a no-break or an
 // ideographic space). The detector is never sure of a single word, and asking it costs the same fixed
@@ -31,9 +32,12 @@ std::optional<std::string> LanguageIdentifier::languageOfText(std::string_view t
     while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
     text = text.substr(0, cut);
   }
+  // The detector's scanner may look a few bytes past the end it is given: it reads a padded copy.
+  std::string padded(text);
+  padded.append(kScanPadding, '\0');
   bool reliable = false;
   int validPrefix = 0;
-  CLD2::Language language = CLD2::DetectLanguageCheckUTF8(text.data(), static_cast<int>(text.size()),
+  CLD2::Language language = CLD2::DetectLanguageCheckUTF8(padded.data(), static_cast<int>(text.size()),
                                                           /*is_plain_text=*/true, &reliable, &validPrefix);
   if (!reliable || language == CLD2::UNKNOWN_LANGUAGE) return std::nullopt;
   return requestLanguageCode(CLD2::LanguageCode(language));
