@@ -11,6 +11,7 @@
 #include "model/Constants.h"
 #include "network/LocationManager.h"
 #include "network/VORNetworkRequestFactory.h"
+#include "network/VORRequestContext.h"
 #include "platform/Assembly.h"
 #include "platform/LocationProvider.h"
 
@@ -80,6 +81,38 @@ void BM_SearchRequest(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_SearchRequest)->Unit(benchmark::kMicrosecond)->Repetitions(9)->ReportAggregatesOnly(true);
+
+// The language of a query ("qlang"): the identifier for short texts, then the script rule. Texts a user
+// types: a sentence the identifier is sure of, and a single word it is not (the script rule then answers).
+void BM_QueryLanguage(benchmark::State& state) {
+  static const std::string texts[] = {"wie spät ist es heute abend in berlin", "weather", "東京タワー"};
+  const std::string& text = texts[state.range(0)];
+  for (auto _ : state) {
+    auto language = VORRequestContext::detectLanguage(text);
+    benchmark::DoNotOptimize(language);
+  }
+}
+BENCHMARK(BM_QueryLanguage)
+    ->Arg(0)
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(9)
+    ->ReportAggregatesOnly(true);
+
+// A whole look-up request, which carries "qlang" and "lctxlang".
+void BM_LookupRequest(benchmark::State& state) {
+  static Fixture f;
+  VORLookupRequest lookup;
+  lookup.queryString = "serendipity";
+  lookup.lookupContext = "It was pure serendipity that we met in the old bookshop by the river.";
+  lookup.keyboardInputMode = "en_US";
+  for (auto _ : state) {
+    auto request = f.factory->lookupRequest(lookup, *f.bag, f.guid, f.client);
+    benchmark::DoNotOptimize(request);
+  }
+}
+BENCHMARK(BM_LookupRequest)->Unit(benchmark::kMicrosecond)->Repetitions(9)->ReportAggregatesOnly(true);
 
 }  // namespace
 

@@ -50,6 +50,7 @@ std::optional<Value> convert(const nlohmann::json& j, const std::string& place, 
     case nlohmann::json::value_t::array: {
       Value::Array a;
       for (size_t i = 0; i < j.size(); ++i) {
+        if (j[i].is_null()) continue;
         std::optional<Value> v = convert(j[i], fmt::format("{}[{}]", place, i), depth + 1, error);
         if (!v) return std::nullopt;
         a.push_back(std::move(*v));
@@ -59,6 +60,7 @@ std::optional<Value> convert(const nlohmann::json& j, const std::string& place, 
     case nlohmann::json::value_t::object: {
       Value::Dict d;
       for (auto it = j.begin(); it != j.end(); ++it) {
+        if (it.value().is_null()) continue;
         std::optional<Value> v = convert(it.value(), place + "." + it.key(), depth + 1, error);
         if (!v) return std::nullopt;
         d.insert_or_assign(it.key(), std::move(*v));
@@ -66,6 +68,7 @@ std::optional<Value> convert(const nlohmann::json& j, const std::string& place, 
       return Value(std::move(d));
     }
     default:
+      // Only a null root gets here: nulls inside containers were left out above.
       if (error) *error = (place.empty() ? std::string("value") : place) + ": null has no property-list form";
       return std::nullopt;
   }

@@ -104,11 +104,17 @@ struct VORNetworkRequestFactory::Impl {
 
   bool useQuintara() const { return defaults && defaults->boolForKey(kUseQuintaraKey); }
 
-  // Starts location updates when the bag wants location with requests and the user allows it.
+  // Starts location updates when the bag wants location with requests and the user allows it (search).
   void _startLocationIfNeeded(const VORBag& bag, const std::shared_ptr<VORNetworkRequestFactory>& self) {
     if (!locationManager || bag.supportedGeoLocationSources().empty()) return;
     if (!LocationProvider::isAuthorized(locationManager->authorizationStatus())) return;
     locationManager->startUpdatingLocation(self);
+  }
+  // Starts location updates whatever the bag and the authorisation say (zero keyword, more results,
+  // look-up, flight search): the fix that arrives is still kept only when the bag accepts its source, and
+  // without authorisation none arrives.
+  void _startLocation(const std::shared_ptr<VORNetworkRequestFactory>& self) {
+    if (locationManager) locationManager->startUpdatingLocation(self);
   }
 
   // Fills a query request on the context queue, with the debug items read afresh, and gives it its
@@ -477,7 +483,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VO
   Impl& d = *impl_;
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
-  d._startLocationIfNeeded(bag, shared_from_this());
+  d._startLocation(shared_from_this());
   auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("qtype", "zkw");
     b.forceQueryItemsFromArray(queryItemsOf(query));
@@ -518,7 +524,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VO
   auto builder = builderFor(bag.moreResultsURL(), "more results");
   if (!builder) return std::nullopt;
   // A URL that already carries a position needs none of ours.
-  if (!builder->containsQueryItemWithName("latlng")) d._startLocationIfNeeded(bag, shared_from_this());
+  if (!builder->containsQueryItemWithName("latlng")) d._startLocation(shared_from_this());
   auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
@@ -574,7 +580,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLook
   Impl& d = *impl_;
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
-  d._startLocationIfNeeded(bag, shared_from_this());
+  d._startLocation(shared_from_this());
   auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.queryString);
     b.forceQueryItemsFromArray(queryItemsOf(query));
@@ -611,7 +617,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const V
   Impl& d = *impl_;
   auto builder = builderFor(bag.flightURL(), "flight");
   if (!builder) return std::nullopt;
-  d._startLocationIfNeeded(bag, shared_from_this());
+  d._startLocation(shared_from_this());
   const double now = toUnixSeconds(d.clock->now());
   auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.flightQuery);

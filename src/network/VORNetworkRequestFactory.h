@@ -83,21 +83,22 @@ class VORNetworkRequestFactory final : public LocationDelegate,
   std::optional<HttpRequest> searchRequest(const VORSearchRequest& query, const VORBag& bag, const Uuid& userGuid,
                                            const VORRequestClient& client,
                                            const std::optional<std::string>& fieldMask = std::nullopt);
-  // Zero keyword (bag searchURL, "qtype=zkw" unless the query's items say otherwise); starts location.
+  // Zero keyword (bag searchURL, "qtype=zkw" unless the query's items say otherwise); always starts location.
   std::optional<HttpRequest> zeroKeywordRequest(const VORZeroKeywordRequest& query, const VORBag& bag,
                                                 const Uuid& userGuid, const VORRequestClient& client,
                                                 const std::optional<std::string>& fieldMask = std::nullopt);
-  // More results (bag moreResultsURL); starts location only when that URL carries no "latlng".
+  // More results (bag moreResultsURL); starts location (whatever the bag says) only when that URL carries no
+  // "latlng".
   std::optional<HttpRequest> moreResultsRequest(const VORMoreResultsRequest& query, const VORBag& bag,
                                                 const Uuid& userGuid, const VORRequestClient& client,
                                                 const std::optional<std::string>& fieldMask = std::nullopt);
   // Card (bag cardURL).
   std::optional<HttpRequest> cardRequest(const VORCardRequest& query, const VORBag& bag, const Uuid& userGuid,
                                          const VORRequestClient& client);
-  // Look-up (bag searchURL); starts location.
+  // Look-up (bag searchURL); always starts location.
   std::optional<HttpRequest> lookupRequest(const VORLookupRequest& query, const VORBag& bag, const Uuid& userGuid,
                                            const VORRequestClient& client);
-  // Flight search (bag flightURL, "Accept: application/x-protobuf"); starts location.
+  // Flight search (bag flightURL, "Accept: application/x-protobuf"); always starts location.
   std::optional<HttpRequest> flightSearchRequest(const VORFlightSearchRequest& query, const VORBag& bag,
                                                  const Uuid& userGuid, const VORRequestClient& client);
 

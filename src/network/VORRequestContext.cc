@@ -12,6 +12,7 @@
 #include "model/VORRequest.h"
 #include "network/LocationManager.h"
 #include "network/VorlenURLRequestBuilder.h"
+#include "platform/LanguageIdentifier.h"
 
 namespace vorlen {
 
@@ -72,9 +73,10 @@ bool toJson(const Value& value, nlohmann::json* out) {
   return false;
 }
 
-// Language of one script, for scripts that name one language well enough for the search service's needs.
-// Latin, Cyrillic and Arabic script text is left undetermined: a script alone cannot tell those languages
-// apart, and a wrong "qlang" is worse than none.
+// Language of one script, for scripts that name one language well enough for the search service's needs:
+// the fallback when the language identifier is unsure. Latin, Cyrillic and Arabic script text is left
+// undetermined here: a script alone cannot tell those languages apart, and a wrong "qlang" is worse than
+// none.
 std::optional<std::string> languageForScript(UScriptCode script, bool hasKana) {
   switch (script) {
     case USCRIPT_HAN:
@@ -524,6 +526,9 @@ std::optional<std::string> VORRequestContext::jsonText(const Value& value) {
 
 std::optional<std::string> VORRequestContext::detectLanguage(const std::string& text) {
   if (text.empty()) return std::nullopt;
+  // The language identifier for short texts first; where it is unsure (a single word, mixed text), the
+  // script of the first word when that script names one language.
+  if (auto language = LanguageIdentifier::languageOfText(text)) return language;
   UErrorCode status = U_ZERO_ERROR;
   UText* ut = utext_openUTF8(nullptr, text.data(), static_cast<int64_t>(text.size()), &status);
   std::unique_ptr<icu::BreakIterator> words(icu::BreakIterator::createWordInstance(icu::Locale::getRoot(), status));

@@ -161,8 +161,9 @@ class VORRequestContext {
   static std::optional<std::string> preferredLanguagesText(const std::vector<std::string>& languages);
   // JSON text of a property-list value; nothing for null or a value JSON cannot hold (dates, data).
   static std::optional<std::string> jsonText(const Value& value);
-  // The language of a text by its script (ICU), or nothing when it cannot be told; see the .cc for the
-  // mapping from scripts to languages.
+  // The language of a text ("qlang", "lctxlang"): the language identifier's answer when it is sure (see
+  // LanguageIdentifier), else the language the script of the first word names (ICU; see the .cc for the
+  // mapping), else nothing.
   static std::optional<std::string> detectLanguage(const std::string& text);
 
  private:

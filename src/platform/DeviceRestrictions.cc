@@ -71,7 +71,12 @@ void LinuxDeviceRestrictions::checkForChanges() {
   }
   if (!center_) return;
   if (settingsChanged) center_->post(kPlatformEffectiveSettingsDidChangeNotification, this);
-  if (managedChanged) center_->post(kPlatformAccountStoreDidChangeNotification, this);
+  if (managedChanged) {
+    // The managed account is the one account this platform knows: its change is a change of the account
+    // store and of the account's credentials alike.
+    center_->post(kPlatformAccountStoreDidChangeNotification, this);
+    center_->post(kPlatformAccountCredentialsDidChangeNotification, this);
+  }
 }
 
 // ---- FakeDeviceRestrictions ----------------------------------------------------------------------------------
@@ -124,6 +129,7 @@ void FakeDeviceRestrictions::setDiagnosticSubmissionAllowed(bool allowed) {
 }
 void FakeDeviceRestrictions::setManagedAccount(bool managed) {
   change(managed_, managed, kPlatformAccountStoreDidChangeNotification);
+  post(kPlatformAccountCredentialsDidChangeNotification);
 }
 
 }  // namespace vorlen

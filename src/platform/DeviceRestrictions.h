@@ -9,8 +9,9 @@
 //   "VORDiagnosticsAllowed" bool, default false: the user agreed to send diagnostics and usage data.
 // Effective boolean values follow the management service's numbering: 0 not set, 1 yes, 2 no.
 // checkForChanges() posts kPlatformEffectiveSettingsDidChangeNotification when the restrictions or the
-// diagnostics consent changed, and kPlatformAccountStoreDidChangeNotification when the managed-account flag
-// changed, since the last check (sender: the restrictions object); the platform's change monitor calls it.
+// diagnostics consent changed, and kPlatformAccountStoreDidChangeNotification followed by
+// kPlatformAccountCredentialsDidChangeNotification when the managed-account flag changed, since the last
+// check (sender: the restrictions object); the platform's change monitor calls it.
 //
 // Visibility settings (for example whether news may appear in system search) have no reader on this
 // platform besides visibilitySetting(); they are kept in memory.
@@ -98,7 +99,8 @@ class FakeDeviceRestrictions final : public DeviceRestrictions {
   void setMediaStoreAllowed(bool allowed);
   void setAppInstallationAllowed(bool allowed);
   void setDiagnosticSubmissionAllowed(bool allowed);
-  // ... and this one kPlatformAccountStoreDidChangeNotification.
+  // ... and this one kPlatformAccountStoreDidChangeNotification, then
+  // kPlatformAccountCredentialsDidChangeNotification.
   void setManagedAccount(bool managed);
 
  private:

@@ -7,8 +7,12 @@
 #include <unicode/ulocdata.h>
 #include <unicode/unistr.h>
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <set>
+
+#include <fmt/format.h>
 
 #include "base/Log.h"
 #include "base/Preferences.h"
@@ -41,9 +45,11 @@ const std::set<std::string>& fahrenheitTerritories() {
 // ---- LinuxLocaleProvider -------------------------------------------------------------------------------------
 
 LinuxLocaleProvider::LinuxLocaleProvider(std::shared_ptr<const Preferences> defaults,
-                                         std::shared_ptr<NotificationCenter> center)
-    : defaults_(std::move(defaults)), center_(std::move(center)) {
+                                         std::shared_ptr<NotificationCenter> center,
+                                         std::filesystem::path localtimePath)
+    : defaults_(std::move(defaults)), center_(std::move(center)), localtimePath_(std::move(localtimePath)) {
   lastSnapshot_ = snapshot();
+  lastTimeZoneSnapshot_ = timeZoneSnapshot();
 }
 
 std::string LinuxLocaleProvider::localeFromPosixName(const std::string& posixName) {
@@ -133,7 +139,39 @@ std::string LinuxLocaleProvider::hourFormatPattern() const {
   return toUtf8(pattern);
 }
 
+namespace {
+
+// "Europe/Berlin" of ".../zoneinfo/Europe/Berlin"; empty when the path is not in a zoneinfo folder.
+std::string zoneOfPath(const std::string& path) {
+  const size_t at = path.find("zoneinfo/");
+  return at == std::string::npos ? std::string() : path.substr(at + 9);
+}
+
+bool isKnownZone(const std::string& id) {
+  UErrorCode status = U_ZERO_ERROR;
+  icu::UnicodeString canonical;
+  icu::TimeZone::getCanonicalID(icu::UnicodeString::fromUTF8(id), canonical, status);
+  return U_SUCCESS(status);
+}
+
+}  // namespace
+
 std::string LinuxLocaleProvider::timeZoneName() const {
+  // Read afresh each time (the host zone of the time-zone library is fixed once per process): TZ naming a
+  // zone, else the zone /etc/localtime links to, else what the library detects.
+  if (const char* tz = std::getenv("TZ"); tz && *tz) {
+    std::string value = tz[0] == ':' ? tz + 1 : tz;
+    if (value.starts_with("/")) {
+      if (std::string zone = zoneOfPath(value); !zone.empty()) return zone;
+    } else if (isKnownZone(value)) {
+      return value;
+    }
+  }
+  std::error_code ec;
+  const std::filesystem::path target = std::filesystem::read_symlink(localtimePath_, ec);
+  if (!ec) {
+    if (std::string zone = zoneOfPath(target.string()); !zone.empty()) return zone;
+  }
   std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::detectHostTimeZone());
   if (!zone) return "";
   icu::UnicodeString id;
@@ -160,13 +198,37 @@ void LinuxLocaleProvider::notifyChanged() {
 
 void LinuxLocaleProvider::checkForChanges() {
   std::string now = snapshot();
+  std::string zoneNow = timeZoneSnapshot();
+  bool localeChanged, zoneChanged;
   {
     std::lock_guard lock(mu_);
-    if (now == lastSnapshot_) return;
+    localeChanged = now != lastSnapshot_;
+    zoneChanged = zoneNow != lastTimeZoneSnapshot_;
     lastSnapshot_ = now;
+    lastTimeZoneSnapshot_ = zoneNow;
   }
-  VorlenDefaultLog().info("current locale changed: {}", now);
-  if (center_) center_->post(kPlatformCurrentLocaleDidChangeNotification, this);
+  if (localeChanged) {
+    VorlenDefaultLog().info("current locale changed: {}", now);
+    if (center_) center_->post(kPlatformCurrentLocaleDidChangeNotification, this);
+  }
+  if (zoneChanged) {
+    VorlenDefaultLog().info("time zone changed: {}", timeZoneName());
+    if (center_) center_->post(kPlatformTimeZoneDidChangeNotification, this);
+  }
+}
+
+std::string LinuxLocaleProvider::timeZoneSnapshot() const {
+  // TZ, where /etc/localtime links, and which file it is and when it was written (it may be a copy).
+  const char* tz = std::getenv("TZ");
+  std::string s = tz ? std::string("TZ=") + tz : std::string("no TZ");
+  std::error_code ec;
+  s += " -> " + std::filesystem::read_symlink(localtimePath_, ec).string();
+  struct stat st {};
+  if (::stat(localtimePath_.c_str(), &st) == 0) {
+    s += fmt::format(" {}:{} {}.{} {}", st.st_dev, st.st_ino, st.st_mtim.tv_sec, st.st_mtim.tv_nsec,
+                     st.st_size);
+  }
+  return s;
 }
 
 std::string LinuxLocaleProvider::snapshot() const {

@@ -13,20 +13,24 @@
 //                        "Fahrenheit" for the territories that use it, else "Celsius";
 //   hour format pattern  the locale's best pattern for the skeleton "j" (a pattern holding "HH" means a
 //                        24-hour clock);
-//   time-zone name       the host time zone's identifier (honours TZ), e.g. "Europe/Berlin";
+//   time-zone name       TZ when it names a zone (":Europe/Berlin" and zoneinfo paths too), else the zone
+//                        /etc/localtime links to, else the host zone ICU detects; e.g. "Europe/Berlin";
 //   effective system     the language part of the first preferred language ("de" for "de-AT"): the
 //   language             daemon's texts are not localised further than that.
 //
 // A change is announced by posting kPlatformCurrentLocaleDidChangeNotification (sender: the provider) on the
-// notification centre: notifyChanged() always posts (the daemon routes SIGHUP to it), and checkForChanges()
-// posts when the locale or the preferred languages differ from what it saw last (it is called periodically
-// by the platform's change monitor, so an edit of "VORLocaleOverride" is noticed without a signal).
+// notification centre: notifyChanged() always posts, and checkForChanges() posts when the locale or the
+// preferred languages differ from what it saw last (it is called periodically by the platform's change
+// monitor and on SIGHUP, so an edit of "VORLocaleOverride" is noticed without a signal). checkForChanges()
+// also watches the time zone: when TZ, the target of /etc/localtime or that file itself (device, inode,
+// modification time, size) changed, it posts kPlatformTimeZoneDidChangeNotification.
 //
 // FakeLocaleProvider holds settable values for tests; its notifyChanged() posts the same notification.
 //
 // Threading: every method is safe from any thread.
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -65,7 +69,9 @@ class LinuxLocaleProvider final : public LocaleProvider {
   static constexpr const char* kTemperatureUnitKey = "VORTemperatureUnit";
 
   // Either may be null: without preferences only the environment counts; without a centre nothing is posted.
-  LinuxLocaleProvider(std::shared_ptr<const Preferences> defaults, std::shared_ptr<NotificationCenter> center);
+  // `localtimePath` is the system's local time-zone file (tests point it elsewhere).
+  LinuxLocaleProvider(std::shared_ptr<const Preferences> defaults, std::shared_ptr<NotificationCenter> center,
+                      std::filesystem::path localtimePath = "/etc/localtime");
 
   std::string localeIdentifier() const override;
   std::vector<std::string> preferredLanguages() const override;
@@ -79,7 +85,8 @@ class LinuxLocaleProvider final : public LocaleProvider {
   std::string regionCode() const override;
   void notifyChanged() override;
 
-  // Posts when the locale or the preferred languages changed since the last check (or construction).
+  // Posts when the locale or the preferred languages changed since the last check (or construction), and
+  // the time-zone notification when the time zone's sources changed.
   void checkForChanges();
 
   // "de_DE.UTF-8@euro" -> "de_DE"; "C", "POSIX" and "" -> "en_US_POSIX".
@@ -89,11 +96,14 @@ class LinuxLocaleProvider final : public LocaleProvider {
 
  private:
   std::string snapshot() const;
+  std::string timeZoneSnapshot() const;
 
   std::shared_ptr<const Preferences> defaults_;
   std::shared_ptr<NotificationCenter> center_;
+  const std::filesystem::path localtimePath_;
   std::mutex mu_;
   std::string lastSnapshot_;
+  std::string lastTimeZoneSnapshot_;
 };
 
 class FakeLocaleProvider final : public LocaleProvider {

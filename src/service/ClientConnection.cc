@@ -7,6 +7,7 @@
 #include "base/Trace.h"
 #include "base/Transaction.h"
 #include "cache/EngagedCompletionCache.h"
+#include "cache/QueryCache.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "feedback/VorlenFeedback.h"
 #include "ipc/IpcConnection.h"
@@ -77,12 +78,18 @@ ClientConnection::ClientConnection(std::shared_ptr<Assembly> assembly, std::shar
 
 ClientConnection::~ClientConnection() {
   if (idleTimer_) idleTimer_->cancel();
+  // A connection's answers do not outlive it: the next connection of the same client (or another one
+  // bound to the same state) starts from an empty query cache.
+  if (state_) {
+    if (auto cache = state_->queryCache()) cache->removeAllObjects();
+  }
   // The observers go with their tokens; the transaction closes with its object.
 }
 
 void ClientConnection::start() {
   std::weak_ptr<ClientConnection> weak = weak_from_this();
   notifyQueue_ = Queue::global(QueuePriority::Background);
+  bagQueue_ = Queue::serial("com.velmo.vorlend.clientconnection.bag", QueuePriority::Background);
 
   idleTimer_ = Timer::weak<ClientConnection>(assembly_->clock(), notifyQueue_, shared_from_this(),
                                              [](ClientConnection& self) {
@@ -200,7 +207,8 @@ void ClientConnection::_ensureState() {
   if (!configuration->userAgent.empty() && assembly_->platform.device) {
     agent = createUserAgentString(configuration->userAgent, *assembly_->platform.device);
   }
-  if (identifier.empty() || !agent) {
+  // An empty identifier goes on: the state manager refuses it with its own fault line.
+  if (!agent) {
     sessionLog().fault("configuration requires identifier and agent");
     return;
   }
@@ -236,28 +244,34 @@ void ClientConnection::configure(VORSessionConfiguration configuration, IpcRepli
     connection_->invalidate();
     return;
   }
-  // The endpoint goes out first: the bag may take a fetch, and the client should not wait for it.
-  auto endpoint = clientStateManager_ ? clientStateManager_->endpoint() : std::nullopt;
-  if (reply) reply(Value::Array{endpoint ? endpoint->toValue() : Value()});
   // The connection listens for bag changes before it asks for the bag: a bag installed at any moment
   // after this point reaches the client, by this answer or by the change that follows it.
   _observeBagChanges();
   std::weak_ptr<ClientConnection> weak = weak_from_this();
-  std::lock_guard sending(bagSendMu_);
-  bound->bag(userAgent().value_or(""), [weak](std::optional<VORBag> bag, std::optional<VORError> error) {
-    auto self = weak.lock();
-    if (!self) return;
-    if (bag && !bag->feedbackEnabled()) {
-      feedbackLog().info("feedback collection disabled in bag for user agent {}", self->userAgent().value_or(""));
-    }
-    bagLog().info("sending bag with version: {} to client: {} error: {}",
-                  bag ? bag->version().value_or("(null)") : "(null)", self->state()->identifier(),
-                  error ? error->describe() : "(null)");
-    self->_sendBag(bag, error);
-    // A failed bag still leaves the client subscribed to the next one and recorded as a known client.
-    if (bag) self->_setEngagedCompletionCacheValues(*bag);
-    if (self->clientStateManager_) self->clientStateManager_->saveState();
-  });
+  {
+    // Held from reading the bag to sending it, so that no change is numbered between the two.
+    std::lock_guard sending(bagSendMu_);
+    // The state never waits for a bag: without one installed it answers at once with the time-out.
+    bound->bag(userAgent().value_or(""), [weak](std::optional<VORBag> bag, std::optional<VORError> error) {
+      auto self = weak.lock();
+      if (!self) return;
+      if (bag && !bag->feedbackEnabled()) {
+        feedbackLog().info("feedback collection disabled in bag for user agent {}",
+                           self->userAgent().value_or(""));
+      }
+      bagLog().info("sending bag with version: {} to client: {} error: {}",
+                    bag ? bag->version().value_or("(null)") : "(null)", self->state()->identifier(),
+                    error ? error->describe() : "(null)");
+      {
+        std::lock_guard again(self->bagSendMu_);
+        self->_sendBagInOrder(++self->bagSendsNumbered_, bag, error);
+      }
+      // A failed bag still leaves the client subscribed to the next one and recorded as a known client.
+      if (self->clientStateManager_) self->clientStateManager_->saveState();
+    });
+  }
+  auto endpoint = clientStateManager_ ? clientStateManager_->endpoint() : std::nullopt;
+  if (reply) reply(Value::Array{endpoint ? endpoint->toValue() : Value()});
 }
 
 void ClientConnection::_observeBagChanges() {
@@ -268,8 +282,13 @@ void ClientConnection::_observeBagChanges() {
       [](ClientConnection& c, const Notification& n) { c.bagChangeNotification(n); });
 }
 
-void ClientConnection::_sendBag(const std::optional<VORBag>& bag, const std::optional<VORError>& error) {
+void ClientConnection::_sendBagInOrder(uint64_t number, const std::optional<VORBag>& bag,
+                                       const std::optional<VORError>& error) {
+  // A bag numbered before one already sent is older than what the client has: it is dropped.
+  if (number <= bagSendsDone_) return;
+  bagSendsDone_ = number;
   connection_->send("bagDidLoad:error:", Value::Array{optionalRecord(bag), optionalRecord(error)});
+  if (bag) _setEngagedCompletionCacheValues(*bag);
 }
 
 void ClientConnection::bagChangeNotification(const Notification& notification) {
@@ -278,9 +297,17 @@ void ClientConnection::bagChangeNotification(const Notification& notification) {
   if (!record) return;
   auto bag = VORBag::fromRecord(*record);
   if (!bag) return;
-  std::lock_guard sending(bagSendMu_);
-  _sendBag(bag, std::nullopt);
-  _setEngagedCompletionCacheValues(*bag);
+  // Numbered here, in the order the bags were installed, and sent from the background queue; the number
+  // keeps a late sender from delivering an older bag after a newer one.
+  std::lock_guard numbering(bagSendMu_);
+  const uint64_t number = ++bagSendsNumbered_;
+  std::weak_ptr<ClientConnection> weak = weak_from_this();
+  bagQueue_->async([weak, number, bag = std::move(*bag)] {
+    auto self = weak.lock();
+    if (!self) return;
+    std::lock_guard sending(self->bagSendMu_);
+    self->_sendBagInOrder(number, bag, std::nullopt);
+  });
 }
 
 void ClientConnection::_setEngagedCompletionCacheValues(const VORBag& bag) {

@@ -13,8 +13,11 @@
 //   - A configuration that leaves no state (no identifier, empty agent) closes the connection after an
 //     error feedback; the reply is not called. Operations that need a state and find none send nothing.
 //
-// Bag changes: after the first bag reached the client, every "VORBagChangeNotification" whose user
-// information holds a VORBag record under "bag" is forwarded with bagDidLoad:error:. Resource
+// Configuration: the state is asked for the bag first (its answer, a bag or the time-out error, goes out
+// with bagDidLoad:error:), then the configure reply carries the endpoint. Bag changes: from the
+// configuration on, every "VORBagChangeNotification" whose user information holds a VORBag record under
+// "bag" is forwarded with bagDidLoad:error: from a background queue; a client never hears an older bag
+// after a newer one. Resource
 // notifications ("identifier" in the user information) are forwarded with didDownloadResource: and
 // didDeleteResource:.
 //
@@ -103,7 +106,10 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   // Binds the state for the current configuration; idempotent.
   void _ensureState();
   void _setEngagedCompletionCacheValues(const VORBag& bag);
-  void _sendBag(const std::optional<VORBag>& bag, const std::optional<VORError>& error);
+  // Sends bagDidLoad:error: and applies the bag's completion settings, unless a bag numbered later was
+  // sent already. REQUIRES: bagSendMu_ is held.
+  void _sendBagInOrder(uint64_t number, const std::optional<VORBag>& bag,
+                       const std::optional<VORError>& error);
   void _resultEngagementExtras(const ClientState& state, const QXFeedback& feedback);
   void _reportErrorAsVorlendFeedback(const VORError& error);
   void _observeBagChanges();
@@ -121,12 +127,17 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   std::shared_ptr<ClientState> state_;
   std::optional<std::string> userAgent_;
   std::unique_ptr<NotificationCenter::Token> bagObserver_;
-  // Held while a bag is read and sent to the client, at configuration and for each bag change, so that
-  // the client never hears an older bag after a newer one. Recursive: a change posted on the thread that
-  // is sending is forwarded at once.
+  // Bags reach the client in the order they were had: the configuration's bag is numbered when it is read
+  // and each change when it is announced, and a bag is sent only when nothing numbered later was sent
+  // before it. Recursive: a change announced on the thread that is reading the configuration's bag is
+  // numbered at once.
   std::recursive_mutex bagSendMu_;
+  uint64_t bagSendsNumbered_ = 0;  // guarded by bagSendMu_
+  uint64_t bagSendsDone_ = 0;      // guarded by bagSendMu_
 
   std::shared_ptr<Queue> notifyQueue_;
+  // Serial, background priority: bag changes are sent from here, never on the thread that announced them.
+  std::shared_ptr<Queue> bagQueue_;
   std::shared_ptr<Timer> idleTimer_;
   std::unique_ptr<NotificationCenter::Token> downloadObserver_;
   std::unique_ptr<NotificationCenter::Token> deleteObserver_;

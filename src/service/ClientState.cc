@@ -1,19 +1,27 @@
 #include "service/ClientState.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
-#include <fstream>
+#include <cerrno>
+#include <cstring>
 
 #include <nlohmann/json.hpp>
 
 #include "base/Counters.h"
 #include "base/JsonValue.h"
 #include "base/Log.h"
+#include "base/Queue.h"
 #include "cache/CachedResultSet.h"
 #include "cache/EngagedCompletionCache.h"
 #include "cache/QueryCache.h"
+#include "feedback/ClientCounterName.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "feedback/VorlenFeedback.h"
+#include "ipc/UniqueFd.h"
 #include "model/Constants.h"
 #include "model/QXFeedbackFactory.h"
 #include "network/BagController.h"
@@ -26,7 +34,6 @@
 #include "network/VorlenUserGUIDController.h"
 #include "platform/Assembly.h"
 #include "platform/DeviceProperties.h"
-#include "service/TypeVocabularies.h"
 
 namespace vorlen {
 
@@ -61,9 +68,12 @@ constexpr uint64_t kEndpointFlight = 13;
 constexpr int64_t kCompletionClientBrowser = 1;
 constexpr int64_t kCompletionClientSystemSearch = 2;
 
-// More-results requests are retried after transport failures within this many seconds.
-constexpr double kMoreResultsExpirySeconds = 10;
-constexpr uint64_t kMoreResultsRetries = 2;
+// Retries after transport failures of the retryable kinds. More results and card carry no expiry and so
+// are sent once; look-up and flight search are retried until their render deadline has passed.
+constexpr uint64_t kQueryRetries = 3;
+
+// Flight debug data is a test fixture: a file beyond this size is refused unread.
+constexpr off_t kMaxFlightDebugDataBytes = off_t{16} << 20;
 
 // The lifetime of a warm connection: no pre-warm within this long of the last network request.
 constexpr auto kWarmInterval = std::chrono::seconds(30);
@@ -98,8 +108,10 @@ struct ClientState::NetworkQuery {
   const Logger* log = nullptr;
   // Logged when an answer arrives.
   std::string gotResponseText;
-  // Retried after transport failures within a short expiry (more results).
+  // Sent as a retryable request (more results, card, look-up, flight search): retried after transport
+  // failures while `expire` has not passed. Without an expiry the request counts as expired at once.
   bool retryable = false;
+  std::optional<Time> expire;
   // Any status but 200 is a failed query, logged with this text (status, error) (more results, card).
   std::optional<std::string> statusFailureFormat;
   // The body must be a JSON object (more results, card).
@@ -125,7 +137,10 @@ std::shared_ptr<ClientState> ClientState::create(std::string identifier, std::sh
 }
 
 ClientState::ClientState(std::string identifier, std::shared_ptr<Assembly> assembly)
-    : identifier_(std::move(identifier)), assembly_(std::move(assembly)) {}
+    : identifier_(std::move(identifier)),
+      assembly_(std::move(assembly)),
+      retryQueue_(Queue::concurrent("com.velmo.vorlend.queryRetry", QueuePriority::UserInitiated,
+                                    assembly_ ? assembly_->clock() : nullptr)) {}
 
 void ClientState::setConfiguration(VORSessionConfiguration configuration) {
   std::lock_guard lock(mu_);
@@ -137,8 +152,24 @@ std::optional<VORSessionConfiguration> ClientState::configuration() const {
   return configuration_;
 }
 
+namespace {
+
+// The client's own part of a request agent: what follows the daemon's "Vorlend/1.0 (<device>) " prefix, or
+// the whole text when it does not have that shape. The prefix itself names the daemon, so matching client
+// names against it would count every client as the daemon.
+std::string_view clientPartOfAgent(std::string_view agent) {
+  const std::string prefix = std::string(kVORVorlendNameVersion) + " (";
+  if (!agent.starts_with(prefix)) return agent;
+  const size_t close = agent.find(") ", prefix.size());
+  return close == std::string_view::npos ? agent : agent.substr(close + 2);
+}
+
+}  // namespace
+
 void ClientState::setUserAgent(std::optional<std::string> userAgent) {
-  std::string shortName = getClientFromUserAgent(userAgent);
+  // Per-client counters are named after the client the agent names; an agent naming none counts nothing.
+  std::string shortName =
+      userAgent ? extractClientNameFromString(clientPartOfAgent(*userAgent)).value_or("") : std::string();
   std::lock_guard lock(mu_);
   userAgent_ = std::move(userAgent);
   clientShortName_ = std::move(shortName);
@@ -235,11 +266,19 @@ std::optional<VORBag> ClientState::_enabledBag(const VORRequest& request, std::s
   return held;
 }
 
-void ClientState::_applyRenderDeadline(HttpRequest& http, const VORBag& bag) {
-  // The answer is due by the bag's render deadline: a slower answer ends as a time-out error.
-  if (double deadline = bag.searchRenderTimeout(); deadline > 0) {
-    http.timeoutSeconds = std::min(http.timeoutSeconds.value_or(deadline), deadline);
-  }
+Time ClientState::_applyRenderDeadline(HttpRequest& http, const VORBag& bag) const {
+  // The answer is due by the bag's render deadline: a slower answer ends as a time-out error, and a
+  // failed attempt is retried only while the deadline has not passed.
+  const double deadline = bag.searchRenderTimeout();
+  if (deadline > 0) http.timeoutSeconds = std::min(http.timeoutSeconds.value_or(deadline), deadline);
+  return assembly_->clock()->now() +
+         std::chrono::duration_cast<Duration>(std::chrono::duration<double>(std::max(deadline, 0.0)));
+}
+
+HttpRequest ClientState::_built(std::optional<HttpRequest> request) {
+  // A bag without the kind's URL builds no request. It is sent all the same, as a request without a URL,
+  // and ends as the transport failure that sending it meets.
+  return request ? std::move(*request) : HttpRequest{};
 }
 
 VORRequestClient ClientState::_requestClient() const {
@@ -342,19 +381,16 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
   }
 
   auto factory = assembly_->requestFactory;
-  std::optional<HttpRequest> http =
+  // A bag without a usable search URL gives a request without a URL, which fails to send like any other
+  // transport failure.
+  HttpRequest http =
       factory ? factory->searchRequest(*query, bag, _currentUserGUID(), _requestClient(), _fieldMask())
-              : std::nullopt;
-  if (!http) {
-    // The bag names no usable search URL: nothing can be sent.
-    searchLog().error("no search request could be built for query[{}]", request->queryId);
-    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no search URL"));
-    return;
-  }
-  protocolLog().notice("request: {} header: {}", http->url, Value(describeHeaders(http->headers)).describe());
+                    .value_or(HttpRequest{})
+              : HttpRequest{};
+  protocolLog().notice("request: {} header: {}", http.url, Value(describeHeaders(http.headers)).describe());
 
-  if (queryCache_) {
-    if (auto hit = queryCache_->getRequest(*query, &*http)) {
+  if (queryCache_ && !http.url.empty()) {
+    if (auto hit = queryCache_->getRequest(*query, &http)) {
       VORReply answer = _makeReply(*request, nullptr, nullptr, hit->data(), false);
       if (reply) reply(request->queryId, std::move(answer), std::nullopt);
       _countForClient("ondevicecachehits");
@@ -365,9 +401,9 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
 
   auto network = std::make_shared<NetworkQuery>();
   network->request = query;
-  network->start = QXFeedbackFactory::startNetworkSearch(request->queryString, http->url, http->headers,
+  network->start = QXFeedbackFactory::startNetworkSearch(request->queryString, http.url, http.headers,
                                                          request->triggerEvent, kEndpointSearch);
-  network->http = std::move(*http);
+  network->http = std::move(http);
   network->log = &searchLog();
   network->gotResponseText =
       fmt::format("Got network response for (id, query): ({}, {})", request->queryId, request->queryString);
@@ -387,9 +423,16 @@ void ClientState::_sendNetworkQuery(std::shared_ptr<NetworkQuery> query, QueryRe
   _recordFeedback(query->start, *query->request);
   auto sessions = assembly_->httpSessions;
   auto session = sessions ? sessions->urlSession() : nullptr;
-  if (!session) {
-    query->log->error("no query session, can't send {}", query->http.url);
-    if (reply) reply(query->request->queryId, std::nullopt, VORError::make(500, "no network session"));
+  if (!session || query->http.url.empty()) {
+    // Nothing can be sent: the query ends as the transport failure the send would have met.
+    std::optional<HttpError> unsent;
+    if (!session) {
+      query->log->fault("no query session, can't send {}", Private(query->http.url));
+      unsent = HttpError::make(HttpError::kUnknown, "no query session");
+    } else {
+      unsent = HttpError::make(HttpError::kUnsupportedURL, "unsupported URL");
+    }
+    _handleNetworkAnswer(*query, {}, std::nullopt, unsent, std::nullopt, reply);
     return;
   }
   // The task's timing data is read in its completion; the holder is emptied there, which breaks the
@@ -411,12 +454,8 @@ void ClientState::_sendNetworkQuery(std::shared_ptr<NetworkQuery> query, QueryRe
   };
   std::shared_ptr<HttpTask> task;
   if (query->retryable) {
-    VORRetryableNetworkRequest retryable(query->http,
-                                         assembly_->clock()->now() + std::chrono::duration_cast<Duration>(
-                                                                         std::chrono::duration<double>(
-                                                                             kMoreResultsExpirySeconds)),
-                                         false);
-    task = dataTaskWithRetryableRequest(session, retryable, 1, kMoreResultsRetries, completion);
+    VORRetryableNetworkRequest retryable(query->http, query->expire, /*delayOnFail=*/false);
+    task = dataTaskWithRetryableRequest(session, retryable, 1, kQueryRetries, completion, retryQueue_);
   } else {
     task = session->dataTask(query->http, completion);
   }
@@ -451,10 +490,11 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
     return;
   }
   if (query.statusFailureFormat && status != 200) {
+    // A failed search for the session; the client gets an empty answer, as for any answer it cannot use.
     VORError e = VORError::make(status, fmt::format("statusCode {}", status));
     log.error("{}", fmt::format(fmt::runtime(*query.statusFailureFormat), status, e.describe()));
     failSearchFeedback(query, e, data.size(), status, metrics);
-    if (reply) reply(request.queryId, std::nullopt, e);
+    if (reply) reply(request.queryId, std::nullopt, std::nullopt);
     return;
   }
   nlohmann::json body = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
@@ -535,20 +575,14 @@ void ClientState::zeroKeyword(std::shared_ptr<const VORZeroKeywordRequest> reque
   const std::optional<VORBag> enabled = _enabledBag(
       *request, "Bag fetch failed, can't complete non-cached zkw query.", log, "no zkw, bag disabled", reply);
   if (!enabled) return;
-  const VORBag& bag = *enabled;
   auto factory = assembly_->requestFactory;
-  auto http = factory ? factory->zeroKeywordRequest(*request, bag, _currentUserGUID(), _requestClient(), _fieldMask())
-                      : std::nullopt;
-  if (!http) {
-    log.error("no zero keyword request could be built");
-    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no search URL"));
-    return;
-  }
   auto network = std::make_shared<NetworkQuery>();
   network->request = request;
-  network->start = QXFeedbackFactory::startNetworkSearch(request->queryString, http->url, http->headers,
-                                                         request->triggerEvent, kEndpointSearch);
-  network->http = std::move(*http);
+  network->http = _built(factory ? factory->zeroKeywordRequest(*request, *enabled, _currentUserGUID(),
+                                                               _requestClient(), _fieldMask())
+                                 : std::nullopt);
+  network->start = QXFeedbackFactory::startNetworkSearch(
+      request->queryString, network->http.url, network->http.headers, request->triggerEvent, kEndpointSearch);
   network->log = &log;
   network->gotResponseText = "Got network response for zkw query";
   _sendNetworkQuery(network, std::move(reply));
@@ -557,32 +591,27 @@ void ClientState::zeroKeyword(std::shared_ptr<const VORZeroKeywordRequest> reque
 
 void ClientState::moreResults(std::shared_ptr<const VORMoreResultsRequest> request, QueryReply reply) {
   const Logger& log = VorlenLogForCategory(VorlenLogCategoryMoreResults);
+  // No bag check: the request goes to the bag's more-results URL, and without one it cannot be sent.
   _ensureBag();
   auto held = bag();
   auto factory = assembly_->requestFactory;
-  auto http = held && factory
-                  ? factory->moreResultsRequest(*request, *held, _currentUserGUID(), _requestClient(), _fieldMask())
-                  : std::nullopt;
-  if (!http) {
-    log.error("no bag, can't complete more results query");
-    if (reply) reply(request->queryId, std::nullopt, VORError::make(1, "timeout"));
-    return;
-  }
+  auto network = std::make_shared<NetworkQuery>();
+  network->request = request;
+  network->http = _built(held && factory ? factory->moreResultsRequest(*request, *held, _currentUserGUID(),
+                                                                       _requestClient(), _fieldMask())
+                                         : std::nullopt);
   // The query this page belongs to, as the built URL carries it.
   std::string input = request->queryString;
-  if (auto components = UrlComponents::parse(http->url)) {
+  if (auto components = UrlComponents::parse(network->http.url)) {
     for (const auto& item : components->queryItems()) {
       if (item.name == "q" && item.value) input = *item.value;
     }
   }
-  auto network = std::make_shared<NetworkQuery>();
-  network->request = request;
-  network->start = QXFeedbackFactory::startNetworkSearch(input, http->url, http->headers, request->triggerEvent,
-                                                         kEndpointSearch);
-  network->http = std::move(*http);
+  network->start = QXFeedbackFactory::startNetworkSearch(input, network->http.url, network->http.headers,
+                                                         request->triggerEvent, kEndpointSearch);
   network->log = &log;
   network->gotResponseText = "Got network response for more results query";
-  network->retryable = true;
+  network->retryable = true;  // without an expiry: sent once
   network->statusFailureFormat = "More results fetch failed with HTTP status code {} error {}";
   network->requireJsonObject = true;
   _sendNetworkQuery(network, std::move(reply));
@@ -591,24 +620,22 @@ void ClientState::moreResults(std::shared_ptr<const VORMoreResultsRequest> reque
 
 void ClientState::card(std::shared_ptr<const VORCardRequest> request, QueryReply reply) {
   const Logger& log = VorlenLogForCategory(VorlenLogCategoryCard);
+  // No bag check: the request goes to the bag's card URL, and without one it cannot be sent.
   _ensureBag();
   auto held = bag();
   auto factory = assembly_->requestFactory;
-  auto http = held && factory ? factory->cardRequest(*request, *held, _currentUserGUID(), _requestClient())
-                              : std::nullopt;
-  if (!http) {
-    log.error("no bag, can't complete card query");
-    if (reply) reply(request->queryId, std::nullopt, VORError::make(1, "timeout"));
-    return;
-  }
-  protocolLog().notice("card request: {} header: {}", http->url, Value(describeHeaders(http->headers)).describe());
   auto network = std::make_shared<NetworkQuery>();
   network->request = request;
-  network->start = QXFeedbackFactory::startNetworkSearch(request->queryString, http->url, http->headers,
-                                                         request->triggerEvent, kEndpointCard);
-  network->http = std::move(*http);
+  network->http =
+      _built(held && factory ? factory->cardRequest(*request, *held, _currentUserGUID(), _requestClient())
+                             : std::nullopt);
+  protocolLog().notice("card request: {} header: {}", Private(network->http.url),
+                       Private(Value(describeHeaders(network->http.headers)).describe()));
+  network->start = QXFeedbackFactory::startNetworkSearch(
+      request->queryString, network->http.url, network->http.headers, request->triggerEvent, kEndpointCard);
   network->log = &log;
   network->gotResponseText = "Got network response for card query";
+  network->retryable = true;  // without an expiry: sent once
   network->statusFailureFormat = "Card fetch failed with HTTP status code {} error {}";
   network->requireJsonObject = true;
   _sendNetworkQuery(network, std::move(reply));
@@ -622,22 +649,18 @@ void ClientState::lookup(std::shared_ptr<const VORLookupRequest> request, QueryR
       _enabledBag(*request, "Bag fetch failed, can't complete non-cached lookup query.", log,
                   "no lookup, bag disabled", reply);
   if (!enabled) return;
-  const VORBag& bag = *enabled;
   log.debug("Dispatching network request for lookup query");
   auto factory = assembly_->requestFactory;
-  auto http = factory ? factory->lookupRequest(*request, bag, _currentUserGUID(), _requestClient()) : std::nullopt;
-  if (!http) {
-    log.error("no lookup request could be built");
-    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no search URL"));
-    return;
-  }
-  _applyRenderDeadline(*http, bag);
   auto network = std::make_shared<NetworkQuery>();
   network->request = request;
-  network->start = QXFeedbackFactory::lookupStartNetworkSearch(request->queryString, http->url, http->headers,
-                                                               request->lookupSelectionType, request->hintDomain,
-                                                               kEndpointCard);
-  network->http = std::move(*http);
+  network->http =
+      _built(factory ? factory->lookupRequest(*request, *enabled, _currentUserGUID(), _requestClient())
+                     : std::nullopt);
+  network->retryable = true;
+  network->expire = _applyRenderDeadline(network->http, *enabled);
+  network->start = QXFeedbackFactory::lookupStartNetworkSearch(
+      request->queryString, network->http.url, network->http.headers, request->lookupSelectionType,
+      request->hintDomain, kEndpointCard);
   network->log = &log;
   network->gotResponseText = "Got network response for lookup query";
   _sendNetworkQuery(network, std::move(reply));
@@ -647,7 +670,7 @@ void ClientState::lookup(std::shared_ptr<const VORLookupRequest> request, QueryR
 
 void ClientState::flightSearch(std::shared_ptr<const VORFlightSearchRequest> request, QueryReply reply) {
   flightLog().info("session {} performing flight query, reply {}", identifier_, describeReply(reply));
-  if (assembly_->userDefaults && assembly_->userDefaults->boolForKey("VORFlightUseDebugData")) {
+  if (_flightDebugDataEnabled()) {
     _debugFlightSearch(*request, reply);
     return;
   }
@@ -655,27 +678,26 @@ void ClientState::flightSearch(std::shared_ptr<const VORFlightSearchRequest> req
       _enabledBag(*request, "Bag fetch failed, can't complete flight query.", flightLog(),
                   "no flights, bag disabled", reply);
   if (!enabled) return;
-  const VORBag& bag = *enabled;
   flightLog().debug("Dispatching network request for flight query");
   auto factory = assembly_->requestFactory;
-  auto http =
-      factory ? factory->flightSearchRequest(*request, bag, _currentUserGUID(), _requestClient()) : std::nullopt;
-  if (!http) {
-    flightLog().error("no flight request could be built");
-    if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no flight URL"));
-    return;
-  }
-  _applyRenderDeadline(*http, bag);
   auto network = std::make_shared<NetworkQuery>();
   network->request = request;
-  network->start = QXFeedbackFactory::startNetworkSearch(request->flightQuery, http->url, http->headers,
-                                                         kTriggerFlight, kEndpointFlight);
-  network->http = std::move(*http);
+  network->http =
+      _built(factory ? factory->flightSearchRequest(*request, *enabled, _currentUserGUID(), _requestClient())
+                     : std::nullopt);
+  network->retryable = true;
+  network->expire = _applyRenderDeadline(network->http, *enabled);
+  network->start = QXFeedbackFactory::startNetworkSearch(
+      request->flightQuery, network->http.url, network->http.headers, kTriggerFlight, kEndpointFlight);
   network->log = &flightLog();
   network->gotResponseText = "Got network response for flight query";
   _sendNetworkQuery(network, std::move(reply));
   _setPerformedSearch();
   _markNetworkRequest();
+}
+
+bool ClientState::_flightDebugDataEnabled() const {
+  return assembly_->userDefaults && assembly_->userDefaults->boolForKey("VORFlightUseDebugData");
 }
 
 std::optional<nlohmann::json> ClientState::_loadFlightDebugData() const {
@@ -685,12 +707,33 @@ std::optional<nlohmann::json> ClientState::_loadFlightDebugData() const {
       location = *configured;
   }
   const std::string path = location.rfind("file://", 0) == 0 ? location.substr(7) : location;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    flightLog().error("Failed to load flight test data. Error: cannot open {}", path);
+  // The default lies in a folder every local user can write to: only a regular file of this user that
+  // nobody else may change is believed, and it is opened without following a link.
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat st {};
+  std::string refusal;
+  if (!fd) {
+    refusal = fmt::format("cannot open {}: {}", path, std::strerror(errno));
+  } else if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    refusal = fmt::format("{} is not a regular file", path);
+  } else if (st.st_uid != ::geteuid() || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    refusal = fmt::format("{} is not owned by this user or is writable by others", path);
+  } else if (st.st_size > kMaxFlightDebugDataBytes) {
+    refusal = fmt::format("{} is larger than {} bytes", path, kMaxFlightDebugDataBytes);
+  }
+  if (!refusal.empty()) {
+    flightLog().error("Failed to load flight test data. Error: {}", refusal);
     return std::nullopt;
   }
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string text(static_cast<size_t>(st.st_size), '\0');
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = ::read(fd.get(), text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  text.resize(done);
   nlohmann::json parsed = nlohmann::json::parse(text, nullptr, false);
   if (!parsed.is_array()) {
     flightLog().error("Failed to parse flight test data json. Error: {}",
@@ -702,13 +745,11 @@ std::optional<nlohmann::json> ClientState::_loadFlightDebugData() const {
 
 void ClientState::_replyWithFlightEntries(const VORRequest& request, const QueryReply& reply,
                                           const std::function<bool(const nlohmann::json&)>& matches) {
-  auto entries = _loadFlightDebugData();
-  if (!entries) {
-    if (reply) reply(request.queryId, std::nullopt, VORError::make(500, "no flight debug data"));
-    return;
-  }
+  // Without the switch, or without readable debug data, no entry matches: the answer is an empty list.
+  std::optional<nlohmann::json> entries;
+  if (_flightDebugDataEnabled()) entries = _loadFlightDebugData();
   nlohmann::json matched = nlohmann::json::array();
-  for (const auto& entry : *entries) {
+  for (const auto& entry : entries.value_or(nlohmann::json::array())) {
     if (entry.is_object() && matches(entry)) matched.push_back(entry);
   }
   const std::string text = matched.dump();

@@ -42,6 +42,7 @@ class Logger;
 class ClientSessionManagerProtocol;
 class QXFeedback;
 class QueryCache;
+class Queue;
 
 class ClientState : public std::enable_shared_from_this<ClientState> {
  public:
@@ -57,7 +58,8 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   void setConfiguration(VORSessionConfiguration configuration);
   std::optional<VORSessionConfiguration> configuration() const;
 
-  // Setting the user agent also derives the short client name used in per-client counter names.
+  // Setting the user agent also derives the short client name used in per-client counter names
+  // (extractClientNameFromString of the client's part of the agent; empty when it names no known client).
   void setUserAgent(std::optional<std::string> userAgent);
   std::optional<std::string> userAgent() const;
   std::string clientShortName() const;
@@ -98,7 +100,10 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
                                     const Logger& log, std::string_view disabledText,
                                     const QueryReply& reply);
   // Look-up and flight answers are due by the bag's render deadline: a slower one ends as a time-out.
-  static void _applyRenderDeadline(HttpRequest& http, const VORBag& bag);
+  // Returns the deadline (now + the bag's render time-out), the expiry of the request's retries.
+  Time _applyRenderDeadline(HttpRequest& http, const VORBag& bag) const;
+  // The request a factory built, or an empty one (no URL) when it built none.
+  static HttpRequest _built(std::optional<HttpRequest> request);
   void _recordFeedback(QXFeedback feedback, const VORRequest& request, std::optional<Uuid> userGuid = std::nullopt);
   void _countForClient(std::string_view suffix) const;
 
@@ -127,7 +132,10 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // The field mask of this client's search-type requests: messaging clients ask for the "messages" set.
   std::optional<std::string> _fieldMask() const;
   void _forceFetchBagIfAsked(const HttpResponse& response);
-  // Flight debug data: the entries of the preference-named JSON file, or nothing after a log line.
+  // Flight debug data is used only while the preference "VORFlightUseDebugData" is true.
+  bool _flightDebugDataEnabled() const;
+  // The entries of the preference-named JSON file, or nothing after a log line. Only a regular file owned
+  // by this user and writable by nobody else is read.
   std::optional<nlohmann::json> _loadFlightDebugData() const;
   void _debugFlightSearch(const VORFlightSearchRequest& request, const QueryReply& reply);
   // Answers `request` with the debug entries that `matches` accepts, as a JSON array.
@@ -146,6 +154,8 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   std::optional<VORBag> bagSource_;
   std::optional<Time> lastNetworkRequest_;
   std::shared_ptr<QueryCache> queryCache_;
+  // Schedules the retries of retryable requests; its clock (the Assembly's) decides their expiry.
+  std::shared_ptr<Queue> retryQueue_;
 };
 
 }  // namespace vorlen

@@ -14,8 +14,13 @@ TEST(JsonValueTest, ConvertsBothWaysAndRefusesWhatAPropertyListCannotHold) {
   EXPECT_EQ(v->getDict()->at("big").type(), Value::Type::UInt);
   EXPECT_EQ(JsonValue::toJson(*v).dump(), R"({"a":[1,2.5,"x",true],"big":18446744073709551615})");
 
-  EXPECT_FALSE(JsonValue::toValue(nlohmann::json::parse(R"({"a": {"b": null}})"), &error));
-  EXPECT_EQ(error, ".a.b: null has no property-list form");
+  // Nulls inside containers are left out, as the archive coder leaves them out; only a null root fails.
+  auto dropped =
+      JsonValue::toValue(nlohmann::json::parse(R"({"a": {"b": null, "c": 1}, "d": [null, 2]})"), &error);
+  ASSERT_TRUE(dropped) << error;
+  EXPECT_EQ(JsonValue::toJson(*dropped).dump(), R"({"a":{"c":1},"d":[2]})");
+  EXPECT_FALSE(JsonValue::toValue(nlohmann::json(nullptr), &error));
+  EXPECT_EQ(error, "value: null has no property-list form");
 
   // Nesting is bounded so that hostile input cannot exhaust the stack; the limit itself still converts.
   auto nested = [](int depth) {

@@ -325,6 +325,32 @@ TEST_F(RequestFactoryTest, MoreResultsKeepsALatLngOfItsURLAndThenStartsNoLocatio
   EXPECT_EQ(location->startCount(), starts + 1);
 }
 
+// Zero keyword, look-up and flight search start the location service whatever the bag lists and the user
+// allows (a fix is still kept only when the bag accepts its source); search starts it only when both allow.
+TEST_F(RequestFactoryTest, ZeroKeywordLookupAndFlightAlwaysStartLocation) {
+  location->setAuthorizationStatus(LocationProvider::kDenied);
+  makeFactory();
+  const VORBag noSources = bag();
+  auto startsFor = [&](auto build) {
+    const int before = location->startCount();
+    EXPECT_TRUE(build());
+    assembly->locationManager->flushForTesting();
+    return location->startCount() - before;
+  };
+  EXPECT_EQ(startsFor([&] { return factory->searchRequest(VORSearchRequest{}, noSources, guid, client); }),
+            0);
+  EXPECT_EQ(startsFor([&] {
+              return factory->zeroKeywordRequest(VORZeroKeywordRequest{}, noSources, guid, client);
+            }),
+            1);
+  EXPECT_EQ(startsFor([&] { return factory->lookupRequest(VORLookupRequest{}, noSources, guid, client); }),
+            1);
+  EXPECT_EQ(startsFor([&] {
+              return factory->flightSearchRequest(VORFlightSearchRequest{}, noSources, guid, client);
+            }),
+            1);
+}
+
 TEST_F(RequestFactoryTest, CardLookupAndFlightRequestsCarryTheirOwnSets) {
   makeFactory();
   factory->setAppWhitelistSignature(std::string("sig-1"));
@@ -363,10 +389,12 @@ TEST_F(RequestFactoryTest, CardLookupAndFlightRequestsCarryTheirOwnSets) {
   EXPECT_EQ(item(l, "storefront"), "143444");
   EXPECT_FALSE(hasHeader(l, "X-Velmo-GeoEnvironment"));
   lookup.lookupSelectionType = 7;
-  lookup.queryString = "latin text";
+  lookup.queryString = "weather";
+  lookup.lookupContext = "как сегодня погода в москве и будет ли дождь вечером";
   Recorded l2 = send(*factory->lookupRequest(lookup, bag(), guid, client));
   EXPECT_EQ(item(l2, "ltype"), "default");
-  EXPECT_FALSE(item(l2, "qlang"));  // Latin script names no one language
+  EXPECT_FALSE(item(l2, "qlang"));  // one Latin word: neither the identifier nor the script can tell
+  EXPECT_EQ(item(l2, "lctxlang"), "ru");
 
   VORFlightSearchRequest flight;
   flight.flightQuery = "VL-123";

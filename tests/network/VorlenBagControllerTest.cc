@@ -364,6 +364,23 @@ TEST_F(BagControllerTest, FailedFetchesKeepTheInstalledBagAndSayWhy) {
   EXPECT_EQ(bagChanges.value(), 1);
 }
 
+// Servers send null for "no value"; a bag holding them, at any depth, still installs without them.
+TEST_F(BagControllerTest, NullsInAFetchedBagAreLeftOutAndTheBagInstalls) {
+  RefServer::BagControl control;
+  control.extra = R"({"unused": null, "resources": [null, {"identifier": "x", "url": null}]})";
+  server.setBagControl(control);
+  auto c = VorlenBagController::create(makeAssembly());
+  auto [bag, error] = fetch(c);
+  ASSERT_TRUE(bag) << (error ? error->describe() : std::string());
+  EXPECT_FALSE(error);
+  EXPECT_FALSE(bag->rawBag().count("unused"));
+  const Value::Array* resources = bag->rawBag().at("resources").getArray();
+  ASSERT_TRUE(resources);
+  ASSERT_EQ(resources->size(), 1u);
+  EXPECT_EQ(resources->at(0), Value(Value::Dict{{"identifier", Value("x")}}));
+  EXPECT_EQ(c->inMemoryBag()->version(), "1");
+}
+
 TEST_F(BagControllerTest, WithoutNetworkEachCallTriesOneFetchAndNeverRetries) {
   setBag(RefServer::BagMode::Drop);
   auto c = VorlenBagController::create(makeAssembly());

@@ -106,5 +106,39 @@ TEST_F(LinuxLocaleProviderTest, ChangesArePostedOncePerChangeAndAlwaysOnNotify) 
   EXPECT_EQ(posts, 2);
 }
 
+// The time zone is watched through TZ and /etc/localtime: a relinked or rewritten zone file and a new TZ
+// are each announced once, and the name follows them.
+TEST_F(LinuxLocaleProviderTest, TimeZoneChangesArePostedFromTZAndTheLocalTimeFile) {
+  ScopedEnv tz{"TZ", nullptr};
+  const auto localtime = dir / "localtime";
+  std::filesystem::create_symlink("/usr/share/zoneinfo/Europe/Berlin", localtime);
+  LinuxLocaleProvider provider(prefs, center, localtime);
+  int zonePosts = 0, localePosts = 0;
+  auto zoneToken = center->addObserver(kPlatformTimeZoneDidChangeNotification, &provider,
+                                       [&](const Notification&) { ++zonePosts; });
+  auto localeToken = center->addObserver(kPlatformCurrentLocaleDidChangeNotification, &provider,
+                                         [&](const Notification&) { ++localePosts; });
+  EXPECT_EQ(provider.timeZoneName(), "Europe/Berlin");
+  provider.checkForChanges();
+  EXPECT_EQ(zonePosts, 0);
+
+  std::filesystem::remove(localtime);
+  std::filesystem::create_symlink("/usr/share/zoneinfo/Asia/Tokyo", localtime);
+  provider.checkForChanges();
+  provider.checkForChanges();
+  EXPECT_EQ(zonePosts, 1);
+  EXPECT_EQ(provider.timeZoneName(), "Asia/Tokyo");
+
+  {
+    ScopedEnv newYork{"TZ", ":America/New_York"};
+    provider.checkForChanges();
+    EXPECT_EQ(zonePosts, 2);
+    EXPECT_EQ(provider.timeZoneName(), "America/New_York");
+  }
+  provider.checkForChanges();  // TZ gone again
+  EXPECT_EQ(zonePosts, 3);
+  EXPECT_EQ(localePosts, 0);
+}
+
 }  // namespace
 }  // namespace vorlen

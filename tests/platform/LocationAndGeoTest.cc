@@ -116,6 +116,7 @@ TEST_F(PlatformPreferencesTest, CountryCodeComesFromThePreferenceElseTheLocale) 
 TEST_F(PlatformPreferencesTest, RestrictionsAreReadFromTheirDictionaryAndChangesPosted) {
   record(kPlatformEffectiveSettingsDidChangeNotification);
   record(kPlatformAccountStoreDidChangeNotification);
+  record(kPlatformAccountCredentialsDidChangeNotification);
   LinuxDeviceRestrictions r(prefs, center);
   EXPECT_EQ(r.bookStoreSetting(), DeviceRestrictions::kNotSet);
   EXPECT_TRUE(r.isMediaStoreAllowed());
@@ -131,16 +132,18 @@ TEST_F(PlatformPreferencesTest, RestrictionsAreReadFromTheirDictionaryAndChanges
   r.checkForChanges();
   EXPECT_EQ(posted, std::vector<std::string>{kPlatformEffectiveSettingsDidChangeNotification});
 
+  // The managed account is this platform's account store and its credentials: both change with it.
   prefs->set(LinuxDeviceRestrictions::kManagedAccountKey, true);
   r.checkForChanges();
   r.checkForChanges();
-  EXPECT_EQ(posted.size(), 2u);
-  EXPECT_EQ(posted[1], kPlatformAccountStoreDidChangeNotification);
+  EXPECT_EQ(posted, (std::vector<std::string>{kPlatformEffectiveSettingsDidChangeNotification,
+                                              kPlatformAccountStoreDidChangeNotification,
+                                              kPlatformAccountCredentialsDidChangeNotification}));
 
   prefs->set(LinuxDeviceRestrictions::kDiagnosticsAllowedKey, true);
   EXPECT_TRUE(r.isDiagnosticSubmissionAllowed());
   r.checkForChanges();
-  EXPECT_EQ(posted.size(), 3u);
+  EXPECT_EQ(posted.size(), 4u);
 }
 
 }  // namespace

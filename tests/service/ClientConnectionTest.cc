@@ -4,7 +4,11 @@
 #include <future>
 #include <thread>
 
+#include <nlohmann/json.hpp>
+
 #include "base/Counters.h"
+#include "cache/CachedResultSet.h"
+#include "cache/QueryCache.h"
 #include "model/Constants.h"
 #include "model/QXResultSection.h"
 #include "model/QXSearchResult.h"
@@ -27,17 +31,30 @@ Value searchRequest(uint64_t queryId, std::string text) {
   return r.toRecord();
 }
 
-TEST_F(ClientConnectionTest, ConfigureRepliesWithEndpointThenSendsTheBagOutcome) {
+TEST_F(ClientConnectionTest, ConfigureSendsTheBagOutcomeThenRepliesWithTheEndpoint) {
+  // Calls and replies are served on the client's queue in the order they arrived: `arrivals` is the
+  // order on the wire.
   auto calls = std::make_shared<test::Inbox<IpcMessage>>();
-  auto c = connect(calls);
-  auto reply = call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")});
-  ASSERT_TRUE(reply);
-  auto endpoint = IpcEndpoint::fromValue(reply->at(0));
+  auto arrivals = std::make_shared<test::Inbox<std::string>>();
+  auto c = connect();
+  c->setCallHandler([calls, arrivals](const IpcMessage& m, IpcReplier) {
+    arrivals->put(m.op());
+    calls->put(m);
+  });
+  auto replies = std::make_shared<test::Inbox<Value::Array>>();
+  ASSERT_TRUE(c->call("configure:reply:", {configuration("com.example.browser", "Browser/3.1")},
+                      [replies, arrivals](const IpcMessage& m) {
+                        arrivals->put("reply");
+                        replies->put(m.args());
+                      }));
+  ASSERT_TRUE(replies->waitFor(1));
+  auto endpoint = IpcEndpoint::fromValue(replies->items()[0].at(0));
   ASSERT_TRUE(endpoint);
   EXPECT_EQ(endpoint, assembly->clientStateManager->endpoint());
 
-  // No bag can be had in this object graph: the client hears the time-out error.
-  ASSERT_TRUE(calls->waitFor(1));
+  // No bag can be had in this object graph: the client heard the time-out error, before the reply.
+  ASSERT_TRUE(arrivals->waitFor(2));
+  EXPECT_EQ(arrivals->items(), (std::vector<std::string>{"bagDidLoad:error:", "reply"}));
   IpcMessage bagCall = calls->items()[0];
   EXPECT_EQ(bagCall.op(), "bagDidLoad:error:");
   EXPECT_TRUE(bagCall.arg(0).isNull());
@@ -58,6 +75,22 @@ TEST_F(ClientConnectionTest, ConfigureRepliesWithEndpointThenSendsTheBagOutcome)
   auto both = call(again, "listSessions:", {});
   ASSERT_TRUE(both);
   EXPECT_EQ(*both->at(0).getArray()->at(1).find("agent")->getString(), agent);
+
+  // Bag changes announced one after another reach the client in that order.
+  for (int version = 2; version <= 6; ++version) {
+    Notification n;
+    n.name = kVORBagChangeNotification;
+    n.userInfo = Value::dict(
+        {{kVORBagKey, VORBag(Value::Dict{{"version", Value(std::to_string(version))}}, "").toRecord()}});
+    assembly->notificationCenter->post(n);
+  }
+  ASSERT_TRUE(calls->waitFor(6));
+  auto items = calls->items();
+  for (int version = 2; version <= 6; ++version) {
+    auto bag = VORBag::fromRecord(items[static_cast<size_t>(version - 1)].arg(0));
+    ASSERT_TRUE(bag);
+    EXPECT_EQ(bag->version(), std::to_string(version));
+  }
 }
 
 // No bag is installed when a client configures, and the background fetch that this starts completes on
@@ -146,6 +179,14 @@ TEST_F(ClientConnectionTest, AConfigurationThatLeavesNoStateClosesTheConnection)
     EXPECT_FALSE(call(c, "configure:reply:", {configuration(identifier, agent)}, std::chrono::milliseconds(500)));
     EXPECT_TRUE(test::waitUntil([&] { return closed->load(); }));
     EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Fault, "invalid configuration, closing connection"), 1u);
+    // An empty identifier is refused by the state manager, in its own words.
+    const bool noIdentifier = std::string(identifier).empty();
+    EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Fault,
+                                  "client session identifier cannot be nil or empty"),
+              noIdentifier ? 1u : 0u);
+    EXPECT_EQ(
+        test::countLogLines(capture.sink(), LogLevel::Fault, "configuration requires identifier and agent"),
+        noIdentifier ? 0u : 1u);
   }
   // Each refusal left an error event with code 500 and its reason in the daemon's own name.
   auto events = sessions->feedbacks();
@@ -184,11 +225,14 @@ TEST_F(ClientConnectionTest, OnlyTheNewestSearchIsAnswered) {
   ASSERT_TRUE(answered);
   EXPECT_TRUE(errorOf(answered->at(2)));
 
-  // Every accepted search left its skip event, with the query ids the connection was given.
-  auto events = sessions->feedbacks();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].feedback.className(), "VORSkipSearchFeedback");
-  EXPECT_EQ(events[0].queryId, 5);
+  // Every accepted search left its skip event, with the query ids the connection was given (the card,
+  // unsendable without a bag, left a failed search of its own).
+  std::vector<VorlenFeedback> skips;
+  for (const auto& e : sessions->feedbacks()) {
+    if (e.feedback.className() == "VORSkipSearchFeedback") skips.push_back(e);
+  }
+  ASSERT_EQ(skips.size(), 1u);
+  EXPECT_EQ(skips[0].queryId, 5);
 }
 
 TEST_F(ClientConnectionTest, RequestsTheDaemonDoesNotServeAreNeverAnswered) {
@@ -239,6 +283,52 @@ TEST_F(ClientConnectionTest, IdleConnectionsAreClosedAndEveryMessageRestartsTheT
   ASSERT_TRUE(sessions->invalidatedAgents.waitFor(1));
   EXPECT_TRUE(sessions->invalidatedAgents.items()[0].ends_with("Browser/3.1"));
   EXPECT_TRUE(test::waitUntil([&] { return service->getClientConnections().empty(); }));
+}
+
+// Two connections of one client share its state; when one of them ends, the state's query cache is
+// emptied, so the other no longer hears answers cached for the connection that went away.
+TEST_F(ClientConnectionTest, EndingAConnectionEmptiesItsStatesQueryCache) {
+  auto first = connect();
+  auto second = connect();
+  for (auto& c : {first, second}) {
+    ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")}));
+  }
+  auto state = assembly->clientStateManager->stateForClientIdentifier("com.example.browser");
+  ASSERT_TRUE(state && state->queryCache());
+  state->queryCache()->set(
+      std::make_shared<CachedResultSet>("wea", nullptr, nlohmann::json{{"query", "weather"}}, Uuid::random(),
+                                        std::vector<uint8_t>{1}, clock->now()));
+  ASSERT_TRUE(test::waitUntil([&] { return state->queryCache()->count() == 1u; }));
+
+  first->invalidate();
+  EXPECT_TRUE(test::waitUntil([&] { return service->getClientConnections().size() == 1u; }));
+  EXPECT_TRUE(test::waitUntil([&] { return state->queryCache()->count() == 0u; }));
+  EXPECT_FALSE(state->queryCache()->get("weather"));
+  EXPECT_TRUE(call(second, "listSessions:", {}));  // the other connection is untouched
+}
+
+// Per-client counters carry the client the agent names, taken from the client's own part of the agent
+// (the daemon's prefix names the daemon); an agent naming no known client counts nothing per client.
+TEST_F(ClientConnectionTest, PerClientCountersAreNamedAfterTheClientTheAgentNames) {
+  struct Case {
+    std::string identifier, agent, shortName;
+  };
+  for (const Case& k : {Case{"com.example.messages", "Messages/2", "messages"},
+                        Case{"com.example.news", "NewsReader/1 Voyant/5", "voyant"},
+                        Case{"com.example.browser", "Browser/3.1", ""},
+                        Case{"com.example.daemon", "Vorlend/1.0 (Dev; OS 1) Vorlend/1.0", "vorlend"}}) {
+    SCOPED_TRACE(k.agent);
+    auto c = connect();
+    ASSERT_TRUE(call(c, "configure:reply:", {configuration(k.identifier, k.agent)}));
+    auto state = assembly->clientStateManager->stateForClientIdentifier(k.identifier);
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->clientShortName(), k.shortName);
+    ASSERT_TRUE(call(c, "request:reply:", {searchRequest(1, "hel")}));
+    if (!k.shortName.empty()) {
+      EXPECT_EQ(platform.counters->value("com.velmo.vorlend." + k.shortName + ".keystrokes"), 1);
+    }
+  }
+  EXPECT_EQ(platform.counters->value("com.velmo.vorlend.unknown.keystrokes"), 0);
 }
 
 TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCounted) {

@@ -266,20 +266,100 @@ TEST_F(ClientStateQueryTest, ZeroKeywordMoreResultsAndCards) {
   auto page = ask(c, more);
   EXPECT_EQ(body(page)["results"].size(), 5u);
 
-  ScopedLogCapture capture;
-  more.queryItems.push_back(queryItem("ref_status", "404"));
-  auto missing = ask(c, more);
-  ASSERT_TRUE(missing.error);
-  EXPECT_EQ(missing.error->code, 404);
-  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "More results fetch failed with HTTP status code 404"),
-            1u);
-  EXPECT_EQ(countOf("QXErrorFeedback"), 1u);
-
   VORCardRequest card;
   card.queryId = 3;
   card.queryItems.push_back(queryItem("q", "news"));
   auto answered = ask(c, card);
   EXPECT_EQ(body(answered)["card"]["title"], "news");
+}
+
+// Against a service that drops every connection: more results and card carry no expiry and are sent once;
+// look-up and flight search are retried until their render deadline passes (it never does on the test's
+// clock), so each is sent four times and answered once, with the last attempt's error. Every request here
+// is dropped, so none goes out on a reused connection that the HTTP client might quietly send again.
+TEST_F(ClientStateQueryTest, EachKindIsRetriedAsItsDeadlineAllows) {
+  auto c = configured();
+  auto dropped = [](auto request) {
+    request.queryItems.push_back(queryItem("ref_drop", "1"));
+    return request;
+  };
+  VORMoreResultsRequest more;
+  more.queryId = 1;
+  more.queryItems.push_back(queryItem("q", "news"));
+  VORCardRequest card;
+  card.queryId = 2;
+  card.queryItems.push_back(queryItem("q", "news"));
+  VORLookupRequest lookup;
+  lookup.queryId = 3;
+  lookup.queryString = "serendipity";
+  VORFlightSearchRequest flight;
+  flight.queryId = 4;
+  flight.flightQuery = "VL-7";
+
+  struct Case {
+    const VORRequest* request;
+    std::string path;
+    size_t attempts;
+  };
+  const auto moreDropped = dropped(more);
+  const auto cardDropped = dropped(card);
+  const auto lookupDropped = dropped(lookup);
+  const auto flightDropped = dropped(flight);
+  for (const Case& k : {Case{&moreDropped, "/more", 1}, Case{&cardDropped, "/card", 1},
+                        Case{&lookupDropped, "/search", 4}, Case{&flightDropped, "/flight", 4}}) {
+    SCOPED_TRACE(k.path);
+    const size_t before = server.requestCount(k.path);
+    auto answer = ask(c, *k.request);
+    ASSERT_TRUE(answer.error);
+    EXPECT_EQ(answer.error->domain, kVORURLErrorDomain);
+    EXPECT_EQ(server.requestCount(k.path) - before, k.attempts);
+  }
+}
+
+// Requests that cannot be sent or answers the client cannot use end the way the network path ends them:
+// a transport failure, or an empty answer with a failed search recorded.
+TEST_F(ClientStateQueryTest, UnsendableRequestsAndHttpFailuresAnswerAsTheNetworkPathDoes) {
+  auto c = configured();
+  ScopedLogCapture capture;
+  VORMoreResultsRequest more;
+  more.queryId = 1;
+  more.queryItems.push_back(queryItem("q", "news"));
+  more.queryItems.push_back(queryItem("ref_status", "404"));
+  auto missing = ask(c, more);
+  EXPECT_FALSE(missing.error);
+  EXPECT_FALSE(missing.reply);
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error,
+                                "More results fetch failed with HTTP status code 404"),
+            1u);
+  VORCardRequest card;
+  card.queryId = 2;
+  card.queryItems.push_back(queryItem("ref_status", "500"));
+  auto failed = ask(c, card);
+  EXPECT_FALSE(failed.error);
+  EXPECT_FALSE(failed.reply);
+  EXPECT_EQ(
+      test::countLogLines(capture.sink(), LogLevel::Error, "Card fetch failed with HTTP status code 500"),
+      1u);
+  EXPECT_EQ(countOf("QXErrorFeedback"), 2u);
+
+  // A bag without search and flight URLs: the requests have nowhere to go and fail as unsendable.
+  switchBag(R"({"search_url": null, "flight_url": null})");
+  VORLookupRequest lookup;
+  lookup.queryId = 3;
+  lookup.queryString = "serendipity";
+  VORFlightSearchRequest flight;
+  flight.queryId = 4;
+  flight.flightQuery = "VL-7";
+  for (const VORRequest* r : std::initializer_list<const VORRequest*>{&lookup, &flight}) {
+    auto answer = ask(c, *r);
+    ASSERT_TRUE(answer.error);
+    EXPECT_EQ(answer.error->domain, kVORURLErrorDomain);
+    EXPECT_EQ(answer.error->code, HttpError::kUnsupportedURL);
+  }
+  auto typed = ask(c, search(5, "news"));
+  ASSERT_TRUE(typed.error);
+  EXPECT_EQ(typed.error->code, HttpError::kUnsupportedURL);
+  EXPECT_EQ(countOf("QXErrorFeedback"), 5u);
 }
 
 TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
@@ -321,8 +401,29 @@ TEST_F(ClientStateQueryTest, FlightsCanBeServedFromDebugData) {
   EXPECT_EQ(body(looked)[0]["flight_number"], "12");
   EXPECT_EQ(server.requestCount("/flight"), 0u);
 
-  // Without debug data a flight search goes to the service.
+  // A file that another user could have planted or changed is not believed: nothing matches.
+  {
+    ScopedLogCapture capture;
+    std::filesystem::permissions(file,
+                                 std::filesystem::perms::group_write | std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::add);
+    EXPECT_TRUE(body(ask(c, byId)).empty());
+    EXPECT_EQ(
+        test::countLogLines(capture.sink(), LogLevel::Error, "Failed to load flight test data. Error: "), 1u);
+    std::filesystem::permissions(file,
+                                 std::filesystem::perms::group_write | std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::remove);
+    const auto link = dir / "flights-link.json";
+    std::filesystem::create_symlink(file, link);
+    assembly->userDefaults->set("VORFlightDebugDataLocation", Value("file://" + link.string()));
+    EXPECT_TRUE(body(ask(c, byId)).empty());
+    assembly->userDefaults->set("VORFlightDebugDataLocation", Value("file://" + file.string()));
+  }
+
+  // Without the switch the debug file is never read: a look-up finds nothing and a flight search goes to
+  // the service.
   assembly->userDefaults->set("VORFlightUseDebugData", Value(false));
+  EXPECT_TRUE(body(ask(c, byId)).empty());
   flight.flightQuery = "VL-7";
   auto live = ask(c, flight);
   EXPECT_EQ(body(live)["flights"][0]["flight_number"], "7");
@@ -363,10 +464,22 @@ TEST_F(ClientStateWithoutBagTest, QueriesAnswerTheTimeOutErrorWhileNoBagCanBeHad
   EXPECT_EQ(sessions->feedbacks().back().feedback.uint("triggerEvent"), 3u);
   EXPECT_EQ(server.requestCount("/search"), 0u);
 
+  // More results and card have no bag check: without a bag they have no URL and cannot be sent.
+  VORMoreResultsRequest more;
+  more.queryId = 2;
+  VORCardRequest card;
+  card.queryId = 3;
+  for (const VORRequest* r : std::initializer_list<const VORRequest*>{&more, &card}) {
+    auto unsent = ask(c, *r);
+    ASSERT_TRUE(unsent.error);
+    EXPECT_EQ(unsent.error->domain, kVORURLErrorDomain);
+    EXPECT_EQ(unsent.error->code, HttpError::kUnsupportedURL);
+  }
+
   // Once the service gives a bag, the next query goes through.
   server.setBagControl({});
   ASSERT_TRUE(eventually([&] { return bags->currentBag().has_value(); }));
-  auto later = ask(c, search(2, "news"));
+  auto later = ask(c, search(4, "news"));
   EXPECT_EQ(body(later)["query"], "news");
 }
 
