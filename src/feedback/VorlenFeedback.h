@@ -70,7 +70,7 @@ struct VorlenFeedback {
   // The upload form, keys in their documented order.
   nlohmann::ordered_json dictionary() const;
   // The log form as JSON text; nothing when it cannot be serialised (counted as
-  // "com.velmo.vorlend.feedbacknotsent").
+  // "com.velmo.vorlend.feedbacknotsent"). It holds what the user typed: log it only inside Private().
   std::optional<std::string> description() const;
 
   Value toArchive() const;
