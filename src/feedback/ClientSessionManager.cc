@@ -186,7 +186,7 @@ void ClientSessionManager::_acceptFeedback(VorlenFeedback feedback) {
   feedback.userGuid =
       _guidController ? std::optional<Uuid>(_guidController->currentUserGUID()) : std::nullopt;
 
-  if (_currentState != kStateClosed && _session && _session->userGuid() != feedback.userGuid) {
+  if (_currentState != kStateClosed && _session && _sessionUserGuid != feedback.userGuid) {
     _updateState(kEventGuidChanged, std::move(feedback), {});
   } else if (_currentState != kStateOpen && _currentState != kStateClosed &&
              eventSuggestsSessionEnd(feedback.type())) {
@@ -329,6 +329,9 @@ void ClientSessionManager::_setNewSession(VorlenFeedback feedback) {
   } else {
     _session = ClientSession::create(*_assembly, std::move(feedback), _flushReason);
   }
+  // The session's GUID never changes: kept here, it is compared with every envelope without a hop onto
+  // the session's queue.
+  _sessionUserGuid = _session->userGuid();
   sessionLog().debug("new session id {} {}", counter, _identifier);
 
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();
