@@ -172,26 +172,27 @@ void ClientSession::addFeedback(VorlenFeedback feedback) {
 }
 
 void ClientSession::_append(VorlenFeedback feedback) {
-  _sessionQueue->async([self = shared_from_this(), feedback = std::move(feedback)]() mutable {
-    if (!self->context_.testFeedbacks) {
+  // A synchronous hop: the session's queue is idle nearly always, so the append runs in place on the
+  // caller's thread instead of waking a worker for every event, and calls from one thread stay in order.
+  _sessionQueue->sync([&] {
+    if (!context_.testFeedbacks) {
       // The list and the file are independent: a slow or failed write does not hold the event back.
-      if (self->storageHandle_) self->storageHandle_->writeFeedback(feedback, {});
-      self->sessionFeedbacks_.push_back(std::move(feedback));
+      if (storageHandle_) storageHandle_->writeFeedback(feedback, {});
+      sessionFeedbacks_.push_back(std::move(feedback));
       return;
     }
     // Test mode: the event joins the list only once its record is written.
-    if (!self->storageHandle_) {
-      self->sessionFeedbacks_.push_back(std::move(feedback));
+    if (!storageHandle_) {
+      sessionFeedbacks_.push_back(std::move(feedback));
       return;
     }
-    auto handle = self->storageHandle_;
-    handle->writeFeedback(feedback, [self, feedback]() mutable {
+    auto self = shared_from_this();
+    storageHandle_->writeFeedback(feedback, [self, feedback]() mutable {
       if (self->_sessionQueue->isCurrent()) {
         self->sessionFeedbacks_.push_back(std::move(feedback));
       } else {
-        self->_sessionQueue->async([self, feedback = std::move(feedback)]() mutable {
-          self->sessionFeedbacks_.push_back(std::move(feedback));
-        });
+        self->_sessionQueue->async(
+            [self, feedback = std::move(feedback)]() mutable { self->sessionFeedbacks_.push_back(std::move(feedback)); });
       }
     });
   });

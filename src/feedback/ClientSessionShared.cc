@@ -22,17 +22,17 @@ ClientSessionShared::ClientSessionShared(ClientSession::Context context, int64_t
 }
 
 void ClientSessionShared::addFeedback(VorlenFeedback feedback) {
-  queue_->async([self = shared_from_this(), feedback = std::move(feedback)]() mutable {
-    for (auto& [agent, session] : self->sessionMap_) {
+  // Synchronous for the same reason as a session's own adds: no worker is woken per event.
+  queue_->sync([&] {
+    for (auto& [agent, session] : sessionMap_) {
       if (agent == feedback.userAgent) {
         session->addFeedback(std::move(feedback));
         return;
       }
     }
     std::string agent = feedback.userAgent;
-    self->sessionMap_.emplace_back(
-        std::move(agent),
-        ClientSession::create(self->context_, std::move(feedback), self->_previousSessionEndReason));
+    sessionMap_.emplace_back(std::move(agent),
+                             ClientSession::create(context_, std::move(feedback), _previousSessionEndReason));
   });
 }
 

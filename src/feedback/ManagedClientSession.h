@@ -3,8 +3,8 @@
 // agent). Beyond adding and completing, the manager enumerates the per-agent sessions to end them, and
 // reads the events for the clients that ask for them.
 //
-// Threading: every method is safe from any thread; the session orders the calls it receives (adds are
-// queued; readers and enumeration wait for the adds queued before them).
+// Threading: every method is safe from any thread; the session orders the calls it receives, and readers
+// and enumeration see every add made before them.
 #pragma once
 
 #include <functional>
