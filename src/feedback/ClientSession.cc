@@ -273,7 +273,9 @@ nlohmann::ordered_json ClientSession::privacyFilteredFeedbacksWithRelativeTimest
 
 nlohmann::ordered_json ClientSession::getFeedbacksToSend(SessionProcessingHelper& helper) {
   nlohmann::ordered_json record = nlohmann::ordered_json::object();
-  record["fb"] = privacyFilteredFeedbacksWithRelativeTimestamp(helper);
+  // The events go in last, into the slot that keeps their place first: an ordered object copies its
+  // members whenever it grows, and the events are nearly all of the record.
+  record["fb"] = nullptr;
   record["agent"] = agent_;
   record["user_guid"] = userGuid_ ? userGuid_->string() : std::string();
   record["resource_versions"] = JsonValue::toJson(Value(resourceVersions_));
@@ -285,6 +287,7 @@ nlohmann::ordered_json ClientSession::getFeedbacksToSend(SessionProcessingHelper
   record["base_time"] = baseTime;
   record["previous_session_end_reason"] =
       VorlenSessionEndFeedback::triggerEventEnumToString(previousSessionEndReason_);
+  record["fb"] = privacyFilteredFeedbacksWithRelativeTimestamp(helper);
   return record;
 }
 
