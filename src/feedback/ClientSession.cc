@@ -191,8 +191,9 @@ void ClientSession::_append(VorlenFeedback feedback) {
       if (self->_sessionQueue->isCurrent()) {
         self->sessionFeedbacks_.push_back(std::move(feedback));
       } else {
-        self->_sessionQueue->async(
-            [self, feedback = std::move(feedback)]() mutable { self->sessionFeedbacks_.push_back(std::move(feedback)); });
+        self->_sessionQueue->async([self, feedback = std::move(feedback)]() mutable {
+          self->sessionFeedbacks_.push_back(std::move(feedback));
+        });
       }
     });
   });

@@ -61,7 +61,8 @@ int run(int argc, char** argv) {
 
   auto* feedback = app.add_subcommand("feedback", "the feedback the daemon collects");
   feedback->require_subcommand(1);
-  auto* fCurrent = feedback->add_subcommand("current", "the open session's events, with times relative to its first");
+  auto* fCurrent =
+      feedback->add_subcommand("current", "the open session's events, with times relative to its first");
 
   auto* defaults = app.add_subcommand("defaults", "read, write or delete a preference");
   defaults->require_subcommand(1);
@@ -145,7 +146,8 @@ int run(int argc, char** argv) {
   else if (*bag) code = command.bag();
   else if (*sessions) code = command.sessions();
   else if (*report) code = command.report(eventJson, queryId);
-  else if (*fCurrent) code = command.feedbackCurrent();
+  else if (*fCurrent)
+    code = command.feedbackCurrent();
   return static_cast<int>(code);
 }
 
