@@ -357,6 +357,22 @@ TEST(FeedbackEncodingTest, DescriptionCarriesMachineTimeAndCountsWhatCannotBeWri
   Counters::install(nullptr);
 }
 
+TEST(FeedbackEncodingTest, ValueFormLeavesOutNullsAndKeepsNumbersExact) {
+  QXSearchResult noId = test::result("");
+  noId.identifier.reset();
+  VorlenFeedback f(event("QXResultEngagementFeedback", {{"result", noId.toRecord()}}), INT64_MIN,
+                   std::nullopt, "agent", UINT64_MAX);
+  f.relTimestamp = 3;
+  ASSERT_TRUE(f.dictionary()["result"].is_null());
+  Value v = f.dictionaryValue();
+  EXPECT_EQ(v.find("result"), nullptr);
+  EXPECT_EQ(v.find("query_id")->getInt(), INT64_MIN);
+  EXPECT_EQ(v.find("client_query_id")->getUInt(), UINT64_MAX);
+  EXPECT_EQ(*v.find("type")->getString(), "result_engagement");
+  EXPECT_EQ(v.find("timestamp")->getUInt(), 3u);
+  EXPECT_EQ(v.find("non_vorlen_result")->getBool(), false);
+}
+
 TEST(FeedbackEncodingTest, ComparatorSortsByMachineTimeKeepingTies) {
   std::vector<VorlenFeedback> list;
   for (auto [t, id] :
