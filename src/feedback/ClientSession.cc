@@ -227,10 +227,10 @@ size_t ClientSession::feedbackCount() const {
   return n;
 }
 
-nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHelper* helper) {
-  nlohmann::ordered_json out = nlohmann::ordered_json::array();
+std::vector<VorlenFeedback> ClientSession::_sortedWithRelativeTimestamps() {
+  std::vector<VorlenFeedback> events = getSessionFeedbacks();
   uint64_t base = 0;  // 0: not set yet (an event stamped 0 leaves it unset)
-  for (VorlenFeedback& feedback : getSessionFeedbacks()) {
+  for (VorlenFeedback& feedback : events) {
     const uint64_t timestamp = feedback.feedback.timestamp();
     if (base == 0) {
       feedback.relTimestamp = 0;
@@ -240,6 +240,13 @@ nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHel
       feedback.relTimestamp =
           (timestamp > base ? timestamp - base : 0) / QXFeedback::kMachineTimeUnitsPerMillisecond;
     }
+  }
+  return events;
+}
+
+nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHelper* helper) {
+  nlohmann::ordered_json out = nlohmann::ordered_json::array();
+  for (VorlenFeedback& feedback : _sortedWithRelativeTimestamps()) {
     if (helper) feedback.process(*helper);
     nlohmann::ordered_json dictionary = feedback.dictionary();
     if (dictionary.is_null()) {
@@ -248,6 +255,12 @@ nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHel
     }
     out.push_back(std::move(dictionary));
   }
+  return out;
+}
+
+Value::Array ClientSession::feedbackValuesWithRelativeTimestamp() {
+  Value::Array out;
+  for (const VorlenFeedback& feedback : _sortedWithRelativeTimestamps()) out.push_back(feedback.dictionaryValue());
   return out;
 }
 

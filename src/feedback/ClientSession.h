@@ -81,6 +81,7 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   // The number of events held (waits for the adds queued before it).
   size_t feedbackCount() const;
   nlohmann::ordered_json feedbacksWithRelativeTimestamp() override;
+  Value::Array feedbackValuesWithRelativeTimestamp() override;
   nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(
       SessionProcessingHelper& helper) override;
 
@@ -106,6 +107,8 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   void _start(VorlenFeedback feedback, int64_t previousSessionEndReason);
   bool _recordFirstUseOfTheDay();
   void _append(VorlenFeedback feedback);
+  // The events in time order with their relative times set.
+  std::vector<VorlenFeedback> _sortedWithRelativeTimestamps();
   // The sorted events with relative times; each event is processed with `helper` first when given.
   nlohmann::ordered_json _relativeDictionaries(SessionProcessingHelper* helper);
 

@@ -81,6 +81,14 @@ nlohmann::ordered_json ClientSessionShared::feedbacksWithRelativeTimestamp() {
   return out;
 }
 
+Value::Array ClientSessionShared::feedbackValuesWithRelativeTimestamp() {
+  Value::Array out;
+  for (const auto& session : sessions()) {
+    for (Value& event : session->feedbackValuesWithRelativeTimestamp()) out.push_back(std::move(event));
+  }
+  return out;
+}
+
 nlohmann::ordered_json ClientSessionShared::privacyFilteredFeedbacksWithRelativeTimestamp(
     SessionProcessingHelper& helper) {
   nlohmann::ordered_json out = nlohmann::ordered_json::array();

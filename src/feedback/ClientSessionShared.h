@@ -35,6 +35,7 @@ class ClientSessionShared final : public ManagedClientSession,
   void enumerateSessions(const std::function<void(ClientSession& session, bool last)>& block) override;
   std::vector<VorlenFeedback> getSessionFeedbacks() override;
   nlohmann::ordered_json feedbacksWithRelativeTimestamp() override;
+  Value::Array feedbackValuesWithRelativeTimestamp() override;
   nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(
       SessionProcessingHelper& helper) override;
 

@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/Uuid.h"
+#include "base/Value.h"
 #include "feedback/ClientSessionProtocol.h"
 #include "feedback/VorlenFeedback.h"
 
@@ -33,6 +34,8 @@ class ManagedClientSession : public ClientSessionProtocol {
   virtual std::vector<VorlenFeedback> getSessionFeedbacks() = 0;
   // The upload dictionaries of the events in time order, with times relative to the first (an array).
   virtual nlohmann::ordered_json feedbacksWithRelativeTimestamp() = 0;
+  // The same as property-list values, for replies to clients (JSON null entries left out).
+  virtual Value::Array feedbackValuesWithRelativeTimestamp() = 0;
   // The same after each event was processed with `helper` (identifiers replaced by session-local ones),
   // led by the missing suggestions and missing results that `helper` collected.
   virtual nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(
