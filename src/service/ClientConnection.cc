@@ -8,6 +8,8 @@
 #include "base/Transaction.h"
 #include "cache/EngagedCompletionCache.h"
 #include "cache/QueryCache.h"
+#include "feedback/ClientSession.h"
+#include "feedback/ClientSessionManager.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "feedback/VorlenFeedback.h"
 #include "ipc/IpcConnection.h"
@@ -452,8 +454,7 @@ void ClientConnection::reportEvent(const QXFeedback& feedback, uint64_t queryId)
 void ClientConnection::_reportEvent(const QXFeedback& feedback, uint64_t queryId) {
   auto bound = state();
   if (!bound) {
-    // The error becomes a one-off feedback session of its own once sessions are stored; until then the
-    // log line is all that remains of it.
+    _reportErrorAsFeedbackSession("client state nil");
     feedbackLog().error("state must not be nil");
     return;
   }
@@ -463,6 +464,7 @@ void ClientConnection::_reportEvent(const QXFeedback& feedback, uint64_t queryId
   }
   auto manager = bound->sessionManager();
   if (!manager) {
+    _reportErrorAsFeedbackSession("session manager nil");
     feedbackLog().error("session manager nil");
     return;
   }
@@ -512,15 +514,12 @@ void ClientConnection::_resultEngagementExtras(const ClientState& state, const Q
 }
 
 void ClientConnection::_reportErrorAsVorlendFeedback(const VORError& error) {
-  auto manager = assembly_->clientSessionManager;
-  if (!manager) return;
-  std::optional<Uuid> guid;
-  if (assembly_->guidController) guid = assembly_->guidController->currentUserGUID();
-  std::string agent;
-  if (assembly_->platform.device) {
-    agent = createUserAgentString(kVORVorlendNameVersion, *assembly_->platform.device).value_or("");
-  }
-  manager->addVorlenFeedback(VorlenFeedback(QXFeedbackFactory::error(error), 0, guid, agent));
+  ClientSessionManager::reportErrorAsVorlendFeedback(error, *assembly_);
+}
+
+void ClientConnection::_reportErrorAsFeedbackSession(const std::string& reason) {
+  // With no session manager to take it, the error is a finished session of its own.
+  ClientSession::createFeedbackSessionFromError(VORError::make(500, reason), *assembly_)->sessionComplete();
 }
 
 void ClientConnection::feedback(IpcReplier reply) {

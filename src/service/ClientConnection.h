@@ -112,6 +112,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
                        const std::optional<VORError>& error);
   void _resultEngagementExtras(const ClientState& state, const QXFeedback& feedback);
   void _reportErrorAsVorlendFeedback(const VORError& error);
+  void _reportErrorAsFeedbackSession(const std::string& reason);
   void _observeBagChanges();
   void bagChangeNotification(const Notification& notification);
   void forwardResourceNotification(const Notification& notification, const char* op);

@@ -19,6 +19,7 @@
 #include "cache/EngagedCompletionCache.h"
 #include "cache/QueryCache.h"
 #include "feedback/ClientCounterName.h"
+#include "feedback/ClientSessionManager.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "feedback/VorlenFeedback.h"
 #include "ipc/UniqueFd.h"
@@ -185,8 +186,32 @@ std::string ClientState::clientShortName() const {
   return clientShortName_;
 }
 
+void ClientState::_ensureFeedbackIdentity() const {
+  if (!assembly_) return;
+  std::call_once(feedbackIdentityOnce_, [this] {
+    const Logger& log = VorlenLogForCategory(VorlenLogCategorySession);
+    if (assembly_->sharedSession) {
+      log.info("Vorlen is using shared instance of guid controller");
+      return;
+    }
+    // Sessions per client: this client's GUIDs rotate on their own and its sessions end on their own.
+    log.info("Vorlen is using individual instance of guid controller {}", identifier_);
+    auto guids = VorlenUserGUIDController::create(*assembly_);
+    ownGuidController_ = guids;
+    ownSessionManager_ = ClientSessionManager::create(assembly_, guids, identifier_);
+  });
+}
+
 std::shared_ptr<ClientSessionManagerProtocol> ClientState::sessionManager() const {
+  _ensureFeedbackIdentity();
+  if (ownSessionManager_) return ownSessionManager_;
   return assembly_ ? assembly_->clientSessionManager : nullptr;
+}
+
+std::shared_ptr<GUIDController> ClientState::guidController() const {
+  _ensureFeedbackIdentity();
+  if (ownGuidController_) return ownGuidController_;
+  return assembly_ ? assembly_->guidController : nullptr;
 }
 
 std::optional<VORBag> ClientState::bag() const {
@@ -288,7 +313,7 @@ VORRequestClient ClientState::_requestClient() const {
 }
 
 Uuid ClientState::_currentUserGUID() const {
-  auto guid = assembly_ ? assembly_->guidController : nullptr;
+  auto guid = guidController();
   return guid ? guid->currentUserGUID() : Uuid();
 }
 

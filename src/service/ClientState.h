@@ -40,6 +40,7 @@ namespace vorlen {
 class Assembly;
 class Logger;
 class ClientSessionManagerProtocol;
+class GUIDController;
 class QXFeedback;
 class QueryCache;
 class Queue;
@@ -64,8 +65,10 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   std::optional<std::string> userAgent() const;
   std::string clientShortName() const;
 
-  // The client's feedback session manager: the Assembly's shared one. May be null.
+  // The client's feedback session manager and user GUID source: the Assembly's shared ones, or with
+  // "VORSharedSession" off, the client's own (made on first use). May be null.
   std::shared_ptr<ClientSessionManagerProtocol> sessionManager() const;
+  std::shared_ptr<GUIDController> guidController() const;
   // The client's in-memory query cache; null when the preference "VORNoQueryCache" is true.
   std::shared_ptr<QueryCache> queryCache() const { return queryCache_; }
   // The bag as this client sees it; nothing until one was had.
@@ -129,6 +132,8 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // The request identity of this client for the request factory.
   VORRequestClient _requestClient() const;
   Uuid _currentUserGUID() const;
+  // Decides once, on first use, between the shared and the client's own GUID controller and manager.
+  void _ensureFeedbackIdentity() const;
   // The field mask of this client's search-type requests: messaging clients ask for the "messages" set.
   std::optional<std::string> _fieldMask() const;
   void _forceFetchBagIfAsked(const HttpResponse& response);
@@ -156,6 +161,10 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   std::shared_ptr<QueryCache> queryCache_;
   // Schedules the retries of retryable requests; its clock (the Assembly's) decides their expiry.
   std::shared_ptr<Queue> retryQueue_;
+  // Set once under feedbackIdentityOnce_, then read-only; null when the shared ones serve this client.
+  mutable std::once_flag feedbackIdentityOnce_;
+  mutable std::shared_ptr<GUIDController> ownGuidController_;
+  mutable std::shared_ptr<ClientSessionManagerProtocol> ownSessionManager_;
 };
 
 }  // namespace vorlen

@@ -4,6 +4,8 @@
 
 #include "base/Counters.h"
 #include "base/Log.h"
+#include "feedback/ClientSession.h"
+#include "feedback/ClientSessionManager.h"
 #include "ipc/IpcConnection.h"
 #include "network/HttpSessions.h"
 #include "network/VorlenUserGUIDController.h"
@@ -33,8 +35,23 @@ std::shared_ptr<VorlenService> VorlenService::create(std::shared_ptr<Assembly> a
 VorlenService::VorlenService(std::shared_ptr<Assembly> assembly, ClientConnectionOptions connectionOptions)
     : assembly_(std::move(assembly)), connectionOptions_(std::move(connectionOptions)) {
   queue_ = Queue::serial("com.velmo.vorlen.serviceQueue", QueuePriority::Default, assembly_->clock());
-  assembly_->sharedSession = assembly_->userDefaults ? assembly_->userDefaults->boolForKey("VORSharedSession") : true;
+  // One feedback session for every client unless the preference says otherwise.
+  const auto& defaults = assembly_->userDefaults;
+  assembly_->sharedSession =
+      defaults && defaults->contains("VORSharedSession") ? defaults->boolForKey("VORSharedSession") : true;
   if (!assembly_->guidController) assembly_->guidController = VorlenUserGUIDController::create(*assembly_);
+  // The shared manager; with individual sessions each client state makes its own as well.
+  if (!assembly_->clientSessionManager) {
+    assembly_->clientSessionManager =
+        ClientSessionManager::create(assembly_, assembly_->guidController, "vorlen");
+  }
+  // Components that describe their own work as a session (the bag fetch) open real ones from now on.
+  if (!assembly_->makeClientSession) {
+    assembly_->makeClientSession = [](const Assembly& a,
+                                      VorlenFeedback first) -> std::shared_ptr<ClientSessionProtocol> {
+      return ClientSession::create(a, std::move(first));
+    };
+  }
 }
 
 bool VorlenService::shouldAcceptNewConnection(IpcListener&, const std::shared_ptr<IpcConnection>& connection) {

@@ -1,5 +1,5 @@
 // VorlenService: the delegate of the service socket's listener. It completes the object graph at start-up
-// (shared-session switch and user GUID controller), accepts every client connection, makes one
+// (shared-session switch, user GUID controller, session manager), accepts every client connection, makes one
 // ClientConnection for each, and keeps the list of live connections.
 //
 // Accepting never refuses: a process holding two or more connections at once is logged as an error
@@ -24,7 +24,8 @@ class Assembly;
 
 class VorlenService : public IpcListenerDelegate, public std::enable_shared_from_this<VorlenService> {
  public:
-  // Fills the Assembly's sharedSession ("VORSharedSession") and guidController slots.
+  // Fills the Assembly's sharedSession ("VORSharedSession", true when unset), guidController,
+  // clientSessionManager (identifier "vorlen") and makeClientSession slots; a slot already filled is kept.
   static std::shared_ptr<VorlenService> create(std::shared_ptr<Assembly> assembly,
                                                ClientConnectionOptions connectionOptions = {});
 

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "FeedbackListing.h"
 #include "JsonRecordReader.h"
 #include "TypingSession.h"
 #include "base/JsonValue.h"
@@ -163,6 +164,24 @@ ExitCode DaemonCommands::report(const std::string& eventJson, uint64_t queryId) 
   std::string className(record->className());
   out_.line("reported " + className);
   out_.document({{"reported", className}, {"queryId", queryId}, {"event", JsonValue::toJson(*record)}});
+  return ExitCode::Ok;
+}
+
+ExitCode DaemonCommands::feedbackCurrent() {
+  if (auto failed = connect()) return *failed;
+  ClientResult<FeedbackReply> r = client_->feedback();
+  if (!r.ok()) return out_.clientError(*r.error);
+  if (r.value->error) return out_.daemonError(*r.value->error);
+  const auto& events = r.value->events;
+  out_.line(events.empty() ? "no events in the open session"
+                           : fmt::format("{} event{} in the open session", events.size(),
+                                         events.size() == 1 ? "" : "s"));
+  ojson list = ojson::array();
+  for (const Value::Dict& event : events) {
+    out_.line(FeedbackListing::line(event));
+    list.push_back(JsonValue::toJson(Value(event)));
+  }
+  out_.document({{"events", list}});
   return ExitCode::Ok;
 }
 

@@ -1,7 +1,7 @@
 // DaemonCommands: vorlenctl's subcommands that talk to vorlend through libvorlen-client: status,
-// configure, search, bag, sessions, report. Each configures the connection with the tool's identity
-// first (the daemon answers nothing else before), runs its operation with the blocking client forms and
-// returns the exit status.
+// configure, search, bag, sessions, report, feedback current. Each configures the connection with the tool's
+// identity first (the daemon answers nothing else before), runs its operation with the blocking client forms
+// and returns the exit status.
 //
 // Threading: main thread only.
 #pragma once
@@ -40,6 +40,8 @@ class DaemonCommands {
   ExitCode sessions();
   // `eventJson`: {"$class": <QXFeedback class>, fields...}.
   ExitCode report(const std::string& eventJson, uint64_t queryId);
+  // The open feedback session's events with their relative times (feedback:reply:).
+  ExitCode feedbackCurrent();
 
  private:
   // Configures the client; the exit status of the failure, or nothing on success.

@@ -59,6 +59,11 @@ int run(int argc, char** argv) {
   report->add_option("EVENT-JSON", eventJson, "{\"$class\": \"QX...Feedback\", fields...}")->required();
   report->add_option("--query-id", queryId, "the query id the event belongs to");
 
+  auto* feedback = app.add_subcommand("feedback", "the feedback the daemon collects");
+  feedback->require_subcommand(1);
+  auto* fCurrent =
+      feedback->add_subcommand("current", "the open session's events, with times relative to its first");
+
   auto* defaults = app.add_subcommand("defaults", "read, write or delete a preference");
   defaults->require_subcommand(1);
   std::string domain, key, value, type = "string";
@@ -141,6 +146,8 @@ int run(int argc, char** argv) {
   else if (*bag) code = command.bag();
   else if (*sessions) code = command.sessions();
   else if (*report) code = command.report(eventJson, queryId);
+  else if (*fCurrent)
+    code = command.feedbackCurrent();
   return static_cast<int>(code);
 }
 
