@@ -7,6 +7,7 @@
 #include "base/Counters.h"
 #include "base/JsonValue.h"
 #include "base/Log.h"
+#include "feedback/ClientCounterName.h"
 #include "feedback/ClientSessionManager.h"
 #include "feedback/SessionProcessingHelper.h"
 #include "feedback/VorlenSessionEndFeedback.h"
@@ -74,11 +75,6 @@ ClientSession::Context ClientSession::contextOf(const Assembly& assembly) {
 
 std::optional<std::string> ClientSession::firstUseWordForAgent(std::string_view agent) {
   return firstContained(agent, {"voyant", "norvanta", "lookup", "messages", "news", "zeva"});
-}
-
-std::optional<std::string> ClientSession::extractClientNameFromString(std::string_view text) {
-  return firstContained(text,
-                        {"voyant", "norvanta", "zeva", "lookup", "messages", "news", "vorlend", "quillcore"});
 }
 
 ClientSession::ClientSession(Context context) : context_(std::move(context)) {

@@ -68,9 +68,6 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   // The first-use preference word of an agent: the first of "voyant", "norvanta", "lookup", "messages",
   // "news", "zeva" that the lowercased agent contains.
   static std::optional<std::string> firstUseWordForAgent(std::string_view agent);
-  // The client name of counter keys: the first of "voyant", "norvanta", "zeva", "lookup", "messages",
-  // "news", "vorlend", "quillcore" that the lowercased text contains.
-  static std::optional<std::string> extractClientNameFromString(std::string_view text);
 
   // ClientSessionProtocol / ManagedClientSession.
   void addFeedback(VorlenFeedback feedback) override;
