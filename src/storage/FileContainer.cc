@@ -85,9 +85,11 @@ bool FileContainer::_archiveData(std::span<const uint8_t> payload) {
   }
   // Length and payload leave in one write, so a crash never separates them; a failed or short write is cut
   // back to the previous end, so the file always ends on a whole record.
-  std::vector<uint8_t> bytes(ArchivedDataIterator::kLengthSize + length);
-  std::memcpy(bytes.data(), &length, sizeof length);
-  if (length) std::memcpy(bytes.data() + ArchivedDataIterator::kLengthSize, payload.data(), length);
+  std::vector<uint8_t> bytes;
+  bytes.reserve(ArchivedDataIterator::kLengthSize + length);
+  const auto* lengthBytes = reinterpret_cast<const uint8_t*>(&length);
+  bytes.insert(bytes.end(), lengthBytes, lengthBytes + sizeof length);
+  bytes.insert(bytes.end(), payload.begin(), payload.end());
   size_t written = 0;
   while (written < bytes.size()) {
     ssize_t n = settings_.fileSystem->write(fileHandle_.get(), bytes.data() + written, bytes.size() - written);
