@@ -9,7 +9,7 @@
 #include "base/Log.h"
 #include "feedback/ClientSessionManager.h"
 #include "feedback/SessionProcessingHelper.h"
-#include "feedback/VorlenSessionEndReasons.h"
+#include "feedback/VorlenSessionEndFeedback.h"
 #include "model/QXFeedbackFactory.h"
 #include "network/GUIDController.h"
 #include "platform/Assembly.h"
@@ -19,9 +19,15 @@ namespace vorlen {
 
 namespace {
 
-const Logger& sessionLog() { return VorlenLogForCategory(VorlenLogCategorySession); }
-const Logger& feedbackLog() { return VorlenLogForCategory(VorlenLogCategoryFeedback); }
-const Logger& storageLog() { return VorlenLogForCategory(VorlenLogCategoryFeedbackStorage); }
+const Logger& sessionLog() {
+  return VorlenLogForCategory(VorlenLogCategorySession);
+}
+const Logger& feedbackLog() {
+  return VorlenLogForCategory(VorlenLogCategoryFeedback);
+}
+const Logger& storageLog() {
+  return VorlenLogForCategory(VorlenLogCategoryFeedbackStorage);
+}
 
 constexpr const char* kFirstUsePrefix = "VorlenFirstUseOfTheDay_";
 
@@ -71,11 +77,13 @@ std::optional<std::string> ClientSession::firstUseWordForAgent(std::string_view 
 }
 
 std::optional<std::string> ClientSession::extractClientNameFromString(std::string_view text) {
-  return firstContained(text, {"voyant", "norvanta", "zeva", "lookup", "messages", "news", "vorlend", "quillcore"});
+  return firstContained(text,
+                        {"voyant", "norvanta", "zeva", "lookup", "messages", "news", "vorlend", "quillcore"});
 }
 
 ClientSession::ClientSession(Context context) : context_(std::move(context)) {
-  _sessionQueue = Queue::serial("com.velmo.vorlend.clientSessionQueue", QueuePriority::Default, context_.clock);
+  _sessionQueue =
+      Queue::serial("com.velmo.vorlend.clientSessionQueue", QueuePriority::Default, context_.clock);
   dateQueue_ = Queue::serial("com.velmo.vorlend.firstUseQueue", QueuePriority::Default, context_.clock);
 }
 
@@ -144,7 +152,7 @@ bool ClientSession::_recordFirstUseOfTheDay() {
 }
 
 std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(const VORError& error,
-                                                                            const Assembly& assembly) {
+                                                                             const Assembly& assembly) {
   std::optional<Uuid> guid;
   if (assembly.guidController) guid = assembly.guidController->currentUserGUID();
   VorlenFeedback envelope(QXFeedbackFactory::error(error), 0, guid,
@@ -181,8 +189,9 @@ void ClientSession::_append(VorlenFeedback feedback) {
       if (self->_sessionQueue->isCurrent()) {
         self->sessionFeedbacks_.push_back(std::move(feedback));
       } else {
-        self->_sessionQueue->async(
-            [self, feedback = std::move(feedback)]() mutable { self->sessionFeedbacks_.push_back(std::move(feedback)); });
+        self->_sessionQueue->async([self, feedback = std::move(feedback)]() mutable {
+          self->sessionFeedbacks_.push_back(std::move(feedback));
+        });
       }
     });
   });
@@ -214,6 +223,12 @@ std::vector<VorlenFeedback> ClientSession::getSessionFeedbacks() {
   return copy;
 }
 
+size_t ClientSession::feedbackCount() const {
+  size_t n = 0;
+  _sessionQueue->sync([&] { n = sessionFeedbacks_.size(); });
+  return n;
+}
+
 nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHelper* helper) {
   nlohmann::ordered_json out = nlohmann::ordered_json::array();
   uint64_t base = 0;  // 0: not set yet (an event stamped 0 leaves it unset)
@@ -224,7 +239,8 @@ nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHel
       base = timestamp;
     } else {
       // Events are sorted, so a later one is never earlier than the base.
-      feedback.relTimestamp = (timestamp > base ? timestamp - base : 0) / QXFeedback::kMachineTimeUnitsPerMillisecond;
+      feedback.relTimestamp =
+          (timestamp > base ? timestamp - base : 0) / QXFeedback::kMachineTimeUnitsPerMillisecond;
     }
     if (helper) feedback.process(*helper);
     nlohmann::ordered_json dictionary = feedback.dictionary();
@@ -237,9 +253,12 @@ nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHel
   return out;
 }
 
-nlohmann::ordered_json ClientSession::feedbacksWithRelativeTimestamp() { return _relativeDictionaries(nullptr); }
+nlohmann::ordered_json ClientSession::feedbacksWithRelativeTimestamp() {
+  return _relativeDictionaries(nullptr);
+}
 
-nlohmann::ordered_json ClientSession::privacyFilteredFeedbacksWithRelativeTimestamp(SessionProcessingHelper& helper) {
+nlohmann::ordered_json ClientSession::privacyFilteredFeedbacksWithRelativeTimestamp(
+    SessionProcessingHelper& helper) {
   nlohmann::ordered_json events = _relativeDictionaries(&helper);
   // Referenced but never described in full: the record starts with the missing suggestions, then the
   // missing results, then the events.
@@ -248,7 +267,8 @@ nlohmann::ordered_json ClientSession::privacyFilteredFeedbacksWithRelativeTimest
     envelope.relTimestamp = 0;
     events.insert(events.begin(), envelope.dictionary());
   };
-  if (auto results = helper.missingResults(); !results.empty()) lead(QXFeedbackFactory::sessionMissingResults(results));
+  if (auto results = helper.missingResults(); !results.empty())
+    lead(QXFeedbackFactory::sessionMissingResults(results));
   if (auto suggestions = helper.missingSuggestions(); !suggestions.empty())
     lead(QXFeedbackFactory::sessionMissingSuggestions(suggestions));
   return events;
@@ -266,7 +286,8 @@ nlohmann::ordered_json ClientSession::getFeedbacksToSend(SessionProcessingHelper
     baseTime = std::chrono::duration_cast<std::chrono::seconds>(sessionStart_->time_since_epoch()).count();
   }
   record["base_time"] = baseTime;
-  record["previous_session_end_reason"] = VorlenSessionEndFeedbackReasons::triggerEventEnumToString(previousSessionEndReason_);
+  record["previous_session_end_reason"] =
+      VorlenSessionEndFeedback::triggerEventEnumToString(previousSessionEndReason_);
   return record;
 }
 

@@ -27,6 +27,7 @@
 #include "base/Queue.h"
 #include "base/Uuid.h"
 #include "base/Value.h"
+#include "feedback/FeedbackEventType.h"
 #include "feedback/ManagedClientSession.h"
 #include "feedback/VorlenFeedback.h"
 #include "model/VORError.h"
@@ -40,7 +41,7 @@ class PersistentStorage;
 class ClientSession final : public ManagedClientSession, public std::enable_shared_from_this<ClientSession> {
  public:
   // The event type that marks a session of custom result features: such sessions carry no base time.
-  static constexpr int kRemoveTimestampsEventType = 20;
+  static constexpr int kRemoveTimestampsEventType = kEventCustomNorvantaResultFeatures;
 
   // What a session takes from the Assembly: the preferences store, the persistent storage, the clock and
   // the testFeedbacks switch.
@@ -59,7 +60,7 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
                                                int64_t previousSessionEndReason = 0);
   // A one-off session holding an error event: query id 0, the current user GUID, the daemon's own agent.
   static std::shared_ptr<ClientSession> createFeedbackSessionFromError(const VORError& error,
-                                                                      const Assembly& assembly);
+                                                                       const Assembly& assembly);
   // A session header read back from a session file; nothing after a log line when it is not one.
   static std::shared_ptr<ClientSession> fromArchive(const Value& archive, const Assembly& assembly);
 
@@ -79,8 +80,11 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   std::optional<Uuid> userGuid() const override { return userGuid_; }
   void enumerateSessions(const std::function<void(ClientSession& session, bool last)>& block) override;
   std::vector<VorlenFeedback> getSessionFeedbacks() override;
+  // The number of events held (waits for the adds queued before it).
+  size_t feedbackCount() const;
   nlohmann::ordered_json feedbacksWithRelativeTimestamp() override;
-  nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(SessionProcessingHelper& helper) override;
+  nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(
+      SessionProcessingHelper& helper) override;
 
   // The JSON session record: "fb", "agent", "user_guid", "resource_versions", "first_use", "base_time",
   // "previous_session_end_reason", in this order.
@@ -120,7 +124,7 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   bool firstUseOfTheDay_ = false;
   bool removeTimestamps_ = false;
 
-  std::vector<VorlenFeedback> sessionFeedbacks_;         // _sessionQueue only
+  std::vector<VorlenFeedback> sessionFeedbacks_;          // _sessionQueue only
   std::shared_ptr<FileContainerProtocol> storageHandle_;  // _sessionQueue only (after construction)
   std::optional<Time> firstUseDate_;                      // dateQueue_ only
 };

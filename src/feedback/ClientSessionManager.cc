@@ -7,7 +7,8 @@
 #include "base/Transaction.h"
 #include "feedback/ClientSession.h"
 #include "feedback/ClientSessionShared.h"
-#include "feedback/VorlenSessionEndReasons.h"
+#include "feedback/VorlenEventsSuggestingSessionEnd.h"
+#include "feedback/VorlenSessionEndFeedback.h"
 #include "model/Constants.h"
 #include "model/QXFeedbackFactory.h"
 #include "network/BagController.h"
@@ -19,33 +20,58 @@ namespace vorlen {
 
 namespace {
 
-const Logger& sessionLog() { return VorlenLogForCategory(VorlenLogCategorySession); }
+const Logger& sessionLog() {
+  return VorlenLogForCategory(VorlenLogCategorySession);
+}
 
 // Flush reasons (indexes of the session end reasons).
-constexpr int64_t kReasonExternalRequest = 1;
-constexpr int64_t kReasonSessionIdle = 2;
-constexpr int64_t kReasonMaxSessionTime = 3;
-constexpr int64_t kReasonGuidChanged = 4;
-constexpr int64_t kReasonCriticalMemory = 5;
-constexpr int64_t kReasonEngagementReceived = 6;
+constexpr int64_t kReasonExternalRequest = VorlenSessionEndFeedback::kExternalRequest;
+constexpr int64_t kReasonSessionIdle = VorlenSessionEndFeedback::kSessionIdle;
+constexpr int64_t kReasonMaxSessionTime = VorlenSessionEndFeedback::kMaxSessionTimePassed;
+constexpr int64_t kReasonGuidChanged = VorlenSessionEndFeedback::kGuidChanged;
+constexpr int64_t kReasonCriticalMemory = VorlenSessionEndFeedback::kCriticalMemory;
+constexpr int64_t kReasonEngagementReceived = VorlenSessionEndFeedback::kEngagementReceived;
+
+// A JSON value as a property-list value: JSON null has no property-list form, so null members and items
+// are left out (an absent key says the same to a reader).
+nlohmann::json withoutNulls(const nlohmann::ordered_json& in) {
+  if (in.is_object()) {
+    nlohmann::json out = nlohmann::json::object();
+    for (const auto& [key, value] : in.items()) {
+      if (!value.is_null()) out[key] = withoutNulls(value);
+    }
+    return out;
+  }
+  if (in.is_array()) {
+    nlohmann::json out = nlohmann::json::array();
+    for (const auto& value : in) {
+      if (!value.is_null()) out.push_back(withoutNulls(value));
+    }
+    return out;
+  }
+  return nlohmann::json(in);
+}
 
 constexpr const char* kSoftLimitNotification = "VORSessionSoftLimitNotification";
 constexpr const char* kMaxLimitNotification = "VORSessionMaxLimitNotification";
 
 }  // namespace
 
-std::shared_ptr<ClientSessionManager> ClientSessionManager::create(std::shared_ptr<Assembly> assembly,
-                                                                   std::shared_ptr<GUIDController> guidController,
-                                                                   std::string identifier) {
+std::shared_ptr<ClientSessionManager> ClientSessionManager::create(
+    std::shared_ptr<Assembly> assembly, std::shared_ptr<GUIDController> guidController,
+    std::string identifier) {
   return std::shared_ptr<ClientSessionManager>(
       new ClientSessionManager(std::move(assembly), std::move(guidController), std::move(identifier)));
 }
 
 ClientSessionManager::ClientSessionManager(std::shared_ptr<Assembly> assembly,
-                                           std::shared_ptr<GUIDController> guidController, std::string identifier)
-    : _assembly(std::move(assembly)), _guidController(std::move(guidController)), _identifier(std::move(identifier)) {
-  _sessionQueue =
-      Queue::serial("com.velmo.vorlend.clientSessionManagerQueue", QueuePriority::Default, _assembly->clock());
+                                           std::shared_ptr<GUIDController> guidController,
+                                           std::string identifier)
+    : _assembly(std::move(assembly)),
+      _guidController(std::move(guidController)),
+      _identifier(std::move(identifier)) {
+  _sessionQueue = Queue::serial("com.velmo.vorlend.clientSessionManagerQueue", QueuePriority::Default,
+                                _assembly->clock());
   if (_assembly->sharedSession) {
     sessionLog().info("Vorlen is using shared session for all clients {}", _identifier);
   } else {
@@ -53,7 +79,8 @@ ClientSessionManager::ClientSessionManager(std::shared_ptr<Assembly> assembly,
   }
 
   const auto& defaults = _assembly->userDefaults;
-  const int64_t soft = defaults ? defaults->integerForKey("VORSessionSoftLimitOverride") : kDefaultSoftLimitSeconds;
+  const int64_t soft =
+      defaults ? defaults->integerForKey("VORSessionSoftLimitOverride") : kDefaultSoftLimitSeconds;
   if (soft < 1) {
     sessionLog().error("Soft limit override value must be greater than 0 : {} defaulting to {}", soft,
                        kDefaultSoftLimitSeconds);
@@ -119,7 +146,7 @@ Value::Array ClientSessionManager::currentSessionFeedbacksWithRelativeTimestamp(
   if (!open) return out;
   for (const auto& event : open->feedbacksWithRelativeTimestamp()) {
     std::string why;
-    if (auto value = JsonValue::toValue(nlohmann::json(event), &why)) {
+    if (auto value = JsonValue::toValue(withoutNulls(event), &why)) {
       out.push_back(std::move(*value));
     } else {
       sessionLog().error("feedback dictionary cannot be sent: {}", why);
@@ -156,12 +183,13 @@ void ClientSessionManager::_acceptFeedback(VorlenFeedback feedback) {
   //    activity (the idle deadline is not renewed).
   if (!_feedbackEnabledForAgent(feedback.userAgent)) return;
   // 3. Whatever the sender put there, the envelope carries the GUID current now.
-  feedback.userGuid = _guidController ? std::optional<Uuid>(_guidController->currentUserGUID()) : std::nullopt;
+  feedback.userGuid =
+      _guidController ? std::optional<Uuid>(_guidController->currentUserGUID()) : std::nullopt;
 
   if (_currentState != kStateClosed && _session && _session->userGuid() != feedback.userGuid) {
     _updateState(kEventGuidChanged, std::move(feedback), {});
   } else if (_currentState != kStateOpen && _currentState != kStateClosed &&
-             VorlenEventsSuggestingSessionEnd::contains(feedback.type())) {
+             eventSuggestsSessionEnd(feedback.type())) {
     _updateState(kEventSentinelEngagement, std::move(feedback), {});
   } else if (_currentState != kStateOpen && _currentState != kStateClosed && _expirationTime &&
              *_expirationTime <= _assembly->clock()->now()) {
@@ -234,8 +262,8 @@ void ClientSessionManager::_updateState(uint64_t event, std::optional<VorlenFeed
     case kEventIdleAfterSoftLimit:
       if (_currentState == kStateSoftLimited) {
         _flushSessionWithReason(kReasonSessionIdle, {});
-        sessionLog().notice("session flushed because soft limit reached and idle time was beyond {} {}", _idleTime,
-                            _identifier);
+        sessionLog().notice("session flushed because soft limit reached and idle time was beyond {} {}",
+                            _idleTime, _identifier);
         // The late envelope opens the next session under a fresh GUID; the controller's queue is FIFO, so
         // the read after reset() returns the new one.
         if (_guidController) {
@@ -351,7 +379,8 @@ std::optional<std::string> ClientSessionManager::vorlendUserAgent(const Assembly
   static std::mutex mu;
   static std::optional<std::string> built;
   std::lock_guard lock(mu);
-  if (!built && assembly.platform.device) built = createUserAgentString(kVORVorlendNameVersion, *assembly.platform.device);
+  if (!built && assembly.platform.device)
+    built = createUserAgentString(kVORVorlendNameVersion, *assembly.platform.device);
   return built;
 }
 

@@ -26,6 +26,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -72,7 +73,8 @@ class ClientSessionManager final : public ClientSessionManagerProtocol,
 
   // ClientSessionManagerProtocol.
   void addVorlenFeedback(VorlenFeedback feedback) override;
-  void flushSessionInvalidationWithAgent(const std::string& agent, std::function<void(bool flushed)> callback) override;
+  void flushSessionInvalidationWithAgent(const std::string& agent,
+                                         std::function<void(bool flushed)> callback) override;
   Value::Array currentSessionFeedbacksWithRelativeTimestamp() override;
 
   // Ends the open session ("external request"); `callback` (may be empty) runs once the last session has

@@ -2,20 +2,23 @@
 
 namespace vorlen {
 
-std::shared_ptr<ClientSessionShared> ClientSessionShared::create(const Assembly& assembly, VorlenFeedback feedback,
+std::shared_ptr<ClientSessionShared> ClientSessionShared::create(const Assembly& assembly,
+                                                                 VorlenFeedback feedback,
                                                                  int64_t previousSessionEndReason) {
   auto shared = std::shared_ptr<ClientSessionShared>(
       new ClientSessionShared(ClientSession::contextOf(assembly), previousSessionEndReason));
   shared->userGuid_ = feedback.userGuid;
   std::string agent = feedback.userAgent;
-  shared->sessionMap_.emplace_back(std::move(agent), ClientSession::create(shared->context_, std::move(feedback),
-                                                                           previousSessionEndReason));
+  shared->sessionMap_.emplace_back(
+      std::move(agent),
+      ClientSession::create(shared->context_, std::move(feedback), previousSessionEndReason));
   return shared;
 }
 
 ClientSessionShared::ClientSessionShared(ClientSession::Context context, int64_t previousSessionEndReason)
     : context_(std::move(context)), _previousSessionEndReason(previousSessionEndReason) {
-  queue_ = Queue::serial("com.velmo.vorlend.clientSessionSharedQueue", QueuePriority::Default, context_.clock);
+  queue_ =
+      Queue::serial("com.velmo.vorlend.clientSessionSharedQueue", QueuePriority::Default, context_.clock);
 }
 
 void ClientSessionShared::addFeedback(VorlenFeedback feedback) {
@@ -28,7 +31,8 @@ void ClientSessionShared::addFeedback(VorlenFeedback feedback) {
     }
     std::string agent = feedback.userAgent;
     self->sessionMap_.emplace_back(
-        std::move(agent), ClientSession::create(self->context_, std::move(feedback), self->_previousSessionEndReason));
+        std::move(agent),
+        ClientSession::create(self->context_, std::move(feedback), self->_previousSessionEndReason));
   });
 }
 
@@ -54,7 +58,8 @@ void ClientSessionShared::setUserGuid(std::optional<Uuid> guid) {
   queue_->sync([&] { userGuid_ = guid; });
 }
 
-void ClientSessionShared::enumerateSessions(const std::function<void(ClientSession& session, bool last)>& block) {
+void ClientSessionShared::enumerateSessions(
+    const std::function<void(ClientSession& session, bool last)>& block) {
   const auto all = sessions();
   for (size_t i = 0; i < all.size(); ++i) block(*all[i], i + 1 == all.size());
 }
@@ -80,7 +85,8 @@ nlohmann::ordered_json ClientSessionShared::privacyFilteredFeedbacksWithRelative
     SessionProcessingHelper& helper) {
   nlohmann::ordered_json out = nlohmann::ordered_json::array();
   for (const auto& session : sessions()) {
-    for (auto& event : session->privacyFilteredFeedbacksWithRelativeTimestamp(helper)) out.push_back(std::move(event));
+    for (auto& event : session->privacyFilteredFeedbacksWithRelativeTimestamp(helper))
+      out.push_back(std::move(event));
   }
   return out;
 }

@@ -36,7 +36,8 @@ class ClientSessionShared final : public ManagedClientSession,
   void enumerateSessions(const std::function<void(ClientSession& session, bool last)>& block) override;
   std::vector<VorlenFeedback> getSessionFeedbacks() override;
   nlohmann::ordered_json feedbacksWithRelativeTimestamp() override;
-  nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(SessionProcessingHelper& helper) override;
+  nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(
+      SessionProcessingHelper& helper) override;
 
   void setUserGuid(std::optional<Uuid> guid);
   // The per-agent sessions, in the order their agents first appeared.

@@ -35,7 +35,8 @@ class ManagedClientSession : public ClientSessionProtocol {
   virtual nlohmann::ordered_json feedbacksWithRelativeTimestamp() = 0;
   // The same after each event was processed with `helper` (identifiers replaced by session-local ones),
   // led by the missing suggestions and missing results that `helper` collected.
-  virtual nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(SessionProcessingHelper& helper) = 0;
+  virtual nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(
+      SessionProcessingHelper& helper) = 0;
 };
 
 }  // namespace vorlen

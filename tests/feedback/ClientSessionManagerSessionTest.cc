@@ -38,19 +38,20 @@ class SessionManagerTest : public ::testing::Test {
     assembly->userDefaults->registerDefaults({{"VORSessionSoftLimitOverride", Value(int64_t{600})},
                                               {"VORSessionIdleTimeOverride", Value(int64_t{180})}});
     assembly->notificationCenter = platform.notificationCenter;
-    guids = VorlenUserGUIDController::create(*assembly);
-    assembly->guidController = guids;
     softTokens = assembly->notificationCenter->addObserver("VORSessionSoftLimitNotification", nullptr,
-                                                          [this](const Notification&) { ++softPosts; });
+                                                           [this](const Notification&) { ++softPosts; });
     maxTokens = assembly->notificationCenter->addObserver("VORSessionMaxLimitNotification", nullptr,
-                                                         [this](const Notification&) { ++maxPosts; });
+                                                          [this](const Notification&) { ++maxPosts; });
   }
   void TearDown() override {
     if (sink) Log::setSink(nullptr);
     Counters::install(nullptr);
   }
 
+  // A manager with a GUID controller of its own, fresh now.
   std::shared_ptr<ClientSessionManager> makeManager(bool shared = true) {
+    guids = VorlenUserGUIDController::create(*assembly);
+    assembly->guidController = guids;
     assembly->sharedSession = shared;
     manager = ClientSessionManager::create(assembly, guids, "vorlen");
     assembly->clientSessionManager = manager;
@@ -125,8 +126,11 @@ TEST_F(SessionManagerTest, OverridesAreValidatedWithTheirMessages) {
     EXPECT_EQ(m->idleTime(), c.wantIdle);
     EXPECT_EQ(m->maxTime(), c.wantMax);
     EXPECT_EQ(m->softLimitTime() + m->maxTime(), 900);
-    if (*c.message) EXPECT_TRUE(sink->contains(LogLevel::Error, "Vorlen_Session", c.message));
-    EXPECT_TRUE(sink->contains(LogLevel::Info, "Vorlen_Session", "Vorlen is using shared session for all clients vorlen"));
+    if (*c.message) {
+      EXPECT_TRUE(sink->contains(LogLevel::Error, "Vorlen_Session", c.message));
+    }
+    EXPECT_TRUE(sink->contains(LogLevel::Info, "Vorlen_Session",
+                               "Vorlen is using shared session for all clients vorlen"));
   }
 }
 
@@ -151,7 +155,9 @@ TEST_F(SessionManagerTest, SoftLimitThenMaxTimerEndsTheSession) {
   makeManager();
   add("QXStartSearchFeedback");
   auto session = manager->session();
-  advance(599);
+  advance(500);
+  EXPECT_EQ(add("QXStartSearchFeedback"), State::kStateOpen);
+  advance(99);
   EXPECT_EQ(manager->currentState(), State::kStateOpen);
   EXPECT_EQ(softPosts.load(), 0);
   advance(1);
@@ -159,6 +165,7 @@ TEST_F(SessionManagerTest, SoftLimitThenMaxTimerEndsTheSession) {
   EXPECT_EQ(softPosts.load(), 1);
   // A soft-limited session keeps taking ordinary events that arrive within the idle time.
   EXPECT_EQ(add("QXStartSearchFeedback"), State::kStateSoftLimited);
+  EXPECT_EQ(manager->session(), session);
   advance(299);
   EXPECT_EQ(manager->currentState(), State::kStateSoftLimited);
   advance(1);
@@ -216,9 +223,10 @@ TEST_F(SessionManagerTest, LateEventAfterSoftLimitOpensTheNextSessionWithARotate
   add("QXStartSearchFeedback");
   auto first = manager->session();
   const Uuid firstGuid = *first->userGuid();
-  advance(600);
-  EXPECT_EQ(add("QXStartSearchFeedback"), State::kStateSoftLimited);
-  advance(59);
+  advance(599);
+  EXPECT_EQ(add("QXStartSearchFeedback"), State::kStateOpen);
+  advance(1);
+  advance(58);
   EXPECT_EQ(add("QXStartSearchFeedback"), State::kStateSoftLimited);  // within the idle time
   EXPECT_EQ(manager->session(), first);
   advance(60);  // the deadline is now: it has passed
@@ -328,7 +336,8 @@ TEST_F(SessionManagerTest, InvalidationMarksASharedSessionAndFlushesAnIndividual
 TEST_F(SessionManagerTest, FeedbackDisabledInTheBagForOneAgentNeverReachesASession) {
   auto bags = VorlenBagController::create(assembly);
   Value::Dict raw{{VORBagKeys::kFeedbackEnabled, Value(true)},
-                  {VORBagKeys::kClients, Value::dict({{"news", Value::dict({{VORBagKeys::kFeedbackEnabled, Value(false)}})}})},
+                  {VORBagKeys::kClients,
+                   Value::dict({{"news", Value::dict({{VORBagKeys::kFeedbackEnabled, Value(false)}})}})},
                   {VorlenBagController::kRefreshDisabledKey, Value(true)}};
   bags->cacheBagState(VORBag(raw, ""), /*fromDisk=*/true);
   assembly->bagController = bags;

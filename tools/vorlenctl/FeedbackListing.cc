@@ -54,7 +54,8 @@ std::string FeedbackListing::line(const Value::Dict& event) {
     return it == event.end() ? nullptr : &it->second;
   };
   double relativeSeconds = 0;
-  if (const Value* t = field("timestamp"); t && t->getInt()) relativeSeconds = static_cast<double>(*t->getInt()) / 1000.0;
+  if (const Value* t = field("timestamp"); t && t->getInt())
+    relativeSeconds = static_cast<double>(*t->getInt()) / 1000.0;
   std::string type = "?";
   if (const Value* t = field("type"); t && t->getString()) type = *t->getString();
   std::string queryId = "-";
