@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <mutex>
 #include <cstdlib>
 #include <random>
 #include <thread>
@@ -14,6 +15,8 @@
 #include "client/VorlenClient.h"
 #include "ipc/IpcTestSupport.h"
 #include "model/QXFeedback.h"
+#include "model/QXSearchResult.h"
+#include "model/VORRequest.h"
 #include "model/VORSessionConfiguration.h"
 #include "storage/ArchivedDataIterator.h"
 #include "support/DaemonProcess.h"
@@ -93,15 +96,18 @@ class SessionFileProcessTest : public ::testing::Test {
   RefServer server;
 };
 
-// A client streams numbered events; the daemon is killed once a random number of them is in a file. After
-// the restart the files are readable and hold events 1..M with nothing missing, repeated or reordered, and
-// M is at least what was on disk before the kill. VORLEN_KILL_TRIALS overrides the number of trials
-// (tools/session-kill-trials.sh runs a thousand and prints the figures).
+// A client streams numbered events, confirming every 32nd with a round trip (the daemon has taken every
+// event before the answer); the daemon is killed once a random number of them is in a file. After the
+// restart the files are readable and hold events 1..M with nothing missing, repeated or reordered, and M
+// is at least what was on disk before the kill. Events the daemon had taken but not yet written are lost
+// with it; the test prints how many (sent, and confirmed 100 ms before the kill). VORLEN_KILL_TRIALS
+// overrides the number of trials (tools/session-kill-trials.sh runs a thousand and prints the figures).
 TEST_F(SessionFileProcessTest, KilledWhileEventsStreamInKeepsEveryEventThatReachedAFile) {
   const char* trialsEnv = std::getenv("VORLEN_KILL_TRIALS");
   const int trials = trialsEnv ? std::atoi(trialsEnv) : 20;
   std::mt19937 random(std::random_device{}());
   size_t maxInFlight = 0, totalInFlight = 0;
+  uint64_t maxConfirmedLost = 0;
   for (int trial = 0; trial < trials; ++trial) {
     SCOPED_TRACE(trial);
     Run run;
@@ -110,6 +116,8 @@ TEST_F(SessionFileProcessTest, KilledWhileEventsStreamInKeepsEveryEventThatReach
     auto browser = client(run, "Voyant/5.0");
     std::atomic<bool> stop{false};
     std::atomic<uint64_t> sent{0};
+    std::mutex mu;
+    std::vector<std::pair<std::chrono::steady_clock::time_point, uint64_t>> confirmed;  // (when, count)
     std::thread streamer([&] {
       for (uint64_t seq = 1; !stop; ++seq) {
         QXFeedback start("QXStartSearchFeedback");
@@ -117,35 +125,50 @@ TEST_F(SessionFileProcessTest, KilledWhileEventsStreamInKeepsEveryEventThatReach
         start.set("input", Value("query " + std::to_string(seq)));
         if (!browser->reportEvent("e", seq, start.toRecord()).ok()) break;
         sent = seq;
+        if (seq % 32 == 0) {
+          if (!browser->bag().ok()) break;
+          std::lock_guard lock(mu);
+          confirmed.emplace_back(std::chrono::steady_clock::now(), seq);
+        }
       }
     });
     const size_t target = std::uniform_int_distribution<size_t>(1, 400)(random);
     const bool reached = test::waitUntil([&] { return eventsOnDisk(run.caches()) >= target; });
     const size_t before = eventsOnDisk(run.caches());
+    const auto killedAt = std::chrono::steady_clock::now();
     kill(run);
     stop = true;
     streamer.join();
     ASSERT_TRUE(reached);
+    uint64_t confirmedEarlier = 0;
+    for (const auto& [when, count] : confirmed)
+      if (when <= killedAt - 100ms) confirmedEarlier = count;
 
     startDaemon(run);
     client(run, "Voyant/5.0");  // it serves again
     nlohmann::json stored = ctl(run, {"feedback", "stored"});
     ASSERT_TRUE(stored.is_array()) << stored.dump();
     std::vector<int64_t> ids;
+    size_t storedEvents = 0;  // the browser's, and the daemon's own (its bag fetch)
     for (const auto& file : stored) {
       ASSERT_TRUE(file["readable"].get<bool>()) << file.dump();
+      storedEvents += file["events"].get<size_t>();
       nlohmann::json record = ctl(run, {"feedback", "show", std::to_string(file["number"].get<uint64_t>())});
       for (const auto& e : record["fb"])
         if (e.value("type", "") == "search_start") ids.push_back(e["query_id"].get<int64_t>());
     }
-    ASSERT_GE(ids.size(), before);
+    ASSERT_GE(storedEvents, before);
     for (size_t i = 0; i < ids.size(); ++i) ASSERT_EQ(ids[i], static_cast<int64_t>(i + 1));
     ASSERT_LE(ids.size(), sent.load());
+    maxConfirmedLost = std::max<uint64_t>(maxConfirmedLost, confirmedEarlier > ids.size() ? confirmedEarlier - ids.size() : 0);
     maxInFlight = std::max<size_t>(maxInFlight, sent.load() - ids.size());
     totalInFlight += sent.load() - ids.size();
   }
-  std::printf("kill trials: %d; events sent but not yet in a file at the kill: max %zu, mean %.1f\n", trials,
-              maxInFlight, trials ? static_cast<double>(totalInFlight) / trials : 0.0);
+  std::printf(
+      "kill trials: %d; events sent but not in a file after the kill: max %zu, mean %.1f; of them confirmed "
+      "100 ms before the kill: max %llu\n",
+      trials, maxInFlight, trials ? static_cast<double>(totalInFlight) / trials : 0.0,
+      static_cast<unsigned long long>(maxConfirmedLost));
 }
 
 // The end-to-end path: a browser types and engages, the daemon is killed, and after the restart
@@ -180,8 +203,10 @@ TEST_F(SessionFileProcessTest, ATypedAndEngagedSessionOutlivesAKill) {
   nlohmann::json current;
   ASSERT_TRUE(test::waitUntil([&] {
     current = ctl(run, {"--id", "com.example.watcher", "--agent", "Watcher/1.0", "feedback", "current"});
-    return current.is_object() && !current["events"].empty() &&
-           current["events"].back().value("type", "") == "result_engagement";
+    if (!current.is_object()) return false;
+    for (const auto& e : current["events"])
+      if (e.value("type", "") == "result_engagement") return true;
+    return false;
   })) << current.dump();
   std::vector<std::string> types;
   for (const auto& e : current["events"]) {
@@ -196,13 +221,15 @@ TEST_F(SessionFileProcessTest, ATypedAndEngagedSessionOutlivesAKill) {
   ASSERT_TRUE(stored.is_array()) << stored.dump();
   std::optional<uint64_t> browserFile;
   for (const auto& file : stored)
-    if (file["agent"] == "Voyant/5.0") browserFile = file["number"].get<uint64_t>();
+    if (file["agent"].get<std::string>().ends_with(") Voyant/5.0")) browserFile = file["number"].get<uint64_t>();
   ASSERT_TRUE(browserFile) << stored.dump();
   nlohmann::json record = ctl(run, {"feedback", "show", std::to_string(*browserFile)});
+  // The record starts with what the session referred to without describing (here the engaged result).
   std::vector<std::string> storedTypes;
-  for (const auto& e : record["fb"]) storedTypes.push_back(e.value("type", ""));
+  for (const auto& e : record["fb"])
+    if (e.value("type", "") != "session_missing_results") storedTypes.push_back(e.value("type", ""));
   EXPECT_EQ(storedTypes, types) << record.dump();
-  EXPECT_EQ(record["agent"], "Voyant/5.0");
+  EXPECT_TRUE(record["agent"].get<std::string>().ends_with(") Voyant/5.0")) << record["agent"];
 }
 
 }  // namespace
