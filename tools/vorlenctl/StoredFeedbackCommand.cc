@@ -133,7 +133,7 @@ ExitCode StoredFeedbackCommand::show(uint64_t number) {
   if (out_.json()) {
     out_.document(record);
   } else {
-    out_.line(record.dump(2));
+    out_.line(record.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
   }
   return ExitCode::Ok;
 }
