@@ -172,20 +172,22 @@ void ClientSession::addFeedback(VorlenFeedback feedback) {
 }
 
 void ClientSession::_append(VorlenFeedback feedback) {
-  _sessionQueue->async([self = shared_from_this(), feedback = std::move(feedback)]() mutable {
-    if (!self->context_.testFeedbacks) {
+  // A synchronous hop: the session's queue is idle nearly always, so the append runs in place on the
+  // caller's thread instead of waking a worker for every event, and calls from one thread stay in order.
+  _sessionQueue->sync([&] {
+    if (!context_.testFeedbacks) {
       // The list and the file are independent: a slow or failed write does not hold the event back.
-      if (self->storageHandle_) self->storageHandle_->writeFeedback(feedback, {});
-      self->sessionFeedbacks_.push_back(std::move(feedback));
+      if (storageHandle_) storageHandle_->writeFeedback(feedback, {});
+      sessionFeedbacks_.push_back(std::move(feedback));
       return;
     }
     // Test mode: the event joins the list only once its record is written.
-    if (!self->storageHandle_) {
-      self->sessionFeedbacks_.push_back(std::move(feedback));
+    if (!storageHandle_) {
+      sessionFeedbacks_.push_back(std::move(feedback));
       return;
     }
-    auto handle = self->storageHandle_;
-    handle->writeFeedback(feedback, [self, feedback]() mutable {
+    auto self = shared_from_this();
+    storageHandle_->writeFeedback(feedback, [self, feedback]() mutable {
       if (self->_sessionQueue->isCurrent()) {
         self->sessionFeedbacks_.push_back(std::move(feedback));
       } else {
@@ -229,10 +231,10 @@ size_t ClientSession::feedbackCount() const {
   return n;
 }
 
-nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHelper* helper) {
-  nlohmann::ordered_json out = nlohmann::ordered_json::array();
+std::vector<VorlenFeedback> ClientSession::_sortedWithRelativeTimestamps() {
+  std::vector<VorlenFeedback> events = getSessionFeedbacks();
   uint64_t base = 0;  // 0: not set yet (an event stamped 0 leaves it unset)
-  for (VorlenFeedback& feedback : getSessionFeedbacks()) {
+  for (VorlenFeedback& feedback : events) {
     const uint64_t timestamp = feedback.feedback.timestamp();
     if (base == 0) {
       feedback.relTimestamp = 0;
@@ -242,6 +244,13 @@ nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHel
       feedback.relTimestamp =
           (timestamp > base ? timestamp - base : 0) / QXFeedback::kMachineTimeUnitsPerMillisecond;
     }
+  }
+  return events;
+}
+
+nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHelper* helper) {
+  nlohmann::ordered_json out = nlohmann::ordered_json::array();
+  for (VorlenFeedback& feedback : _sortedWithRelativeTimestamps()) {
     if (helper) feedback.process(*helper);
     nlohmann::ordered_json dictionary = feedback.dictionary();
     if (dictionary.is_null()) {
@@ -250,6 +259,12 @@ nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHel
     }
     out.push_back(std::move(dictionary));
   }
+  return out;
+}
+
+Value::Array ClientSession::feedbackValuesWithRelativeTimestamp() {
+  Value::Array out;
+  for (const VorlenFeedback& feedback : _sortedWithRelativeTimestamps()) out.push_back(feedback.dictionaryValue());
   return out;
 }
 
@@ -276,7 +291,9 @@ nlohmann::ordered_json ClientSession::privacyFilteredFeedbacksWithRelativeTimest
 
 nlohmann::ordered_json ClientSession::getFeedbacksToSend(SessionProcessingHelper& helper) {
   nlohmann::ordered_json record = nlohmann::ordered_json::object();
-  record["fb"] = privacyFilteredFeedbacksWithRelativeTimestamp(helper);
+  // The events go in last, into the slot that keeps their place first: an ordered object copies its
+  // members whenever it grows, and the events are nearly all of the record.
+  record["fb"] = nullptr;
   record["agent"] = agent_;
   record["user_guid"] = userGuid_ ? userGuid_->string() : std::string();
   record["resource_versions"] = JsonValue::toJson(Value(resourceVersions_));
@@ -288,6 +305,7 @@ nlohmann::ordered_json ClientSession::getFeedbacksToSend(SessionProcessingHelper
   record["base_time"] = baseTime;
   record["previous_session_end_reason"] =
       VorlenSessionEndFeedback::triggerEventEnumToString(previousSessionEndReason_);
+  record["fb"] = privacyFilteredFeedbacksWithRelativeTimestamp(helper);
   return record;
 }
 

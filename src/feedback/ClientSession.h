@@ -10,9 +10,10 @@
 // An envelope whose GUID differs from the session's is kept, followed by an "error" event saying so.
 //
 // Threading: every method is safe from any thread. The event list and the file writes are serialised on
-// the session's queue "com.velmo.vorlend.clientSessionQueue": adds are queued; readers and
-// sessionComplete() wait on it, so they see every add queued before them. First-use state has its own
-// queue "com.velmo.vorlend.firstUseQueue". The header fields are fixed at construction.
+// the session's queue "com.velmo.vorlend.clientSessionQueue". Adds hop onto it synchronously (an idle
+// queue runs the append in place, so no worker is woken per event; file writes themselves must not
+// block); readers and sessionComplete() wait on it too, so everyone sees every add made before. First-use
+// state has its own queue "com.velmo.vorlend.firstUseQueue". The header fields are fixed at construction.
 #pragma once
 
 #include <memory>
@@ -83,6 +84,7 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   // The number of events held (waits for the adds queued before it).
   size_t feedbackCount() const;
   nlohmann::ordered_json feedbacksWithRelativeTimestamp() override;
+  Value::Array feedbackValuesWithRelativeTimestamp() override;
   nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(
       SessionProcessingHelper& helper) override;
 
@@ -108,6 +110,8 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   void _start(VorlenFeedback feedback, int64_t previousSessionEndReason);
   bool _recordFirstUseOfTheDay();
   void _append(VorlenFeedback feedback);
+  // The events in time order with their relative times set.
+  std::vector<VorlenFeedback> _sortedWithRelativeTimestamps();
   // The sorted events with relative times; each event is processed with `helper` first when given.
   nlohmann::ordered_json _relativeDictionaries(SessionProcessingHelper* helper);
 

@@ -2,7 +2,6 @@
 
 #include <mutex>
 
-#include "base/JsonValue.h"
 #include "base/Log.h"
 #include "base/Transaction.h"
 #include "feedback/ClientSession.h"
@@ -31,26 +30,6 @@ constexpr int64_t kReasonMaxSessionTime = VorlenSessionEndFeedback::kMaxSessionT
 constexpr int64_t kReasonGuidChanged = VorlenSessionEndFeedback::kGuidChanged;
 constexpr int64_t kReasonCriticalMemory = VorlenSessionEndFeedback::kCriticalMemory;
 constexpr int64_t kReasonEngagementReceived = VorlenSessionEndFeedback::kEngagementReceived;
-
-// A JSON value as a property-list value: JSON null has no property-list form, so null members and items
-// are left out (an absent key says the same to a reader).
-nlohmann::json withoutNulls(const nlohmann::ordered_json& in) {
-  if (in.is_object()) {
-    nlohmann::json out = nlohmann::json::object();
-    for (const auto& [key, value] : in.items()) {
-      if (!value.is_null()) out[key] = withoutNulls(value);
-    }
-    return out;
-  }
-  if (in.is_array()) {
-    nlohmann::json out = nlohmann::json::array();
-    for (const auto& value : in) {
-      if (!value.is_null()) out.push_back(withoutNulls(value));
-    }
-    return out;
-  }
-  return nlohmann::json(in);
-}
 
 constexpr const char* kSoftLimitNotification = "VORSessionSoftLimitNotification";
 constexpr const char* kMaxLimitNotification = "VORSessionMaxLimitNotification";
@@ -141,18 +120,8 @@ void ClientSessionManager::flushSessionInvalidationWithAgent(const std::string& 
 }
 
 Value::Array ClientSessionManager::currentSessionFeedbacksWithRelativeTimestamp() {
-  Value::Array out;
   auto open = session();
-  if (!open) return out;
-  for (const auto& event : open->feedbacksWithRelativeTimestamp()) {
-    std::string why;
-    if (auto value = JsonValue::toValue(withoutNulls(event), &why)) {
-      out.push_back(std::move(*value));
-    } else {
-      sessionLog().error("feedback dictionary cannot be sent: {}", why);
-    }
-  }
-  return out;
+  return open ? open->feedbackValuesWithRelativeTimestamp() : Value::Array{};
 }
 
 std::shared_ptr<ManagedClientSession> ClientSessionManager::session() const {
@@ -186,7 +155,7 @@ void ClientSessionManager::_acceptFeedback(VorlenFeedback feedback) {
   feedback.userGuid =
       _guidController ? std::optional<Uuid>(_guidController->currentUserGUID()) : std::nullopt;
 
-  if (_currentState != kStateClosed && _session && _session->userGuid() != feedback.userGuid) {
+  if (_currentState != kStateClosed && _session && _sessionUserGuid != feedback.userGuid) {
     _updateState(kEventGuidChanged, std::move(feedback), {});
   } else if (_currentState != kStateOpen && _currentState != kStateClosed &&
              eventSuggestsSessionEnd(feedback.type())) {
@@ -329,6 +298,9 @@ void ClientSessionManager::_setNewSession(VorlenFeedback feedback) {
   } else {
     _session = ClientSession::create(*_assembly, std::move(feedback), _flushReason);
   }
+  // The session's GUID never changes: kept here, it is compared with every envelope without a hop onto
+  // the session's queue.
+  _sessionUserGuid = _session->userGuid();
   sessionLog().debug("new session id {} {}", counter, _identifier);
 
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();

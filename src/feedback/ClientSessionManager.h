@@ -123,6 +123,7 @@ class ClientSessionManager final : public ClientSessionManagerProtocol,
 
   // _sessionQueue only.
   std::shared_ptr<ManagedClientSession> _session;
+  std::optional<Uuid> _sessionUserGuid;  // the open session's userGuid()
   uint64_t sessionCounter = 0;
   uint64_t _currentState = kStateClosed;
   std::optional<Time> _expirationTime;

@@ -22,17 +22,17 @@ ClientSessionShared::ClientSessionShared(ClientSession::Context context, int64_t
 }
 
 void ClientSessionShared::addFeedback(VorlenFeedback feedback) {
-  queue_->async([self = shared_from_this(), feedback = std::move(feedback)]() mutable {
-    for (auto& [agent, session] : self->sessionMap_) {
+  // Synchronous for the same reason as a session's own adds: no worker is woken per event.
+  queue_->sync([&] {
+    for (auto& [agent, session] : sessionMap_) {
       if (agent == feedback.userAgent) {
         session->addFeedback(std::move(feedback));
         return;
       }
     }
     std::string agent = feedback.userAgent;
-    self->sessionMap_.emplace_back(
-        std::move(agent),
-        ClientSession::create(self->context_, std::move(feedback), self->_previousSessionEndReason));
+    sessionMap_.emplace_back(std::move(agent),
+                             ClientSession::create(context_, std::move(feedback), _previousSessionEndReason));
   });
 }
 
@@ -77,6 +77,14 @@ nlohmann::ordered_json ClientSessionShared::feedbacksWithRelativeTimestamp() {
   nlohmann::ordered_json out = nlohmann::ordered_json::array();
   for (const auto& session : sessions()) {
     for (auto& event : session->feedbacksWithRelativeTimestamp()) out.push_back(std::move(event));
+  }
+  return out;
+}
+
+Value::Array ClientSessionShared::feedbackValuesWithRelativeTimestamp() {
+  Value::Array out;
+  for (const auto& session : sessions()) {
+    for (Value& event : session->feedbackValuesWithRelativeTimestamp()) out.push_back(std::move(event));
   }
   return out;
 }

@@ -7,8 +7,7 @@
 // per-agent results in that order.
 //
 // Threading: every method is safe from any thread. The agent map is serialised on
-// "com.velmo.vorlend.clientSessionSharedQueue": adds are queued there; readers and enumeration wait for
-// the adds queued before them.
+// "com.velmo.vorlend.clientSessionSharedQueue"; adds, like a session's own, hop onto it synchronously.
 #pragma once
 
 #include <memory>
@@ -36,6 +35,7 @@ class ClientSessionShared final : public ManagedClientSession,
   void enumerateSessions(const std::function<void(ClientSession& session, bool last)>& block) override;
   std::vector<VorlenFeedback> getSessionFeedbacks() override;
   nlohmann::ordered_json feedbacksWithRelativeTimestamp() override;
+  Value::Array feedbackValuesWithRelativeTimestamp() override;
   nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(
       SessionProcessingHelper& helper) override;
 

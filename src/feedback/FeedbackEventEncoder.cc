@@ -449,13 +449,14 @@ const std::map<std::string, ClassEncoding, std::less<>>& table() {
   return *t;
 }
 
-// The class's chain of encodings, the class itself first. Bounded by the table size, so a faulty
-// schema cannot loop.
+// The class's chain of encodings, the class itself first. The walk is bounded so that a cycle in a
+// faulty schema cannot loop; real chains are three classes deep at most.
 std::vector<const ClassEncoding*> chain(const QXFeedback& event) {
+  constexpr size_t kMaxChain = 32;
   std::vector<const ClassEncoding*> out;
   const RecordSchema& schema = RecordSchema::shared();
   const ClassDef* c = schema.find(event.className());
-  for (size_t steps = 0; c && steps <= table().size() + 16; ++steps) {
+  for (size_t steps = 0; c && steps < kMaxChain; ++steps) {
     auto it = table().find(c->name);
     if (it != table().end()) out.push_back(&it->second);
     if (c->name == QXFeedback::kClassName) break;

@@ -3,8 +3,8 @@
 // agent). Beyond adding and completing, the manager enumerates the per-agent sessions to end them, and
 // reads the events for the clients that ask for them.
 //
-// Threading: every method is safe from any thread; the session orders the calls it receives (adds are
-// queued; readers and enumeration wait for the adds queued before them).
+// Threading: every method is safe from any thread; the session orders the calls it receives, and readers
+// and enumeration see every add made before them.
 #pragma once
 
 #include <functional>
@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/Uuid.h"
+#include "base/Value.h"
 #include "feedback/ClientSessionProtocol.h"
 #include "feedback/VorlenFeedback.h"
 
@@ -33,6 +34,8 @@ class ManagedClientSession : public ClientSessionProtocol {
   virtual std::vector<VorlenFeedback> getSessionFeedbacks() = 0;
   // The upload dictionaries of the events in time order, with times relative to the first (an array).
   virtual nlohmann::ordered_json feedbacksWithRelativeTimestamp() = 0;
+  // The same as property-list values, for replies to clients (JSON null entries left out).
+  virtual Value::Array feedbackValuesWithRelativeTimestamp() = 0;
   // The same after each event was processed with `helper` (identifiers replaced by session-local ones),
   // led by the missing suggestions and missing results that `helper` collected.
   virtual nlohmann::ordered_json privacyFilteredFeedbacksWithRelativeTimestamp(

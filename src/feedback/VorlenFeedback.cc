@@ -58,6 +58,38 @@ constexpr const char* kEventTypeStrings[kEventTypeCount] = {
     "card_section_engagement",
 };
 
+// JSON null has no property-list form: callers leave such entries out.
+Value toValue(const Json& j) {
+  switch (j.type()) {
+    case Json::value_t::string:
+      return Value(j.get<std::string>());
+    case Json::value_t::boolean:
+      return Value(j.get<bool>());
+    case Json::value_t::number_integer:
+      return Value(static_cast<long long>(j.get<int64_t>()));
+    case Json::value_t::number_unsigned:
+      return Value(static_cast<unsigned long long>(j.get<uint64_t>()));
+    case Json::value_t::number_float:
+      return Value(j.get<double>());
+    case Json::value_t::array: {
+      Value::Array a;
+      for (const Json& item : j) {
+        if (!item.is_null()) a.push_back(toValue(item));
+      }
+      return Value(std::move(a));
+    }
+    case Json::value_t::object: {
+      Value::Dict d;
+      for (auto it = j.begin(); it != j.end(); ++it) {
+        if (!it.value().is_null()) d.insert_or_assign(it.key(), toValue(it.value()));
+      }
+      return Value(std::move(d));
+    }
+    default:
+      return Value();
+  }
+}
+
 bool reject(std::string reason, std::string* error) {
   VorlenLogForCategory(VorlenLogCategoryFeedbackStorage).error("rejecting feedback envelope: {}", reason);
   if (error) *error = std::move(reason);
@@ -92,6 +124,10 @@ Json VorlenFeedback::dictionary() const {
   Json d = baseDictionary();
   d["timestamp"] = relTimestamp;
   return d;
+}
+
+Value VorlenFeedback::dictionaryValue() const {
+  return toValue(dictionary());
 }
 
 std::optional<std::string> VorlenFeedback::description() const {

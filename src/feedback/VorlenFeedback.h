@@ -69,8 +69,11 @@ struct VorlenFeedback {
 
   // The upload form, keys in their documented order.
   nlohmann::ordered_json dictionary() const;
+  // The upload form as a property-list value, for replies to clients: entries that are JSON null are left
+  // out (a property list has no null) and dictionary keys come out sorted.
+  Value dictionaryValue() const;
   // The log form as JSON text; nothing when it cannot be serialised (counted as
-  // "com.velmo.vorlend.feedbacknotsent").
+  // "com.velmo.vorlend.feedbacknotsent"). It holds what the user typed: log it only inside Private().
   std::optional<std::string> description() const;
 
   Value toArchive() const;

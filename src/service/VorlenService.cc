@@ -42,11 +42,13 @@ VorlenService::VorlenService(std::shared_ptr<Assembly> assembly, ClientConnectio
   if (!assembly_->guidController) assembly_->guidController = VorlenUserGUIDController::create(*assembly_);
   // The shared manager; with individual sessions each client state makes its own as well.
   if (!assembly_->clientSessionManager) {
-    assembly_->clientSessionManager = ClientSessionManager::create(assembly_, assembly_->guidController, "vorlen");
+    assembly_->clientSessionManager =
+        ClientSessionManager::create(assembly_, assembly_->guidController, "vorlen");
   }
   // Components that describe their own work as a session (the bag fetch) open real ones from now on.
   if (!assembly_->makeClientSession) {
-    assembly_->makeClientSession = [](const Assembly& a, VorlenFeedback first) -> std::shared_ptr<ClientSessionProtocol> {
+    assembly_->makeClientSession = [](const Assembly& a,
+                                      VorlenFeedback first) -> std::shared_ptr<ClientSessionProtocol> {
       return ClientSession::create(a, std::move(first));
     };
   }

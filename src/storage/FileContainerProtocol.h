@@ -2,8 +2,9 @@
 // is a sequence of records: the session header first, then one record per event, in the order they were
 // written. The storage component that owns session files implements it.
 //
-// Threading: a session calls these from its own serial queue, one call at a time; `done` may run on any
-// thread, once, after the record has been written or has failed to be written.
+// Threading: a session calls these from its own serial queue, one call at a time, and that queue may be
+// holding up the session manager's: writeFeedback() hands the write to the storage's own queue and
+// returns. `done` may run on any thread, once, after the record has been written or has failed to be.
 #pragma once
 
 #include <functional>

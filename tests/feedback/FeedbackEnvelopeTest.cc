@@ -90,7 +90,7 @@ TEST(FeedbackEnvelopeTest, ArchiveDecodingRefusesWhatIsNotAnEnvelopeWithOneLine)
     EXPECT_FALSE(VorlenFeedback::fromArchive(c.archive, &error));
     EXPECT_EQ(error, c.reason);
     ASSERT_EQ(capture.sink().records().size(), 1u) << c.reason;
-    EXPECT_TRUE(capture.sink().contains(LogLevel::Error, "Vorlen_FeedbackStorage",
+    EXPECT_TRUE(capture.sink().contains(LogLevel::Error, "Vorlen_Feedback_Storage",
                                         std::string("rejecting feedback envelope: ") + c.reason));
   }
 }
@@ -135,8 +135,7 @@ TEST(SessionProcessingHelperTest, EventsOfASessionShareTheirReplacements) {
       {event("QXResultEngagementFeedback", {{"result", web.toRecord()}}), 1, {}, ""},
       {event("QXResultGradingFeedback", {{"result", unseen.toRecord()}}), 1, {}, ""},
       {event("QXResultEngagementFeedback", {{"result", unseen.toRecord()}}), 1, {}, ""},
-      {event("QXSuggestionEngagementFeedback",
-             {{"suggestion", test::suggestion("https://example.com/a", "a").toRecord()}}),
+      {event("QXSuggestionEngagementFeedback", {{"suggestion", test::suggestion("s-1", "a").toRecord()}}),
        1,
        {},
        ""},
@@ -152,7 +151,7 @@ TEST(SessionProcessingHelperTest, EventsOfASessionShareTheirReplacements) {
   EXPECT_EQ(out[1]["result"]["id"], "0");
   EXPECT_EQ(out[2]["result"]["id"], "1");
   EXPECT_EQ(out[3]["result"]["id"], "1");
-  EXPECT_EQ(out[4]["id"], "0");  // one mapping for every kind of identifier
+  EXPECT_EQ(out[4]["id"], "2");  // one numbering for results and suggestions
 
   std::vector<QXSearchResult> missing = h.missingResults();
   ASSERT_EQ(missing.size(), 1u);
@@ -162,7 +161,7 @@ TEST(SessionProcessingHelperTest, EventsOfASessionShareTheirReplacements) {
   EXPECT_EQ(missingEvent.dictionary()["type"], "session_missing_results");
   // The suggestion was only engaged: missing too.
   ASSERT_EQ(h.missingSuggestions().size(), 1u);
-  EXPECT_EQ(h.missingSuggestions()[0].identifier, "0");
+  EXPECT_EQ(h.missingSuggestions()[0].identifier, "2");
   EXPECT_TRUE(capture.sink().records().empty());
 }
 
@@ -213,7 +212,7 @@ Value extremeValueFor(const FieldDef& f) {
       one = Value::dict({{"n", Value::array({Value(1), Value("x"), Value(Value::Data(3, 0))})}});
   }
   if (!f.array) return one;
-  return Value(Value::Array(5000, one.type() == Value::Type::String ? Value("x") : one));
+  return Value(Value::Array(1000, one.type() == Value::Type::String ? Value("x") : one));
 }
 
 // Every event class: an unknown field, each field with the wrong type, and nesting too deep are refused

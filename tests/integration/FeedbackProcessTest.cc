@@ -112,19 +112,28 @@ TEST_F(FeedbackProcessTest, TypingAndAnEngagementBuildTheOpenSessionAndTheLocalH
   engagement.set("result", result.toRecord());
   ASSERT_TRUE(browser->reportEvent("engage", 2, engagement.toRecord()).ok());
 
-  // The session grew by the engagement, the last event so far. Times are relative to the session's first
-  // event: it is 0, and they never go back within one client's events.
+  // The session grew by the engagement, the browser's last event so far. The shared session lists the
+  // browser's events first (its agent opened it), then those of each watcher's agent (one
+  // "connection_invalidated" per finished vorlenctl run). Times are relative to each agent's first event:
+  // the browser's start at 0 and never go back.
   nlohmann::json engaged;
+  auto browserEvents = [](const nlohmann::json& events) {
+    nlohmann::json out = nlohmann::json::array();
+    for (const auto& e : events) {
+      if (e.value("type", "") == "connection_invalidated") break;
+      out.push_back(e);
+    }
+    return out;
+  };
   ASSERT_TRUE(test::waitUntil([&] {
-    engaged = currentSession();
-    return engaged.size() > typed.size() && engaged.back().value("type", "") == "result_engagement";
+    engaged = browserEvents(currentSession());
+    return !engaged.empty() && engaged.back().value("type", "") == "result_engagement";
   })) << engaged.dump();
+  EXPECT_EQ(engaged.size(), browserEvents(typed).size() + 1);
   EXPECT_EQ(engaged.back()["query_id"], 2);
   EXPECT_EQ(engaged[0]["timestamp"], 0);
-  // The browser's events come first (its agent opened the shared session); their times only grow.
   int64_t previous = 0;
   for (const auto& e : engaged) {
-    if (e.value("type", "") == "connection_invalidated") break;  // the watchers' own agent begins here
     ASSERT_TRUE(e["timestamp"].is_number_integer()) << e.dump();
     EXPECT_GE(e["timestamp"].get<int64_t>(), previous) << engaged.dump();
     previous = e["timestamp"].get<int64_t>();

@@ -174,7 +174,8 @@ ExitCode DaemonCommands::feedbackCurrent() {
   if (r.value->error) return out_.daemonError(*r.value->error);
   const auto& events = r.value->events;
   out_.line(events.empty() ? "no events in the open session"
-                           : fmt::format("{} event{} in the open session", events.size(), events.size() == 1 ? "" : "s"));
+                           : fmt::format("{} event{} in the open session", events.size(),
+                                         events.size() == 1 ? "" : "s"));
   ojson list = ojson::array();
   for (const Value::Dict& event : events) {
     out_.line(FeedbackListing::line(event));

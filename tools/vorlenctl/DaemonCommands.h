@@ -1,7 +1,7 @@
 // DaemonCommands: vorlenctl's subcommands that talk to vorlend through libvorlen-client: status,
-// configure, search, bag, sessions, report, feedback current. Each configures the connection with the tool's identity
-// first (the daemon answers nothing else before), runs its operation with the blocking client forms and
-// returns the exit status.
+// configure, search, bag, sessions, report, feedback current. Each configures the connection with the tool's
+// identity first (the daemon answers nothing else before), runs its operation with the blocking client forms
+// and returns the exit status.
 //
 // Threading: main thread only.
 #pragma once

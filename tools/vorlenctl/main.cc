@@ -62,7 +62,8 @@ int run(int argc, char** argv) {
 
   auto* feedback = app.add_subcommand("feedback", "the feedback the daemon collects");
   feedback->require_subcommand(1);
-  auto* fCurrent = feedback->add_subcommand("current", "the open session's events, with times relative to its first");
+  auto* fCurrent =
+      feedback->add_subcommand("current", "the open session's events, with times relative to its first");
   auto* fStored = feedback->add_subcommand("stored", "the session files waiting for upload (no daemon needed)");
   auto* fShow = feedback->add_subcommand("show", "one session file as the JSON record it would be uploaded as");
   uint64_t sessionNumber = 0;
@@ -154,7 +155,8 @@ int run(int argc, char** argv) {
   else if (*bag) code = command.bag();
   else if (*sessions) code = command.sessions();
   else if (*report) code = command.report(eventJson, queryId);
-  else if (*fCurrent) code = command.feedbackCurrent();
+  else if (*fCurrent)
+    code = command.feedbackCurrent();
   return static_cast<int>(code);
 }
 
