@@ -20,7 +20,7 @@
 #include "client/ClientResult.h"
 #include "ipc/IpcEndpoint.h"
 #include "ipc/IpcMessage.h"
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 #include "model/VORBag.h"
 #include "model/VORError.h"
 #include "model/VORReply.h"

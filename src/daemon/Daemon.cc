@@ -10,6 +10,7 @@
 #include "base/Log.h"
 #include "base/Transaction.h"
 #include "cache/EngagedCompletionCache.h"
+#include "feedback/ClientSessionManager.h"
 #include "ipc/IpcListener.h"
 #include "network/HttpSessions.h"
 #include "network/LocationManager.h"
@@ -18,6 +19,7 @@
 #include "platform/PlatformChangeMonitor.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
+#include "storage/VorlenPersistentStorage.h"
 
 namespace vorlen {
 
@@ -59,6 +61,10 @@ std::shared_ptr<Assembly> Daemon::start() {
   //    then, and every user tolerates an empty slot.
   assembly->locationManager = LocationManager::create(*assembly);
   assembly->requestFactory = VORNetworkRequestFactory::create(*assembly);
+  // The session files: every file's first record is the daemon's own user agent. The scan of files left
+  // by earlier runs happens here, before any client can open a session.
+  assembly->persistentStorage =
+      VorlenPersistentStorage::create(*assembly, ClientSessionManager::vorlendUserAgent(*assembly).value_or(""));
 
   // 5. One launch per process start.
   VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.launch");

@@ -195,6 +195,10 @@ void ClientSession::_append(VorlenFeedback feedback) {
   });
 }
 
+void ClientSession::addRestoredFeedback(VorlenFeedback feedback) {
+  _sessionQueue->sync([&] { sessionFeedbacks_.push_back(std::move(feedback)); });
+}
+
 void ClientSession::sessionComplete() {
   _sessionQueue->sync([&] {
     if (!storageHandle_) {

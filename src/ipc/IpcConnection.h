@@ -47,7 +47,7 @@
 #include "ipc/IpcMessage.h"
 #include "ipc/IpcPeer.h"
 #include "ipc/IpcReplier.h"
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace vorlen {
 

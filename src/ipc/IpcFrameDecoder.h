@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace vorlen {
 

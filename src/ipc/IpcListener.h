@@ -30,7 +30,7 @@
 #include "ipc/IpcEndpoint.h"
 #include "ipc/IpcListenerDelegate.h"
 #include "ipc/IpcListenerOptions.h"
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace vorlen {
 

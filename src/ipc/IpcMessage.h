@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "base/Value.h"
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace vorlen {
 

@@ -5,7 +5,7 @@
 // Threading: call once at start-up, before other threads read the environment.
 #pragma once
 
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace vorlen {
 

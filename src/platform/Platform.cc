@@ -5,6 +5,7 @@
 #include "base/Preferences.h"
 #include "platform/DeviceProperties.h"
 #include "platform/DeviceRestrictions.h"
+#include "platform/FileSystem.h"
 #include "platform/GeoConfiguration.h"
 #include "platform/GeoSession.h"
 #include "platform/InteractionDonor.h"
@@ -25,6 +26,7 @@ Platform Platform::forLinux(const Paths& paths) {
   p.notificationCenter = NotificationCenter::create();
   p.interactionDonor = std::make_shared<InteractionDonor>(paths.cachesDir / "interactions.jsonl", p.clock);
   p.systemNotifier = SystemNotifier::create();
+  p.fileSystem = linuxFileSystem();
   {
     auto defaults = std::make_shared<Preferences>(paths.configDir, kServiceName);
     auto locale = std::make_shared<LinuxLocaleProvider>(defaults, p.notificationCenter);
@@ -60,6 +62,7 @@ Platform Platform::forTesting(const std::filesystem::path& root, std::shared_ptr
   p.geoSession = std::make_shared<FakeGeoSession>();
   p.geo = std::make_shared<FakeGeoConfiguration>(p.notificationCenter);
   p.restrictions = std::make_shared<FakeDeviceRestrictions>(p.notificationCenter);
+  p.fileSystem = linuxFileSystem();
   return p;
 }
 

@@ -23,6 +23,7 @@ class GeoSession;
 class GeoConfiguration;
 class DeviceRestrictions;
 class PlatformChangeMonitor;
+class FileSystem;
 
 struct Platform {
   Paths paths;
@@ -45,6 +46,8 @@ struct Platform {
   // Linux only (null in tests): re-reads the preferences behind the adapters above every few seconds, so
   // an edit of them is announced without a signal; checkNow() is what a SIGHUP should run.
   std::shared_ptr<PlatformChangeMonitor> changeMonitor;
+  // The file layer under session files (the Linux one in tests too, unless a test injects faults).
+  std::shared_ptr<FileSystem> fileSystem;
 
   // Linux services for the given folders (which must exist). The counters persist to
   // <caches>/counters.plist.

@@ -13,6 +13,7 @@
 #include "DefaultsCommand.h"
 #include "ExitCode.h"
 #include "StatsCommand.h"
+#include "StoredFeedbackCommand.h"
 #include "base/Log.h"
 #include "base/Paths.h"
 
@@ -63,6 +64,10 @@ int run(int argc, char** argv) {
   feedback->require_subcommand(1);
   auto* fCurrent =
       feedback->add_subcommand("current", "the open session's events, with times relative to its first");
+  auto* fStored = feedback->add_subcommand("stored", "the session files waiting for upload (no daemon needed)");
+  auto* fShow = feedback->add_subcommand("show", "one session file as the JSON record it would be uploaded as");
+  uint64_t sessionNumber = 0;
+  fShow->add_option("N", sessionNumber, "the number of the file session.N")->required();
 
   auto* defaults = app.add_subcommand("defaults", "read, write or delete a preference");
   defaults->require_subcommand(1);
@@ -121,6 +126,10 @@ int run(int argc, char** argv) {
     return static_cast<int>(command.remove(domain, key));
   }
   if (*stats) return static_cast<int>(StatsCommand::run(out, paths.cachesDir));
+  if (*fStored || *fShow) {
+    StoredFeedbackCommand command(out, paths.cachesDir, paths.configDir);
+    return static_cast<int>(*fStored ? command.stored() : command.show(sessionNumber));
+  }
   if (*completions) {
     CompletionsCommand command(out, paths.cachesDir, paths.configDir);
     const int64_t client = CompletionsCommand::clientNumber(clientName).value_or(1);

@@ -1,4 +1,4 @@
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 #include <fcntl.h>
 #include <unistd.h>
