@@ -22,7 +22,7 @@
 #include "feedback/ClientSessionManager.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "feedback/VorlenFeedback.h"
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 #include "model/Constants.h"
 #include "model/QXFeedbackFactory.h"
 #include "network/BagController.h"
