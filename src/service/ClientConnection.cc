@@ -77,6 +77,7 @@ ClientConnection::ClientConnection(std::shared_ptr<Assembly> assembly, std::shar
 
 ClientConnection::~ClientConnection() {
   if (idleTimer_) idleTimer_->cancel();
+  if (configureTimer_) configureTimer_->cancel();
   // The observers go with their tokens; the transaction closes with its object.
 }
 
@@ -90,6 +91,13 @@ void ClientConnection::start() {
                                                self.connection_->invalidate();
                                              });
   idleTimer_->arm(options_.idleTimeout);
+  configureTimer_ = Timer::weak<ClientConnection>(assembly_->clock(), notifyQueue_, shared_from_this(),
+                                                  [](ClientConnection& self) {
+                                                    if (self.state()) return;
+                                                    connectionLog().debug("closing ipc connection that never configured");
+                                                    self.connection_->invalidate();
+                                                  });
+  configureTimer_->arm(options_.configureTimeout);
 
   auto center = assembly_->notificationCenter;
   if (center) {
@@ -192,7 +200,7 @@ void ClientConnection::_ensureState() {
     configuration = configuration_;
   }
   if (!configuration) {
-    sessionLog().fault("configuration must not be nil");
+    repeatedLines_.log(sessionLog(), LogLevel::Fault, "configuration must not be nil");
     return;
   }
   const std::string& identifier = configuration->identifier;
@@ -201,7 +209,7 @@ void ClientConnection::_ensureState() {
     agent = createUserAgentString(configuration->userAgent, *assembly_->platform.device);
   }
   if (identifier.empty() || !agent) {
-    sessionLog().fault("configuration requires identifier and agent");
+    repeatedLines_.log(sessionLog(), LogLevel::Fault, "configuration requires identifier and agent");
     return;
   }
   std::shared_ptr<ClientState> bound;
@@ -211,7 +219,9 @@ void ClientConnection::_ensureState() {
     bound = state_;
   }
   if (bound) {
-    if (bound->identifier() != identifier) sessionLog().fault("session identifier must match");
+    if (bound->identifier() != identifier) {
+      repeatedLines_.log(sessionLog(), LogLevel::Fault, "session identifier must match");
+    }
     return;
   }
   auto state = clientStateManager_ ? clientStateManager_->stateForClientIdentifier(identifier) : nullptr;
@@ -223,7 +233,7 @@ void ClientConnection::_ensureState() {
 }
 
 void ClientConnection::configure(VORSessionConfiguration configuration, IpcReplier reply) {
-  sessionLog().notice("client configuration {}", configuration.toRecord().describe());
+  sessionLog().notice("client configuration {}", Private(configuration.toRecord().describe()));
   {
     std::lock_guard lock(mu_);
     configuration_ = configuration;
@@ -236,6 +246,8 @@ void ClientConnection::configure(VORSessionConfiguration configuration, IpcRepli
     connection_->invalidate();
     return;
   }
+  // A known client survives a crash from the moment it is told it is configured.
+  if (clientStateManager_) clientStateManager_->saveStateNow();
   // The endpoint goes out first: the bag may take a fetch, and the client should not wait for it.
   auto endpoint = clientStateManager_ ? clientStateManager_->endpoint() : std::nullopt;
   if (reply) reply(Value::Array{endpoint ? endpoint->toValue() : Value()});
@@ -469,7 +481,8 @@ void ClientConnection::_resultEngagementExtras(const ClientState& state, const Q
     }
   } else {
     feedbackLog().error("invalid input for intent creation, inputString = {}, queryString = {}",
-                        result->userInput.value_or("(null)"), result->completedQuery.value_or("(null)"));
+                        Private(result->userInput.value_or("(null)")),
+                        Private(result->completedQuery.value_or("(null)")));
   }
   auto cache = assembly_->engagedCompletionCache;
   if (!cache) return;

@@ -118,7 +118,7 @@ std::shared_ptr<ClientState> ClientState::create(std::string identifier, std::sh
   if (a && a->userDefaults && a->userDefaults->boolForKey("VORNoQueryCache")) {
     cachingLog().info("query cache OFF for {}", state->identifier_);
   } else if (a) {
-    state->queryCache_ = QueryCache::create(*a);
+    state->queryCacheEnabled_ = true;
     cachingLog().info("query cache ON for {}", state->identifier_);
   }
   return state;
@@ -126,6 +126,23 @@ std::shared_ptr<ClientState> ClientState::create(std::string identifier, std::sh
 
 ClientState::ClientState(std::string identifier, std::shared_ptr<Assembly> assembly)
     : identifier_(std::move(identifier)), assembly_(std::move(assembly)) {}
+
+std::shared_ptr<QueryCache> ClientState::queryCache() const {
+  std::lock_guard lock(mu_);
+  return queryCache_;
+}
+
+std::shared_ptr<QueryCache> ClientState::_queryCacheForUse() {
+  std::lock_guard lock(mu_);
+  if (queryCacheEnabled_ && !queryCache_) queryCache_ = QueryCache::create(*assembly_);
+  return queryCache_;
+}
+
+void ClientState::releaseCaches() {
+  std::shared_ptr<QueryCache> released;
+  std::lock_guard lock(mu_);
+  released = std::move(queryCache_);  // destroyed after the lock is let go (declared first)
+}
 
 void ClientState::setConfiguration(VORSessionConfiguration configuration) {
   std::lock_guard lock(mu_);
@@ -196,7 +213,7 @@ void ClientState::bag(const std::string& userAgent, BagReply reply) {
       viewChanged = true;
     }
   }
-  if (viewChanged && queryCache_) queryCache_->removeAllObjects();
+  if (auto cache = viewChanged ? queryCache() : nullptr) cache->removeAllObjects();
   if (!_ensureBag()) {
     if (reply) reply(std::nullopt, VORError::make(1, "timeout"));
     return;
@@ -296,7 +313,7 @@ VORReply ClientState::_makeReply(const VORRequest& request, const HttpRequest* h
 
 void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryReply reply) {
   searchLog().info("session {} performing query[{}] {}, reply {}", identifier_, request->queryId,
-                   request->queryString, describeReply(reply));
+                   Private(request->queryString), describeReply(reply));
   if (!clientShortName().empty()) _countForClient("keystrokes");
   const std::optional<VORBag> enabled = _enabledBag(
       *request, fmt::format("Bag fetch failed, can't complete non-cached query {}.", request->queryString),
@@ -305,7 +322,8 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
   const VORBag& bag = *enabled;
   const uint64_t minimum = bag.minimumQueryLength();
   if (characterCount(request->queryString) < minimum) {
-    searchLog().debug("query[{}] input '{}' less than {}", request->queryId, request->queryString, minimum);
+    searchLog().debug("query[{}] input '{}' less than {}", request->queryId, Private(request->queryString),
+                      minimum);
     if (reply) reply(request->queryId, std::nullopt, std::nullopt);
     _recordFeedback(QXFeedbackFactory::skipSearch(kSkipQueryTooShort, request->queryString), *request);
     return;
@@ -329,10 +347,10 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
       suggestion.score = found->score;
       suggestion.type = static_cast<uint64_t>(found->type);
       query->setCompletionCacheSuggestion(std::move(suggestion));
-      searchLog().debug("Local completion found: input {}, completion {}, score {:f}", request->queryString,
-                        found->suggestion, found->score);
+      searchLog().debug("Local completion found: input {}, completion {}, score {:f}",
+                        Private(request->queryString), Private(found->suggestion), found->score);
     } else {
-      searchLog().debug("Local completion not found: input {}", request->queryString);
+      searchLog().debug("Local completion not found: input {}", Private(request->queryString));
     }
     _recordFeedback(QXFeedbackFactory::endLocalSearch(start), *request);
   }
@@ -351,10 +369,11 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
     if (reply) reply(request->queryId, std::nullopt, VORError::make(500, "no search URL"));
     return;
   }
-  protocolLog().notice("request: {} header: {}", http->url, Value(describeHeaders(http->headers)).describe());
+  protocolLog().notice("request: {} header: {}", Private(http->url),
+                       Private(Value(describeHeaders(http->headers)).describe()));
 
-  if (queryCache_) {
-    if (auto hit = queryCache_->getRequest(*query, &*http)) {
+  if (auto cache = _queryCacheForUse()) {
+    if (auto hit = cache->getRequest(*query, &*http)) {
       VORReply answer = _makeReply(*request, nullptr, nullptr, hit->data(), false);
       if (reply) reply(request->queryId, std::move(answer), std::nullopt);
       _countForClient("ondevicecachehits");
@@ -374,7 +393,7 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
   network->cacheInput = request->queryString;
   network->invalidResponseCode = 500;
   searchLog().debug("Dispatching network request for (id, query): ({}, {})", request->queryId,
-                    request->queryString);
+                    Private(request->queryString));
   _sendNetworkQuery(network, std::move(reply));
   VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.search");
   _setPerformedSearch();
@@ -433,18 +452,19 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
   const VORRequest& request = *query.request;
   const Logger& log = *query.log;
   log.info("{}", query.gotResponseText);
-  log.debug("resp: {}", response ? fmt::format("<HTTP response {} status {}>", response->url, response->status)
+  log.debug("resp: {}", response ? fmt::format("<HTTP response {} status {}>", Private(response->url),
+                                               response->status)
                                  : std::string("(null)"));
   const int64_t status = response ? response->status : 0;
   if (error) {
-    log.error("error with request {}", query.http.url);
+    log.error("error with request {}", Private(query.http.url));
     VORError e = NetworkTimingData::errorFromTransport(*error);
     failSearchFeedback(query, e, data.size(), status, metrics);
     if (reply) reply(request.queryId, std::nullopt, e);
     return;
   }
   if (!response) {
-    log.error("not http response? {}", query.http.url);
+    log.error("not http response? {}", Private(query.http.url));
     VORError e = VORError::make(query.invalidResponseCode, "invalid response class");
     failSearchFeedback(query, e, data.size(), status, metrics);
     if (reply) reply(request.queryId, std::nullopt, e);
@@ -460,7 +480,8 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
   nlohmann::json body = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
   if (query.requireJsonObject && !body.is_object()) {
     log.error("Failed to deserialize card details for into a dictionary. Error: {}. Response data: \"{}\"",
-              body.is_discarded() ? "not JSON" : "not a JSON object", std::string(data.begin(), data.end()));
+              body.is_discarded() ? "not JSON" : "not a JSON object",
+              Private(std::string(data.begin(), data.end())));
     VORError e = VORError::make(500, "invalid response body");
     failSearchFeedback(query, e, data.size(), status, metrics);
     if (reply) reply(request.queryId, std::nullopt, e);
@@ -475,10 +496,11 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
 
 void ClientState::_cacheResponse(const nlohmann::json& response, const std::vector<uint8_t>& data,
                                  const HttpRequest& request, const std::string& input, const Uuid& uuid) {
-  if (!queryCache_) return;
+  auto cache = _queryCacheForUse();
+  if (!cache) return;
   auto status = response.find("status");
   if (status != response.end() && status->is_string() && status->get<std::string>() == "ERROR") return;
-  queryCache_->set(std::make_shared<CachedResultSet>(input, &request, response, uuid, data, assembly_->clock()->now()));
+  cache->set(std::make_shared<CachedResultSet>(input, &request, response, uuid, data, assembly_->clock()->now()));
 }
 
 void ClientState::endNetworkFeedback(const NetworkQuery& query, const HttpResponse& response, uint64_t responseSize,
@@ -601,7 +623,8 @@ void ClientState::card(std::shared_ptr<const VORCardRequest> request, QueryReply
     if (reply) reply(request->queryId, std::nullopt, VORError::make(1, "timeout"));
     return;
   }
-  protocolLog().notice("card request: {} header: {}", http->url, Value(describeHeaders(http->headers)).describe());
+  protocolLog().notice("card request: {} header: {}", Private(http->url),
+                       Private(Value(describeHeaders(http->headers)).describe()));
   auto network = std::make_shared<NetworkQuery>();
   network->request = request;
   network->start = QXFeedbackFactory::startNetworkSearch(request->queryString, http->url, http->headers,
