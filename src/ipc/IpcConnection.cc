@@ -56,6 +56,7 @@ struct IpcConnection::Io {
   bool readWaiting = false;   // an async_wait for reading is outstanding
   bool readPaused = false;    // reading stopped until the queue works off its backlog
   bool writeWaiting = false;  // an async_wait for writing is outstanding
+  bool writeBroken = false;   // the peer reads no more: what we send is discarded, reading goes on
   bool closed = false;
   // Stall watch: active while a frame is half-received (and we are reading) or our data waits for the
   // peer; a connection that makes no progress for stallTimeout while active is closed.
@@ -486,8 +487,6 @@ void IpcConnection::serveFrame(IpcRawFrame& frame) {
 
 bool IpcConnection::peerGoneOnQueue() {
   if (invalidated_.load()) return true;
-  // With nothing queued behind this call there is little to save: serve it without a system call.
-  if (backlogMessages_.load() <= 1) return false;
   std::lock_guard lock(writeMu_);  // the descriptor stays open while held
   if (directFd_ < 0) return true;
   // A stream socket whose peer has closed reports POLLHUP even while unread data remains; a peer that
@@ -591,6 +590,12 @@ void IpcConnection::writeOrQueue(const std::shared_ptr<OutFrame>& frame) {
 void IpcConnection::enqueueOnIo(const std::shared_ptr<OutFrame>& frame) {
   Io& io = *io_;
   if (io.closed) return;
+  if (io.writeBroken) {
+    outgoingBytes_ -= frame->bytes.size();
+    std::lock_guard lock(writeMu_);
+    --framesOnIo_;
+    return;
+  }
   io.outgoing.push_back(frame);
   if (!io.writeWaiting) flushWrites();
   updateStallWatch();
@@ -641,6 +646,16 @@ void IpcConnection::flushWrites() {
                                self->flushWrites();
                                self->updateStallWatch();
                              });
+        return;
+      }
+      if ((errno == EPIPE || errno == ECONNRESET) && io.started) {
+        // The peer no longer reads, but what it sent before it went is still ours to read (the end of
+        // the stream then closes the connection): drop what waits for it and keep reading.
+        io.writeBroken = true;
+        std::lock_guard lock(writeMu_);
+        for (const auto& f : io.outgoing) outgoingBytes_ -= f->bytes.size();
+        framesOnIo_ -= io.outgoing.size();
+        io.outgoing.clear();
         return;
       }
       if (errno == EPIPE || errno == ECONNRESET) {

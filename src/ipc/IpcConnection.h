@@ -175,7 +175,7 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   // Queue.
   void serveFrame(IpcRawFrame& frame);
   // True when a reply to a call served now could never be read: the connection closed, or the peer hung up
-  // while more of its messages wait behind this one.
+  // (one poll() without waiting: a fraction of a microsecond beside the call itself).
   bool peerGoneOnQueue();
   void finishOnQueue();
   void reportProxyError(std::string reason);
