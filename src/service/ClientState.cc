@@ -316,7 +316,7 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
                    Private(request->queryString), describeReply(reply));
   if (!clientShortName().empty()) _countForClient("keystrokes");
   const std::optional<VORBag> enabled = _enabledBag(
-      *request, fmt::format("Bag fetch failed, can't complete non-cached query {}.", request->queryString),
+      *request, fmt::format("Bag fetch failed, can't complete non-cached query {}.", Private(request->queryString)),
       searchLog(), "no search, bag disabled", reply);
   if (!enabled) return;
   const VORBag& bag = *enabled;
@@ -389,7 +389,8 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
   network->http = std::move(*http);
   network->log = &searchLog();
   network->gotResponseText =
-      fmt::format("Got network response for (id, query): ({}, {})", request->queryId, request->queryString);
+      fmt::format("Got network response for (id, query): ({}, {})", request->queryId,
+                  Private(request->queryString));
   network->cacheInput = request->queryString;
   network->invalidResponseCode = 500;
   searchLog().debug("Dispatching network request for (id, query): ({}, {})", request->queryId,
