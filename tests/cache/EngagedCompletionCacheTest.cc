@@ -377,7 +377,7 @@ TEST_F(EngagedCompletionCacheTest, UnreadableFilesAreMovedAsideAndTheCacheWorksA
 TEST_F(EngagedCompletionCacheTest, TwoWritersOfOneFileLoseNothing) {
   auto daemon = open();
   auto tool = open();
-  constexpr int kEach = 150;
+  constexpr int kEach = 60;
   auto write = [](std::shared_ptr<EngagedCompletionCache> cache, std::string prefix) {
     int stored = 0;
     for (int i = 0; i < kEach; ++i) stored += cache->addCompletion(prefix + std::to_string(i), "x", 1, 1);
