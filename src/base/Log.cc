@@ -61,8 +61,9 @@ class JournalSink final : public LogSink {
     static const int priorities[] = {LOG_DEBUG, LOG_INFO, LOG_NOTICE, LOG_ERR, LOG_CRIT};
     // The program's own name, so that `journalctl -t vorlend` finds the daemon's lines.
     sd_journal_send("MESSAGE=%s", r.message.c_str(), "PRIORITY=%d", priorities[static_cast<int>(r.level)],
-                    "SYSLOG_IDENTIFIER=%s", program_invocation_short_name, "VORLEN_SUBSYSTEM=%s", kLogSubsystem, "VORLEN_CATEGORY=%s",
-                    r.category.empty() ? "default" : r.category.c_str(), nullptr);
+                    "SYSLOG_IDENTIFIER=%s", program_invocation_short_name, "VORLEN_SUBSYSTEM=%s",
+                    kLogSubsystem, "VORLEN_CATEGORY=%s", r.category.empty() ? "default" : r.category.c_str(),
+                    nullptr);
   }
 };
 #endif
@@ -196,7 +197,9 @@ ScopedPrivateLogging::ScopedPrivateLogging(bool enabled) : previous_(Log::privat
   Log::setPrivateDataEnabled(enabled);
 }
 
-ScopedPrivateLogging::~ScopedPrivateLogging() { Log::setPrivateDataEnabled(previous_); }
+ScopedPrivateLogging::~ScopedPrivateLogging() {
+  Log::setPrivateDataEnabled(previous_);
+}
 
 void VORTracingSetup(const Preferences& defaults) {
   static std::once_flag once;

@@ -35,10 +35,12 @@ void LogRepeatFilter::flush() {
     untracked = std::exchange(untracked_, 0);
   }
   for (const Seen& s : seen) {
-    if (s.repeats > 0) s.logger->write(s.level, fmt::format("{} (repeated {} more times)", s.message, s.repeats));
+    if (s.repeats > 0)
+      s.logger->write(s.level, fmt::format("{} (repeated {} more times)", s.message, s.repeats));
   }
   if (untracked > 0 && !seen.empty()) {
-    seen.front().logger->write(seen.front().level, fmt::format("{} more lines of other kinds were not written", untracked));
+    seen.front().logger->write(seen.front().level,
+                               fmt::format("{} more lines of other kinds were not written", untracked));
   }
 }
 

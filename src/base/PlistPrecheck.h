@@ -10,9 +10,9 @@
 //           build has at most `maxDepth` nested containers, `maxNodes` nodes (values and dictionary keys)
 //           and `maxBytes` bytes of string and data payload, and its decoded size (kDecodedNodeBytes per
 //           node plus the payload bytes) stays within `maxDecodedBytes`. Every count is taken on the
-//           expanded tree: an object referenced a million times counts a million times. Integers wider than 8 bytes must fit in 64
-//           bits unsigned (libplist would silently drop their upper half). Dictionary keys are strings
-//           without NUL characters (libplist asserts on those when handing a key out).
+//           expanded tree: an object referenced a million times counts a million times. Integers wider than 8
+//           bytes must fit in 64 bits unsigned (libplist would silently drop their upper half). Dictionary
+//           keys are strings without NUL characters (libplist asserts on those when handing a key out).
 //   XML:    no NUL characters; array and dict elements nest at most `maxDepth` deep and there are at
 //           most `maxNodes` elements. The scan follows libplist's tokenizer (comments, CDATA, processing
 //           instructions, DOCTYPE) and errs only towards overcounting, so libplist never nests deeper

@@ -160,23 +160,26 @@ std::optional<std::string> EngagedCompletionCache::unreadableReason() {
   std::optional<std::string> reason;
   if (rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT) {
     reason = sqlite3_errstr(rc);
-  } else if (rc == SQLITE_OK && rows >= 1 && cols >= 1 && (!result[cols] || std::strcmp(result[cols], "ok") != 0)) {
+  } else if (rc == SQLITE_OK && rows >= 1 && cols >= 1 &&
+             (!result[cols] || std::strcmp(result[cols], "ok") != 0)) {
     reason = std::string("integrity check: ") + (result[cols] ? result[cols] : "(null)");
   }
   sqlite3_free_table(result);
   if (reason || rc != SQLITE_OK) return reason;  // busy or otherwise unsure: keep the file
   // A version table that says current over a missing or different engagement table would never be rebuilt.
   result = nullptr;
-  rc = sqlite3_get_table(db, "SELECT schema_version from completion_cache_schema_version", &result, &rows, &cols,
-                         nullptr);
+  rc = sqlite3_get_table(db, "SELECT schema_version from completion_cache_schema_version", &result, &rows,
+                         &cols, nullptr);
   bool claimsCurrent = rc == SQLITE_OK && rows == 1 && cols == 1 && result[1] &&
                        std::strtoll(result[1], nullptr, 10) == kSchemaVersion;
   sqlite3_free_table(result);
   if (!claimsCurrent) return std::nullopt;
   sqlite3_stmt* probe = nullptr;
-  rc = sqlite3_prepare_v2(db, "SELECT completion, input, engagement_date, origin, client FROM completion_cache_engagement",
-                          -1, &probe, nullptr);
-  if (rc != SQLITE_OK && rc != SQLITE_BUSY) reason = std::string("schema version 3 without its table: ") + sqlite3_errmsg(db);
+  rc = sqlite3_prepare_v2(
+      db, "SELECT completion, input, engagement_date, origin, client FROM completion_cache_engagement", -1,
+      &probe, nullptr);
+  if (rc != SQLITE_OK && rc != SQLITE_BUSY)
+    reason = std::string("schema version 3 without its table: ") + sqlite3_errmsg(db);
   sqlite3_finalize(probe);
   return reason;
 }
@@ -469,8 +472,8 @@ bool EngagedCompletionCache::runQuery(sqlite3* db, const std::string& input, int
     };
     EngagedCompletion c{column(0), sqlite3_column_double(st.s, 2), suggestionTypeForOrigin(column(1))};
     auto rowEnd = std::chrono::steady_clock::now();
-    log().notice("Match found input {}, completion {}, score {:.6f}, time {}", Private(input), Private(c.suggestion),
-                 c.score,
+    log().notice("Match found input {}, completion {}, score {:.6f}, time {}", Private(input),
+                 Private(c.suggestion), c.score,
                  std::chrono::duration_cast<std::chrono::milliseconds>(rowEnd - rowStart).count());
     rowStart = rowEnd;
     out->push_back(std::move(c));

@@ -103,7 +103,8 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const VORRequest& 
   const std::string input = CachedResultSet::lowercased(request.queryString);
   const size_t inputLength = CachedResultSet::utf16Length(input);
   const CachedResultSet::RequestItems items = CachedResultSet::requestItems(httpRequest);
-  log().debug("cache lookup: '{}' qtype {} suggest {}", Private(input), orNull(items.qtype), orNull(items.suggestQueries));
+  log().debug("cache lookup: '{}' qtype {} suggest {}", Private(input), orNull(items.qtype),
+              orNull(items.suggestQueries));
 
   std::shared_ptr<const CachedResultSet> chosen;
   queue_->sync([&] {
@@ -136,8 +137,7 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const VORRequest& 
     for (const auto& c : candidates) {
       if (c->queryLength() - inputLength != shortest) continue;
       log().debug("entry {} prefix: {} input: {} score: {:.6f}", fmt::ptr(c.get()), Private(*c->query()),
-                  Private(c->input()),
-                  static_cast<double>(c->completionScore()));
+                  Private(c->input()), static_cast<double>(c->completionScore()));
       // The first in key order stands unless a later one has a positive and strictly higher score.
       if (!chosen || (c->completionScore() > 0 && c->completionScore() > chosen->completionScore())) chosen = c;
     }

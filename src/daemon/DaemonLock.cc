@@ -90,7 +90,8 @@ size_t DaemonLock::removeLeftovers(const std::vector<std::filesystem::path>& fol
   return removed;
 }
 
-size_t DaemonLock::removeStaleSockets(const std::filesystem::path& runtimeDir, const std::filesystem::path& keep) {
+size_t DaemonLock::removeStaleSockets(const std::filesystem::path& runtimeDir,
+                                      const std::filesystem::path& keep) {
   size_t removed = 0;
   std::error_code ec;
   for (std::filesystem::directory_iterator it(runtimeDir, ec), end; !ec && it != end; it.increment(ec)) {

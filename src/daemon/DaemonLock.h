@@ -30,7 +30,8 @@ class DaemonLock {
   static size_t removeLeftovers(const std::vector<std::filesystem::path>& folders);
   // Removes every socket file directly in `runtimeDir` except `keep` (the service socket, which the
   // service manager may have made for us); returns how many went.
-  static size_t removeStaleSockets(const std::filesystem::path& runtimeDir, const std::filesystem::path& keep);
+  static size_t removeStaleSockets(const std::filesystem::path& runtimeDir,
+                                   const std::filesystem::path& keep);
 
   const std::filesystem::path& path() const { return path_; }
 

@@ -480,8 +480,9 @@ void IpcConnection::serveFrame(IpcRawFrame& frame) {
   } else if (callHandler) {
     callHandler(*message, std::move(replier));
   } else {
-    rejectedCalls_.log(connectionLog(), LogLevel::Error,
-                       fmt::format("ignoring call from {}: {} is not served here", describePeer(), message->op()));
+    rejectedCalls_.log(
+        connectionLog(), LogLevel::Error,
+        fmt::format("ignoring call from {}: {} is not served here", describePeer(), message->op()));
   }
 }
 

@@ -20,9 +20,9 @@
 // past that the connection stops reading the socket until the queue catches up, so a fast sender is slowed
 // down instead of growing a queue. Messages the peer sent before it closed are still delivered, except
 // calls that want a reply: once the peer has hung up (or the connection closed) nobody can read their
-// answer, so they are dropped without running. After invalidate() nothing more is delivered. Then, once, on the queue: the interruption handler (only when the peer closed or
-// reset the connection), then the invalidation handler; afterwards every handler is released, so
-// handlers may hold their owner strongly.
+// answer, so they are dropped without running. After invalidate() nothing more is delivered. Then, once, on
+// the queue: the interruption handler (only when the peer closed or reset the connection), then the
+// invalidation handler; afterwards every handler is released, so handlers may hold their owner strongly.
 //
 // Replies: call() with a reply handler runs that handler on the queue when the reply arrives. A call whose
 // connection closes before its reply comes is never answered: its reply handler is dropped without being

@@ -307,16 +307,18 @@ bool IpcListener::admit(const std::shared_ptr<IpcConnection>& connection) {
     std::lock_guard lock(census->mu);
     --census->open;
     auto it = census->byPid.find(pid);
-    if (it != census->byPid.end() && --it->second.open == 0) census->byPid.erase(it);
-    else if (it != census->byPid.end()) it->second.refusalLogged = false;
+    if (it != census->byPid.end() && --it->second.open == 0)
+      census->byPid.erase(it);
+    else if (it != census->byPid.end())
+      it->second.refusalLogged = false;
   });
   return true;
 }
 
 void IpcListener::pauseAccepting(int error) {
   if (!std::exchange(io_->resourceErrorLogged, true)) {
-    listenerLog().error("accept on {} failed: {}; retrying every {:.0f} ms", path_.string(), std::strerror(error),
-                        toSeconds(options_.acceptBackoff) * 1000);
+    listenerLog().error("accept on {} failed: {}; retrying every {:.0f} ms", path_.string(),
+                        std::strerror(error), toSeconds(options_.acceptBackoff) * 1000);
   }
   io_->paused = true;
   std::weak_ptr<IpcListener> weak = weak_from_this();

@@ -11,8 +11,8 @@
 // maxConnectionsPerProcess from one peer process; a connection beyond either is closed as soon as it is
 // accepted, with an error line (for one process, once until it is back under its limit). When accept()
 // fails for want of descriptors (EMFILE, ENFILE) or memory, the listener logs it once and pauses for
-// acceptBackoff on the connection options' clock before it tries again. Connections outlive their listener: invalidating a
-// listener stops accepting and removes its socket file, nothing else.
+// acceptBackoff on the connection options' clock before it tries again. Connections outlive their listener:
+// invalidating a listener stops accepting and removes its socket file, nothing else.
 //
 // Life cycle: created suspended; setDelegate(), then resume(). A resumed listener keeps itself alive until
 // invalidate(). Without a delegate (or once it is gone) every connection is refused.

@@ -91,12 +91,12 @@ void ClientConnection::start() {
                                                self.connection_->invalidate();
                                              });
   idleTimer_->arm(options_.idleTimeout);
-  configureTimer_ = Timer::weak<ClientConnection>(assembly_->clock(), notifyQueue_, shared_from_this(),
-                                                  [](ClientConnection& self) {
-                                                    if (self.state()) return;
-                                                    connectionLog().debug("closing ipc connection that never configured");
-                                                    self.connection_->invalidate();
-                                                  });
+  configureTimer_ = Timer::weak<ClientConnection>(
+      assembly_->clock(), notifyQueue_, shared_from_this(), [](ClientConnection& self) {
+        if (self.state()) return;
+        connectionLog().debug("closing ipc connection that never configured");
+        self.connection_->invalidate();
+      });
   configureTimer_->arm(options_.configureTimeout);
 
   auto center = assembly_->notificationCenter;

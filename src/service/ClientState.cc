@@ -316,7 +316,8 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
                    Private(request->queryString), describeReply(reply));
   if (!clientShortName().empty()) _countForClient("keystrokes");
   const std::optional<VORBag> enabled = _enabledBag(
-      *request, fmt::format("Bag fetch failed, can't complete non-cached query {}.", Private(request->queryString)),
+      *request,
+      fmt::format("Bag fetch failed, can't complete non-cached query {}.", Private(request->queryString)),
       searchLog(), "no search, bag disabled", reply);
   if (!enabled) return;
   const VORBag& bag = *enabled;
@@ -388,9 +389,8 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
                                                          request->triggerEvent, kEndpointSearch);
   network->http = std::move(*http);
   network->log = &searchLog();
-  network->gotResponseText =
-      fmt::format("Got network response for (id, query): ({}, {})", request->queryId,
-                  Private(request->queryString));
+  network->gotResponseText = fmt::format("Got network response for (id, query): ({}, {})", request->queryId,
+                                         Private(request->queryString));
   network->cacheInput = request->queryString;
   network->invalidResponseCode = 500;
   searchLog().debug("Dispatching network request for (id, query): ({}, {})", request->queryId,
@@ -453,9 +453,9 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
   const VORRequest& request = *query.request;
   const Logger& log = *query.log;
   log.info("{}", query.gotResponseText);
-  log.debug("resp: {}", response ? fmt::format("<HTTP response {} status {}>", Private(response->url),
-                                               response->status)
-                                 : std::string("(null)"));
+  log.debug("resp: {}",
+            response ? fmt::format("<HTTP response {} status {}>", Private(response->url), response->status)
+                     : std::string("(null)"));
   const int64_t status = response ? response->status : 0;
   if (error) {
     log.error("error with request {}", Private(query.http.url));
@@ -501,7 +501,8 @@ void ClientState::_cacheResponse(const nlohmann::json& response, const std::vect
   if (!cache) return;
   auto status = response.find("status");
   if (status != response.end() && status->is_string() && status->get<std::string>() == "ERROR") return;
-  cache->set(std::make_shared<CachedResultSet>(input, &request, response, uuid, data, assembly_->clock()->now()));
+  cache->set(
+      std::make_shared<CachedResultSet>(input, &request, response, uuid, data, assembly_->clock()->now()));
 }
 
 void ClientState::endNetworkFeedback(const NetworkQuery& query, const HttpResponse& response, uint64_t responseSize,

@@ -214,8 +214,8 @@ TEST(ArchiveTest, SharedReferencesCannotMultiplyIntoHugeTrees) {
   std::string error;
   EXPECT_FALSE(Archive::decodeBinary(bomb, size_t{4} << 20, &error));
   EXPECT_EQ(error, "decodes to more than 4194304 bytes");
-  EXPECT_TRUE(Archive::decodeBinary(Archive::encodeBinary(Value(Value::Data(bomb.size(), 1))), size_t{4} << 20,
-                                    &error))
+  EXPECT_TRUE(Archive::decodeBinary(Archive::encodeBinary(Value(Value::Data(bomb.size(), 1))),
+                                    size_t{4} << 20, &error))
       << error;
 }
 

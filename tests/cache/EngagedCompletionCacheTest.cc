@@ -335,7 +335,8 @@ TEST_F(EngagedCompletionCacheTest, SchemaBusyWhileReadIsKept) {
 
 size_t errorLinesContaining(const CapturingSink& sink, const std::string& part) {
   size_t n = 0;
-  for (const LogRecord& r : sink.records()) n += r.level == LogLevel::Error && r.message.find(part) != std::string::npos;
+  for (const LogRecord& r : sink.records())
+    n += r.level == LogLevel::Error && r.message.find(part) != std::string::npos;
   return n;
 }
 
@@ -356,8 +357,9 @@ TEST_F(EngagedCompletionCacheTest, UnreadableFilesAreMovedAsideAndTheCacheWorksA
     aside += ".corrupt";
     std::filesystem::remove(aside);
     if (contents.empty()) {
-      query(file(), "CREATE TABLE completion_cache_schema_version(schema_version INT); INSERT INTO "
-                    "completion_cache_schema_version VALUES (3);");
+      query(file(),
+            "CREATE TABLE completion_cache_schema_version(schema_version INT); INSERT INTO "
+            "completion_cache_schema_version VALUES (3);");
     } else {
       test::writeFile(file(), contents);
     }
@@ -387,7 +389,8 @@ TEST_F(EngagedCompletionCacheTest, TwoWritersOfOneFileLoseNothing) {
   auto fromTool = std::async(std::launch::async, write, tool, "t");
   EXPECT_EQ(fromDaemon.get(), kEach);
   EXPECT_EQ(fromTool.get(), kEach);
-  EXPECT_EQ(query(file(), "SELECT COUNT(*) FROM completion_cache_engagement;")[0][0], std::to_string(2 * kEach));
+  EXPECT_EQ(query(file(), "SELECT COUNT(*) FROM completion_cache_engagement;")[0][0],
+            std::to_string(2 * kEach));
 }
 
 TEST(EngagedCompletionSignificantValueTest, KeepsTwoSignificantDigits) {

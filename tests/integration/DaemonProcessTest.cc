@@ -66,7 +66,9 @@ TEST(DaemonProcessTest, TellsTheServiceManagerItIsReadyOnceItServes) {
   // By then the service socket takes connections.
   UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un service{AF_UNIX, {}};
-  (dir / "run" / "vorlend" / "com.velmo.vorlend").native().copy(service.sun_path, sizeof(service.sun_path) - 1);
+  (dir / "run" / "vorlend" / "com.velmo.vorlend")
+      .native()
+      .copy(service.sun_path, sizeof(service.sun_path) - 1);
   EXPECT_EQ(::connect(client.get(), reinterpret_cast<sockaddr*>(&service), sizeof(service)), 0);
 }
 
@@ -82,8 +84,9 @@ TEST(DaemonProcessTest, ASecondDaemonForTheSameUserExitsWithOneLineBeforeTouchin
   test::ChildProcess second(test::builtProgram("vorlend"), {}, env, dir.path());
   EXPECT_EQ(second.wait(std::chrono::seconds(20)), 1);
   const std::string err = second.stderrText();
-  EXPECT_NE(err.find("another vorlend is already running for this user as pid " + std::to_string(first.pid())),
-            std::string::npos)
+  EXPECT_NE(
+      err.find("another vorlend is already running for this user as pid " + std::to_string(first.pid())),
+      std::string::npos)
       << err;
   EXPECT_EQ(err.find("vorlend started"), std::string::npos) << err;
   EXPECT_FALSE(std::filesystem::exists(dir / "second.sock"));

@@ -27,12 +27,13 @@ class IpcBacklogTest : public test::IpcFixture {
         IpcListener::anonymous(dir.path(), std::move(options), &error),
         [this](const std::shared_ptr<IpcConnection>&) {
           auto iface = std::make_shared<IpcExportedInterface>("BacklogIPC");
-          iface->add("hold:reply:", {IpcExportedInterface::Arg::any()}, [this](const IpcMessage&, IpcReplier reply) {
-            entered.add();
-            gate.waitFor(1);
-            held.add();
-            reply({Value("done")});
-          });
+          iface->add("hold:reply:", {IpcExportedInterface::Arg::any()},
+                     [this](const IpcMessage&, IpcReplier reply) {
+                       entered.add();
+                       gate.waitFor(1);
+                       held.add();
+                       reply({Value("done")});
+                     });
           iface->add("record:", {}, [this](const IpcMessage&, IpcReplier) { recordedCalls.add(); });
           return iface;
         });

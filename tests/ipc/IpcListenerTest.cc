@@ -1,7 +1,7 @@
 #include "ipc/IpcListener.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -232,8 +232,10 @@ TEST_F(IpcListenerTest, RunningOutOfDescriptorsPausesAcceptingWithOneLine) {
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
   sockaddr_un addr{AF_UNIX, {}};
   server->listener->path().native().copy(addr.sun_path, sizeof(addr.sun_path) - 1);
-  for (auto& fd : clients) ASSERT_EQ(::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-  const bool paused = waitUntil([&] { return test::countLogLines(capture.sink(), LogLevel::Error, "retrying every") > 0; });
+  for (auto& fd : clients)
+    ASSERT_EQ(::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  const bool paused =
+      waitUntil([&] { return test::countLogLines(capture.sink(), LogLevel::Error, "retrying every") > 0; });
   clock->advance(seconds(1));  // one more failed attempt: no second line
   clock->advance(seconds(1));
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);

@@ -7,8 +7,8 @@
 
 #include "base/Log.h"
 #include "cache/EngagedCompletionCache.h"
-#include "client/VorlenClient.h"
 #include "cache/QueryCache.h"
+#include "client/VorlenClient.h"
 #include "network/HttpSessions.h"
 #include "network/HttpTestSupport.h"
 #include "network/VORNetworkRequestFactory.h"
@@ -194,7 +194,8 @@ TEST_F(ClientStateQueryTest, ContinuedTypingAlongACompletionIsAnsweredFromTheQue
 
   // Many other clients later, this one is the least recently used: its cache is gone, and comes back.
   for (size_t i = 0; i < ClientStateManager::kWarmStates; ++i) {
-    ASSERT_TRUE(assembly->clientStateManager->stateForClientIdentifier("com.example.other" + std::to_string(i)));
+    ASSERT_TRUE(
+        assembly->clientStateManager->stateForClientIdentifier("com.example.other" + std::to_string(i)));
   }
   EXPECT_FALSE(state->queryCache());
   EXPECT_FALSE(assembly->clientStateManager->stateForClientIdentifier("com.example.other0")->queryCache());

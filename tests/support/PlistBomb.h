@@ -11,7 +11,8 @@ namespace vorlen::test {
 inline std::vector<uint8_t> referenceBomb(uint32_t refs) {
   std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
   uint64_t arrayOffset = out.size();
-  out.insert(out.end(), {0xAF, 0x12, uint8_t(refs >> 24), uint8_t(refs >> 16), uint8_t(refs >> 8), uint8_t(refs)});
+  out.insert(out.end(),
+             {0xAF, 0x12, uint8_t(refs >> 24), uint8_t(refs >> 16), uint8_t(refs >> 8), uint8_t(refs)});
   out.insert(out.end(), refs, 0x01);
   uint64_t stringOffset = out.size();
   out.insert(out.end(), {0x5F, 0x10, 60});
