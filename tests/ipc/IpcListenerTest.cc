@@ -224,7 +224,7 @@ TEST_F(IpcListenerTest, RunningOutOfDescriptorsPausesAcceptingWithOneLine) {
   ScopedLogCapture capture;
   rlimit old{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
-  const int lowestFree = ::fcntl(0, F_DUPFD_CLOEXEC, 0);
+  const int lowestFree = ::fcntl(clients[0].get(), F_DUPFD_CLOEXEC, 0);
   ASSERT_GE(lowestFree, 0);
   ::close(lowestFree);
   rlimit tight = old;
