@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds with ninja, runs every test in the default
-# (RelWithDebInfo) build and again under AddressSanitizer + UndefinedBehaviorSanitizer.
-#   scripts/test.sh            both builds
+# (RelWithDebInfo) build and again under AddressSanitizer + UndefinedBehaviorSanitizer, then runs every
+# fuzz target for FUZZ_SECONDS (30) each (scripts/fuzz.sh).
+#   scripts/test.sh            both builds and the fuzz run
 #   scripts/test.sh default    one preset only (default, asan or tsan)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -22,3 +23,11 @@ for preset in "${presets[@]}"; do
   ctest --preset "$preset"
   echo "=== $preset done in $(( $(date +%s) - start ))s"
 done
+
+# The full run (no preset named) fuzzes too: every decoder of outside bytes has a target.
+if [ $# -eq 0 ]; then
+  echo "=== fuzz"
+  start=$(date +%s)
+  bash scripts/fuzz.sh
+  echo "=== fuzz done in $(( $(date +%s) - start ))s"
+fi

@@ -2,10 +2,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
+#include "base/FileUtil.h"
 #include "base/Log.h"
 #include "daemon/Daemon.h"
+#include "daemon/DaemonLock.h"
 
 namespace {
 
@@ -45,11 +48,23 @@ int main(int argc, char** argv) {
 
   vorlen::Paths paths = vorlen::Paths::fromEnvironment();
   std::string error;
+  // One daemon per user: the lock comes before anything under the config or caches folders is touched.
+  if (!vorlen::ensureDirectory(paths.runtimeDir, 0700, &error)) {
+    vorlen::VorlenDefaultLog().fault("cannot create the daemon's folders: {}", error);
+    return 1;
+  }
+  std::optional<vorlen::DaemonLock> lock = vorlen::DaemonLock::acquire(paths.runtimeDir, &error);
+  if (!lock) {
+    vorlen::VorlenDefaultLog().fault("{}", error);
+    return 1;
+  }
   if (!paths.create(&error)) {
     vorlen::VorlenDefaultLog().fault("cannot create the daemon's folders: {}", error);
     return 1;
   }
+  vorlen::DaemonLock::removeStaleSockets(paths.runtimeDir, paths.serviceSocket);
+  vorlen::DaemonLock::removeLeftovers({paths.configDir, paths.cachesDir});
   vorlen::Daemon daemon(vorlen::Platform::forLinux(paths), options);
-  daemon.start();
+  if (!daemon.start()) return 1;
   daemon.run();
 }

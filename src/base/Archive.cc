@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -263,9 +264,16 @@ std::string Archive::encodeXML(const Value& value) {
 }
 
 std::optional<Value> Archive::decodeBinary(std::span<const uint8_t> bytes, std::string* error) {
+  return decodeBinary(bytes, SIZE_MAX, error);
+}
+
+std::optional<Value> Archive::decodeBinary(std::span<const uint8_t> bytes, size_t maxDecodedBytes,
+                                           std::string* error) {
   if (bytes.size() > std::numeric_limits<uint32_t>::max()) return reject("property list too large", error);
   std::string why;
-  if (!PlistPrecheck::binary(bytes, kLimits, &why)) return reject(why, error);
+  PlistPrecheck::Limits limits = kLimits;
+  limits.maxDecodedBytes = maxDecodedBytes;
+  if (!PlistPrecheck::binary(bytes, limits, &why)) return reject(why, error);
   plist_t root = nullptr;
   plist_from_bin(reinterpret_cast<const char*>(bytes.data()), static_cast<uint32_t>(bytes.size()), &root);
   if (!root) return reject("malformed binary property list", error);

@@ -36,6 +36,11 @@ class Archive {
   static std::string encodeXML(const Value& value);
 
   static std::optional<Value> decodeBinary(std::span<const uint8_t> bytes, std::string* error = nullptr);
+  // As above, and nullopt ("decodes to more than N bytes") when the decoded tree would take more than
+  // `maxDecodedBytes` of memory: shared references count once per use, so a small document cannot expand
+  // into a large tree.
+  static std::optional<Value> decodeBinary(std::span<const uint8_t> bytes, size_t maxDecodedBytes,
+                                           std::string* error);
   static std::optional<Value> decodeXML(std::string_view text, std::string* error = nullptr);
   // Binary when the bytes start with "bplist00", XML otherwise.
   static std::optional<Value> decode(std::span<const uint8_t> bytes, std::string* error = nullptr);

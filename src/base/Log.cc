@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -58,9 +59,11 @@ class JournalSink final : public LogSink {
  public:
   void write(const LogRecord& r) override {
     static const int priorities[] = {LOG_DEBUG, LOG_INFO, LOG_NOTICE, LOG_ERR, LOG_CRIT};
+    // The program's own name, so that `journalctl -t vorlend` finds the daemon's lines.
     sd_journal_send("MESSAGE=%s", r.message.c_str(), "PRIORITY=%d", priorities[static_cast<int>(r.level)],
-                    "VORLEN_SUBSYSTEM=%s", kLogSubsystem, "VORLEN_CATEGORY=%s",
-                    r.category.empty() ? "default" : r.category.c_str(), nullptr);
+                    "SYSLOG_IDENTIFIER=%s", program_invocation_short_name, "VORLEN_SUBSYSTEM=%s",
+                    kLogSubsystem, "VORLEN_CATEGORY=%s", r.category.empty() ? "default" : r.category.c_str(),
+                    nullptr);
   }
 };
 #endif
@@ -188,6 +191,14 @@ ScopedLogCapture::ScopedLogCapture()
 ScopedLogCapture::~ScopedLogCapture() {
   Log::setThreshold(previousThreshold_);
   Log::setSink(previous_);
+}
+
+ScopedPrivateLogging::ScopedPrivateLogging(bool enabled) : previous_(Log::privateDataEnabled()) {
+  Log::setPrivateDataEnabled(enabled);
+}
+
+ScopedPrivateLogging::~ScopedPrivateLogging() {
+  Log::setPrivateDataEnabled(previous_);
 }
 
 void VORTracingSetup(const Preferences& defaults) {

@@ -146,6 +146,17 @@ class ScopedLogCapture {
   LogLevel previousThreshold_;
 };
 
+// Turns private logging on (or off) for the lifetime of the object, then restores it; for tests that
+// compare lines carrying user data.
+class ScopedPrivateLogging {
+ public:
+  explicit ScopedPrivateLogging(bool enabled = true);
+  ~ScopedPrivateLogging();
+
+ private:
+  bool previous_;
+};
+
 // Trace switch: VORTracingSetup() reads the boolean preference "TraceEnabled" once per process into
 // VORTraceEnabled and logs "VORTraceEnabled flag set to %d" at debug level.
 extern std::atomic<bool> VORTraceEnabled;

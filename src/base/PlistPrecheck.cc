@@ -91,6 +91,14 @@ class BinaryScan {
     if (parent.bytes > limits_.maxBytes) {
       return fail(fmt::format("more than {} bytes of strings and data", limits_.maxBytes));
     }
+    return checkDecodedSize(parent);
+  }
+
+  bool checkDecodedSize(const Stats& s) {
+    // nodes <= maxNodes and bytes <= maxBytes here, so the sum cannot overflow.
+    if (s.nodes * PlistPrecheck::kDecodedNodeBytes + s.bytes > limits_.maxDecodedBytes) {
+      return fail(fmt::format("decodes to more than {} bytes", limits_.maxDecodedBytes));
+    }
     return true;
   }
 
@@ -138,7 +146,7 @@ class BinaryScan {
         if (out.bytes > limits_.maxBytes) {
           return fail(fmt::format("more than {} bytes of strings and data", limits_.maxBytes));
         }
-        return true;
+        return checkDecodedSize(out);
       }
       case 0xA:
       case 0xC:

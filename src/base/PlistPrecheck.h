@@ -8,9 +8,11 @@
 //   binary: header, trailer and offset table are consistent; every reachable object has a known marker
 //           and lies inside the object area; there are no reference cycles; and the tree libplist would
 //           build has at most `maxDepth` nested containers, `maxNodes` nodes (values and dictionary keys)
-//           and `maxBytes` bytes of string and data payload. Integers wider than 8 bytes must fit in 64
-//           bits unsigned (libplist would silently drop their upper half). Dictionary keys are strings
-//           without NUL characters (libplist asserts on those when handing a key out).
+//           and `maxBytes` bytes of string and data payload, and its decoded size (kDecodedNodeBytes per
+//           node plus the payload bytes) stays within `maxDecodedBytes`. Every count is taken on the
+//           expanded tree: an object referenced a million times counts a million times. Integers wider than 8
+//           bytes must fit in 64 bits unsigned (libplist would silently drop their upper half). Dictionary
+//           keys are strings without NUL characters (libplist asserts on those when handing a key out).
 //   XML:    no NUL characters; array and dict elements nest at most `maxDepth` deep and there are at
 //           most `maxNodes` elements. The scan follows libplist's tokenizer (comments, CDATA, processing
 //           instructions, DOCTYPE) and errs only towards overcounting, so libplist never nests deeper
@@ -21,6 +23,7 @@
 // Threading: stateless; safe from any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -34,7 +37,11 @@ class PlistPrecheck {
     int maxDepth;
     size_t maxNodes;
     size_t maxBytes;
+    size_t maxDecodedBytes = SIZE_MAX;
   };
+  // What one node costs once decoded: libplist's node and its data, then the Value made from it, with the
+  // allocator's overhead. An estimate on the high side; it only has to keep the budget honest.
+  static constexpr size_t kDecodedNodeBytes = 160;
 
   // True when the bytes may go to libplist; otherwise false with a short reason in *error.
   static bool binary(std::span<const uint8_t> bytes, const Limits& limits, std::string* error);

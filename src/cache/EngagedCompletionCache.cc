@@ -7,6 +7,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
+#include <thread>
 
 #include "base/Counters.h"
 #include "base/FileUtil.h"
@@ -98,6 +100,12 @@ void EngagedCompletionCache::createOrUpdateDatabase() {
   // A failed open leaves no connection; the schema steps then fail one by one, each with its log line.
   if (std::filesystem::exists(databasePath_, ec)) {
     openDatabase();
+    if (db_.load()) {
+      if (auto reason = unreadableReason()) {
+        moveAsideAndRecreate(*reason);
+        return;
+      }
+    }
     if (!isSchemaCurrent()) setDBSchema();
     return;
   }
@@ -138,9 +146,63 @@ bool EngagedCompletionCache::openDatabase() {
   // Every 256 virtual-machine steps a running statement asks whether an inline lookup's deadline has
   // passed (a few microseconds of work between checks).
   sqlite3_progress_handler(db, kProgressSteps, &EngagedCompletionCache::onProgress, this);
+  sqlite3_busy_handler(db, &EngagedCompletionCache::onBusy, this);
   db_.store(db);
   log().notice("Completions database opened: {}", databasePath_.string());
   return true;
+}
+
+std::optional<std::string> EngagedCompletionCache::unreadableReason() {
+  sqlite3* db = db_.load();
+  char** result = nullptr;
+  int rows = 0, cols = 0;
+  int rc = sqlite3_get_table(db, "PRAGMA quick_check;", &result, &rows, &cols, nullptr);
+  std::optional<std::string> reason;
+  if (rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT) {
+    reason = sqlite3_errstr(rc);
+  } else if (rc == SQLITE_OK && rows >= 1 && cols >= 1 &&
+             (!result[cols] || std::strcmp(result[cols], "ok") != 0)) {
+    reason = std::string("integrity check: ") + (result[cols] ? result[cols] : "(null)");
+  }
+  sqlite3_free_table(result);
+  if (reason || rc != SQLITE_OK) return reason;  // busy or otherwise unsure: keep the file
+  // A version table that says current over a missing or different engagement table would never be rebuilt.
+  result = nullptr;
+  rc = sqlite3_get_table(db, "SELECT schema_version from completion_cache_schema_version", &result, &rows,
+                         &cols, nullptr);
+  bool claimsCurrent = rc == SQLITE_OK && rows == 1 && cols == 1 && result[1] &&
+                       std::strtoll(result[1], nullptr, 10) == kSchemaVersion;
+  sqlite3_free_table(result);
+  if (!claimsCurrent) return std::nullopt;
+  sqlite3_stmt* probe = nullptr;
+  rc = sqlite3_prepare_v2(
+      db, "SELECT completion, input, engagement_date, origin, client FROM completion_cache_engagement", -1,
+      &probe, nullptr);
+  if (rc != SQLITE_OK && rc != SQLITE_BUSY)
+    reason = std::string("schema version 3 without its table: ") + sqlite3_errmsg(db);
+  sqlite3_finalize(probe);
+  return reason;
+}
+
+void EngagedCompletionCache::moveAsideAndRecreate(const std::string& reason) {
+  if (sqlite3* old = db_.exchange(nullptr)) {
+    finalizeIdleStatements();
+    sqlite3_close_v2(old);
+  }
+  std::filesystem::path aside = databasePath_;
+  aside += ".corrupt";
+  std::error_code ec;
+  std::filesystem::rename(databasePath_, aside, ec);
+  for (const char* suffix : {"-journal", "-wal", "-shm"}) {
+    std::filesystem::path companion = databasePath_;
+    companion += suffix;
+    std::filesystem::remove(companion, ec);
+  }
+  log().error("Completions database {} could not be read ({}); moved aside to {} and recreated",
+              databasePath_.string(), reason, aside.string());
+  schemaVersion_ = 0;
+  openDatabase();
+  setDBSchema();
 }
 
 bool EngagedCompletionCache::isSchemaCurrent() {
@@ -248,7 +310,7 @@ int64_t EngagedCompletionCache::numberOfRows() {
 bool EngagedCompletionCache::addCompletion(const std::string& completion, const std::string& input,
                                            int64_t origin, int64_t client) {
   if (!cacheEnabled() || completion.empty() || !db_.load()) return false;
-  log().notice("Adding completion: {} input: {}", completion, input);
+  log().notice("Adding completion: {} input: {}", Private(completion), Private(input));
   int64_t now = nowSeconds();
   clearCompletionsFromSeconds(kDistantPastSeconds, now - kAgeOutSeconds);
 
@@ -284,9 +346,9 @@ bool EngagedCompletionCache::addCompletion(const std::string& completion, const 
     sqlite3_bind_int64(st.s, 5, client);
     stored = sqlite3_step(st.s) == SQLITE_DONE;
     if (stored) {
-      log().notice("Completion added: {} input {}", completion, input);
+      log().notice("Completion added: {} input {}", Private(completion), Private(input));
     } else {
-      log().error("Failed to add completion: {}", completion);
+      log().error("Failed to add completion: {}", Private(completion));
     }
   }
   performTallydLogging();
@@ -310,7 +372,7 @@ std::optional<EngagedCompletion> EngagedCompletionCache::completionForInput(cons
     deadline_.store(kNoDeadline, std::memory_order_relaxed);
     sqlite3_mutex_leave(connection);
     if (!finished) {
-      log().notice("EngagedCompletionCache search timed out for input {}", input);
+      log().notice("EngagedCompletionCache search timed out for input {}", Private(input));
       return std::nullopt;
     }
   } else {
@@ -336,7 +398,7 @@ std::optional<EngagedCompletion> EngagedCompletionCache::completionForInput(cons
     std::unique_lock lock(wait->mu);
     // A late query finishes in the background and its answer is dropped.
     if (!wait->cv.wait_for(lock, budget, [&] { return wait->done; })) {
-      log().notice("EngagedCompletionCache search timed out for input {}", input);
+      log().notice("EngagedCompletionCache search timed out for input {}", Private(input));
       return std::nullopt;
     }
     results = std::move(wait->results);
@@ -357,6 +419,13 @@ void EngagedCompletionCache::holdConnectionForTesting(const std::function<void()
   if (connection) sqlite3_mutex_enter(connection);
   whileHeld();
   if (connection) sqlite3_mutex_leave(connection);
+}
+
+int EngagedCompletionCache::onBusy(void* context, int attempts) {
+  constexpr auto kPause = std::chrono::milliseconds(5);
+  if (onProgress(context) || attempts * kPause >= kBusyTimeout) return 0;
+  std::this_thread::sleep_for(kPause);
+  return 1;
 }
 
 int EngagedCompletionCache::onProgress(void* context) {
@@ -391,7 +460,7 @@ bool EngagedCompletionCache::runQuery(sqlite3* db, const std::string& input, int
   sqlite3_bind_text(st.s, 9, pattern.data(), int(pattern.size()), SQLITE_TRANSIENT);
   if (Logger::enabled(LogLevel::Default)) {
     char* expanded = sqlite3_expanded_sql(st.s);
-    log().notice("SQL: {}", expanded ? expanded : "");
+    log().notice("SQL: {}", Private(expanded ? expanded : ""));
     sqlite3_free(expanded);
   }
   auto rowStart = std::chrono::steady_clock::now();
@@ -403,7 +472,8 @@ bool EngagedCompletionCache::runQuery(sqlite3* db, const std::string& input, int
     };
     EngagedCompletion c{column(0), sqlite3_column_double(st.s, 2), suggestionTypeForOrigin(column(1))};
     auto rowEnd = std::chrono::steady_clock::now();
-    log().notice("Match found input {}, completion {}, score {:.6f}, time {}", input, c.suggestion, c.score,
+    log().notice("Match found input {}, completion {}, score {:.6f}, time {}", Private(input),
+                 Private(c.suggestion), c.score,
                  std::chrono::duration_cast<std::chrono::milliseconds>(rowEnd - rowStart).count());
     rowStart = rowEnd;
     out->push_back(std::move(c));

@@ -9,6 +9,12 @@
 // Nothing here reports an error to its caller: failures are logged on the default log and the operation
 // ends (a lookup then returns nothing). The one exception is for tools: addCompletion() says whether the
 // engagement was stored, which the daemon ignores. A database that cannot be opened leaves the cache inert.
+// A file that opens but cannot be read (not a database, damaged, or claiming the current schema version
+// without its table) is moved aside to "<file>.corrupt" for inspection, one error line says so, and a
+// new empty database takes its place.
+//
+// Other processes (vorlenctl) write the same file: a statement that finds the file locked waits for it,
+// up to kBusyTimeout, instead of failing at once; an inline lookup waits no longer than its deadline.
 //
 // Threading: a caller of completionForInput() waits at most searchTimeout() milliseconds. When the
 // connection is free the query runs on the caller's thread, and SQLite's progress handler interrupts it at
@@ -21,6 +27,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -51,6 +58,7 @@ struct EngagedCompletion {
 class EngagedCompletionCache : public std::enable_shared_from_this<EngagedCompletionCache> {
  public:
   static constexpr int64_t kSchemaVersion = 3;
+  static constexpr std::chrono::milliseconds kBusyTimeout{2000};
 
   // `storagePath` is the caches folder; the database goes below it. `defaults` (may be null) supplies
   // "VORDisableLocalCompletions".
@@ -107,6 +115,9 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   void createOrUpdateDatabase();
   bool openDatabase();
   bool isSchemaCurrent();
+  // Why the open file cannot serve as our database, or nullopt when it can (or is busy right now).
+  std::optional<std::string> unreadableReason();
+  void moveAsideAndRecreate(const std::string& reason);
   void setDBSchema();
   int execSQLStatement(const std::string& sql);
   int64_t numberOfRows();  // always 0 (see the note in the source)
@@ -122,6 +133,8 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   bool runQuery(sqlite3* db, const std::string& input, int64_t client, std::vector<EngagedCompletion>* out);
   // SQLite progress handler: non-zero ends the running statement once an inline lookup's deadline passed.
   static int onProgress(void* context);
+  // SQLite busy handler: waits for another writer up to kBusyTimeout, or an inline lookup's deadline.
+  static int onBusy(void* context, int attempts);
   // Lookup statements are prepared once per text (that is, per set of weights) and reused: compiling the
   // scoring query costs more than running it on a month of history.
   sqlite3_stmt* takeSelectStatement(sqlite3* db, const std::string& text);

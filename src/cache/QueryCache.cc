@@ -68,8 +68,8 @@ void QueryCache::_observeClearingNotifications() {
 void QueryCache::set(std::shared_ptr<const CachedResultSet> entry) {
   if (!entry || entry->data().empty() || !entry->query() || entry->query()->empty()) return;
   if (entry->inputLength() > entry->queryLength()) {
-    log().error("BUG: NOT caching '{}' because input is longer than completed query '{}'", *entry->query(),
-                entry->input());
+    log().error("BUG: NOT caching '{}' because input is longer than completed query '{}'",
+                Private(*entry->query()), Private(entry->input()));
     return;
   }
   std::weak_ptr<QueryCache> weak = weak_from_this();
@@ -82,10 +82,10 @@ void QueryCache::_insert(const std::shared_ptr<const CachedResultSet>& entry) {
   queue_->assertCurrent();
   const uint64_t charge = entry->cost() + kEntryOverhead;
   if (charge >= kMaxCost) {
-    log().error("NOT caching '{}' with cost {}", *entry->query(), charge);
+    log().error("NOT caching '{}' with cost {}", Private(*entry->query()), charge);
     return;
   }
-  log().info("caching '{}' with cost {}", *entry->query(), charge);
+  log().info("caching '{}' with cost {}", Private(*entry->query()), charge);
   if (_currentCost + charge >= kMaxCost) {
     log().info("!!! exceeded max cost, flushing cache !!!");
     _clearCache();
@@ -103,7 +103,8 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const VORRequest& 
   const std::string input = CachedResultSet::lowercased(request.queryString);
   const size_t inputLength = CachedResultSet::utf16Length(input);
   const CachedResultSet::RequestItems items = CachedResultSet::requestItems(httpRequest);
-  log().debug("cache lookup: '{}' qtype {} suggest {}", input, orNull(items.qtype), orNull(items.suggestQueries));
+  log().debug("cache lookup: '{}' qtype {} suggest {}", Private(input), orNull(items.qtype),
+              orNull(items.suggestQueries));
 
   std::shared_ptr<const CachedResultSet> chosen;
   queue_->sync([&] {
@@ -135,8 +136,8 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const VORRequest& 
     for (const auto& c : candidates) shortest = std::min(shortest, c->queryLength() - inputLength);
     for (const auto& c : candidates) {
       if (c->queryLength() - inputLength != shortest) continue;
-      log().debug("entry {} prefix: {} input: {} score: {:.6f}", fmt::ptr(c.get()), *c->query(), c->input(),
-                  static_cast<double>(c->completionScore()));
+      log().debug("entry {} prefix: {} input: {} score: {:.6f}", fmt::ptr(c.get()), Private(*c->query()),
+                  Private(c->input()), static_cast<double>(c->completionScore()));
       // The first in key order stands unless a later one has a positive and strictly higher score.
       if (!chosen || (c->completionScore() > 0 && c->completionScore() > chosen->completionScore())) chosen = c;
     }

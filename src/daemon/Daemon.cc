@@ -6,6 +6,10 @@
 #include <chrono>
 #include <cstdlib>
 
+#ifdef VORLEN_HAVE_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
+
 #include "base/Counters.h"
 #include "base/Log.h"
 #include "base/Transaction.h"
@@ -45,6 +49,8 @@ std::shared_ptr<Assembly> Daemon::start() {
   VORTracingSetup(*defaults);
   // 2. Registered, never written: a value the user set wins.
   defaults->registerDefaults(registeredDefaults());
+  // What the user typed reaches the log only when asked for (here or by VORLEND_LOG_PRIVATE=1).
+  if (defaults->boolForKey("VORLogPrivateData")) Log::setPrivateDataEnabled(true);
 
   // 3. The container and the platform-level services.
   if (platform_.counters) Counters::install(platform_.counters);
@@ -91,7 +97,9 @@ std::shared_ptr<Assembly> Daemon::start() {
     listener_->setDelegate(service_);
     listener_->resume();
   } else {
+    // A daemon that cannot take connections serves nobody: say why once and stop here.
     VorlenDefaultLog().fault("cannot listen on {}: {}", platform_.paths.serviceSocket.string(), error);
+    return nullptr;
   }
 
   // 11. Launch-event streams: on Linux systemd socket activation is the launch-on-demand path; the
@@ -113,6 +121,10 @@ std::shared_ptr<Assembly> Daemon::start() {
 
   VorlenDefaultLog().info("vorlend started (pid {}), caches {}, socket {}", ::getpid(),
                           platform_.paths.cachesDir.string(), platform_.paths.serviceSocket.string());
+#ifdef VORLEN_HAVE_SYSTEMD
+  // The listener is resumed: tell the service manager (Type=notify) that connections are served now.
+  sd_notify(0, "READY=1");
+#endif
   assembly_ = assembly;
   return assembly;
 }

@@ -33,7 +33,8 @@ class Daemon {
   // The six registered preference defaults.
   static Value::Dict registeredDefaults();
 
-  // Start-up up to and including the "VORStartup" post. Returns the Assembly it built.
+  // Start-up up to and including the "VORStartup" post. Returns the Assembly it built, or null (after a
+  // fault line) when the service socket can be neither bound nor taken from the service manager.
   std::shared_ptr<Assembly> start();
 
   // Blocks SIGINT and SIGTERM in the calling thread; call before start() so every thread inherits it.

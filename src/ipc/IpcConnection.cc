@@ -4,6 +4,7 @@
 #include "ipc/IpcConnection.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -55,6 +56,7 @@ struct IpcConnection::Io {
   bool readWaiting = false;   // an async_wait for reading is outstanding
   bool readPaused = false;    // reading stopped until the queue works off its backlog
   bool writeWaiting = false;  // an async_wait for writing is outstanding
+  bool writeBroken = false;   // the peer reads no more: what we send is discarded, reading goes on
   bool closed = false;
   // Stall watch: active while a frame is half-received (and we are reading) or our data waits for the
   // peer; a connection that makes no progress for stallTimeout while active is closed.
@@ -348,41 +350,53 @@ void IpcConnection::onReadable() {
     }
     io.lastProgress = clock_->now();
     io.decoder.append(std::span<const uint8_t>(io.readBuffer.data(), static_cast<size_t>(n)), std::move(fds));
-    for (;;) {
-      IpcRawFrame frame;
-      std::string why;
-      IpcFrameDecoder::Status status = io.decoder.next(&frame, &why);
-      if (status == IpcFrameDecoder::Status::NeedMore) break;
-      if (status == IpcFrameDecoder::Status::Error) {
-        connectionLog().error("closing connection from {}: {}", describePeer(), why);
-        closeOnIo(CloseReason::ProtocolError);
-        return;
-      }
-      queueFrameOnIo(std::move(frame));
-    }
-    if (backlogBytes_.load() > options_.maxIncomingBacklogBytes) {
-      io.readPaused = true;
-      readPaused_ = true;
-      // The queue may have worked the backlog off between the load and the flag; check once more.
-      if (backlogBytes_.load() <= options_.maxIncomingBacklogBytes) {
-        io.readPaused = false;
-        readPaused_ = false;
-      }
-    }
+    if (!takeFramesOnIo()) return;
   }
   updateStallWatch();
   armRead();
 }
 
+bool IpcConnection::backlogFull() const {
+  return backlogBytes_.load() > options_.maxIncomingBacklogBytes ||
+         backlogMessages_.load() >= options_.maxIncomingBacklogMessages;
+}
+
+bool IpcConnection::takeFramesOnIo() {
+  Io& io = *io_;
+  for (;;) {
+    while (!backlogFull()) {
+      IpcRawFrame frame;
+      std::string why;
+      IpcFrameDecoder::Status status = io.decoder.next(&frame, &why);
+      if (status == IpcFrameDecoder::Status::NeedMore) return true;
+      if (status == IpcFrameDecoder::Status::Error) {
+        connectionLog().error("closing connection from {}: {}", describePeer(), why);
+        closeOnIo(CloseReason::ProtocolError);
+        return false;
+      }
+      queueFrameOnIo(std::move(frame));
+    }
+    io.readPaused = true;
+    readPaused_ = true;
+    // The queue may have worked the backlog off between the check and the flag (it resumes reading only
+    // when it sees the flag): check once more.
+    if (backlogFull()) return true;
+    io.readPaused = false;
+    readPaused_ = false;
+  }
+}
+
 void IpcConnection::queueFrameOnIo(IpcRawFrame&& frame) {
   size_t bytes = frame.payload.size() + IpcFraming::kHeaderBytes;
   backlogBytes_ += bytes;
+  ++backlogMessages_;
   auto shared = std::make_shared<IpcRawFrame>(std::move(frame));
   queue_->async([self = shared_from_this(), shared, bytes] {
     self->serveFrame(*shared);
     shared->descriptors.clear();  // whatever the message did not hand out is closed now
-    if (self->backlogBytes_.fetch_sub(bytes) - bytes <= self->options_.maxIncomingBacklogBytes &&
-        self->readPaused_.load()) {
+    self->backlogBytes_ -= bytes;
+    --self->backlogMessages_;
+    if (self->readPaused_.load() && !self->backlogFull()) {
       self->runtime_->post([self] { self->resumeReadingOnIo(); });
     }
   });
@@ -390,10 +404,11 @@ void IpcConnection::queueFrameOnIo(IpcRawFrame&& frame) {
 
 void IpcConnection::resumeReadingOnIo() {
   Io& io = *io_;
-  if (io.closed || !io.readPaused) return;
-  if (backlogBytes_.load() > options_.maxIncomingBacklogBytes) return;
+  if (io.closed || !io.readPaused || backlogFull()) return;
   io.readPaused = false;
   readPaused_ = false;
+  // Frames already read wait in the decoder: they go first.
+  if (!takeFramesOnIo() || io.readPaused) return;
   updateStallWatch();
   armRead();
 }
@@ -414,6 +429,11 @@ void IpcConnection::serveFrame(IpcRawFrame& frame) {
   if (frame.droppedDescriptors > 0) {
     connectionLog().error("{} descriptors from {} beyond the limit of {} per message were closed",
                           frame.droppedDescriptors, describePeer(), options_.maxDescriptorsPerMessage);
+  }
+
+  if (message->isCall() && message->serial() && peerGoneOnQueue()) {
+    ++droppedCalls_;
+    return;
   }
 
   std::function<void(const IpcMessage&)> hook;
@@ -454,13 +474,26 @@ void IpcConnection::serveFrame(IpcRawFrame& frame) {
   if (message->serial()) replier = IpcReplier(weak_from_this(), *message->serial());
   if (exported) {
     if (auto rejected = exported->dispatch(*message, std::move(replier))) {
-      connectionLog().error("ignoring call from {}: {}", describePeer(), *rejected);
+      rejectedCalls_.log(connectionLog(), LogLevel::Error,
+                         fmt::format("ignoring call from {}: {}", describePeer(), *rejected));
     }
   } else if (callHandler) {
     callHandler(*message, std::move(replier));
   } else {
-    connectionLog().error("ignoring call from {}: {} is not served here", describePeer(), message->op());
+    rejectedCalls_.log(
+        connectionLog(), LogLevel::Error,
+        fmt::format("ignoring call from {}: {} is not served here", describePeer(), message->op()));
   }
+}
+
+bool IpcConnection::peerGoneOnQueue() {
+  if (invalidated_.load()) return true;
+  std::lock_guard lock(writeMu_);  // the descriptor stays open while held
+  if (directFd_ < 0) return true;
+  // A stream socket whose peer has closed reports POLLHUP even while unread data remains; a peer that
+  // only shut down its sending side (and may still read) reports POLLRDHUP alone.
+  pollfd p{directFd_, POLLRDHUP, 0};
+  return ::poll(&p, 1, 0) == 1 && (p.revents & POLLHUP) != 0;
 }
 
 // ---- sending ----
@@ -558,6 +591,12 @@ void IpcConnection::writeOrQueue(const std::shared_ptr<OutFrame>& frame) {
 void IpcConnection::enqueueOnIo(const std::shared_ptr<OutFrame>& frame) {
   Io& io = *io_;
   if (io.closed) return;
+  if (io.writeBroken) {
+    outgoingBytes_ -= frame->bytes.size();
+    std::lock_guard lock(writeMu_);
+    --framesOnIo_;
+    return;
+  }
   io.outgoing.push_back(frame);
   if (!io.writeWaiting) flushWrites();
   updateStallWatch();
@@ -608,6 +647,16 @@ void IpcConnection::flushWrites() {
                                self->flushWrites();
                                self->updateStallWatch();
                              });
+        return;
+      }
+      if ((errno == EPIPE || errno == ECONNRESET) && io.started) {
+        // The peer no longer reads, but what it sent before it went is still ours to read (the end of
+        // the stream then closes the connection): drop what waits for it and keep reading.
+        io.writeBroken = true;
+        std::lock_guard lock(writeMu_);
+        for (const auto& f : io.outgoing) outgoingBytes_ -= f->bytes.size();
+        framesOnIo_ -= io.outgoing.size();
+        io.outgoing.clear();
         return;
       }
       if (errno == EPIPE || errno == ECONNRESET) {

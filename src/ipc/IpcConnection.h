@@ -12,13 +12,17 @@
 //   - a frame left half-sent, or our data left unread, for stallTimeout;
 //   - more than maxOutgoingBytes queued for the peer.
 // A call of an unknown operation, or with arguments of the wrong count or type, is logged as one error
-// line and ignored; the connection stays open.
+// line and ignored; the connection stays open. The same line again from the same connection is only
+// counted, and the count written when the connection object goes.
 //
 // Delivery: incoming calls and replies run on queue() in the order they arrived, each preceded by the
-// invocation hook. Messages the peer sent before it closed are still delivered; after invalidate() nothing
-// more is delivered. Then, once, on the queue: the interruption handler (only when the peer closed or
-// reset the connection), then the invalidation handler; afterwards every handler is released, so
-// handlers may hold their owner strongly.
+// invocation hook. At most maxIncomingBacklogMessages (and maxIncomingBacklogBytes) wait to be served;
+// past that the connection stops reading the socket until the queue catches up, so a fast sender is slowed
+// down instead of growing a queue. Messages the peer sent before it closed are still delivered, except
+// calls that want a reply: once the peer has hung up (or the connection closed) nobody can read their
+// answer, so they are dropped without running. After invalidate() nothing more is delivered. Then, once, on
+// the queue: the interruption handler (only when the peer closed or reset the connection), then the
+// invalidation handler; afterwards every handler is released, so handlers may hold their owner strongly.
 //
 // Replies: call() with a reply handler runs that handler on the queue when the reply arrives. A call whose
 // connection closes before its reply comes is never answered: its reply handler is dropped without being
@@ -39,6 +43,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/LogRepeatFilter.h"
 #include "base/Queue.h"
 #include "ipc/IpcConnectionOptions.h"
 #include "ipc/IpcEndpoint.h"
@@ -118,6 +123,10 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   const IpcConnectionOptions& options() const { return options_; }
   // Calls sent with a reply handler whose reply has not come yet.
   size_t pendingReplyCount() const;
+  // Messages received and not served yet.
+  size_t incomingBacklog() const { return backlogMessages_.load(); }
+  // Calls that wanted a reply and were dropped unrun because the peer had gone.
+  size_t droppedCallCount() const { return droppedCalls_.load(); }
 
   static const char* closeReasonName(CloseReason reason);
 
@@ -147,6 +156,10 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   void armRead();
   void onReadable();
   void queueFrameOnIo(IpcRawFrame&& frame);
+  // Hands complete frames from the decoder to the queue until the backlog is full, then pauses reading.
+  // False when the connection closed (a frame broke the protocol).
+  bool takeFramesOnIo();
+  bool backlogFull() const;
   void resumeReadingOnIo();
   void enqueueOnIo(const std::shared_ptr<OutFrame>& frame);
   void flushWrites();
@@ -161,6 +174,9 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   bool enqueue(IpcMessage message, bool* closed);
   // Queue.
   void serveFrame(IpcRawFrame& frame);
+  // True when a reply to a call served now could never be read: the connection closed, or the peer hung up
+  // (one poll() without waiting: a fraction of a microsecond beside the call itself).
+  bool peerGoneOnQueue();
   void finishOnQueue();
   void reportProxyError(std::string reason);
 
@@ -179,6 +195,8 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   std::atomic<bool> resumed_{false};
   std::atomic<size_t> outgoingBytes_{0};
   std::atomic<size_t> backlogBytes_{0};
+  std::atomic<size_t> backlogMessages_{0};
+  std::atomic<size_t> droppedCalls_{0};
   std::atomic<bool> readPaused_{false};
 
   mutable std::mutex mu_;  // guards handlers_, pending_, closeObserver_
@@ -186,6 +204,7 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   std::unordered_map<uint64_t, ReplyHandler> pending_;
   std::function<void()> closeObserver_;
   std::atomic<uint64_t> nextSerial_{1};
+  LogRepeatFilter rejectedCalls_;
 
   std::mutex writeMu_;         // guards the three below; held across a direct write
   int directFd_ = -1;          // the socket for direct writes; -1 once the I/O thread closed it

@@ -22,6 +22,9 @@ struct IpcConnectionOptions {
   // Received bytes whose messages have not been served yet; past it the connection stops reading until
   // its queue catches up (the peer is slowed down, not disconnected).
   size_t maxIncomingBacklogBytes = size_t{32} << 20;
+  // Calls and replies received but not served yet; at this many the connection stops reading in the same
+  // way, so one peer can never queue more work than this on the daemon.
+  size_t maxIncomingBacklogMessages = 64;
   // Descriptors kept per received message; extra ones are closed.
   size_t maxDescriptorsPerMessage = 16;
   // A peer that leaves a frame half-sent, or stops reading while we have data for it, for this long is

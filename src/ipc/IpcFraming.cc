@@ -1,5 +1,6 @@
 #include "ipc/IpcFraming.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/Archive.h"
@@ -23,6 +24,10 @@ uint32_t IpcFraming::payloadLength(std::span<const uint8_t> header) {
          uint32_t{header[3]};
 }
 
+size_t IpcFraming::decodeBudget(size_t payloadBytes) {
+  return std::max(kMinDecodeBudgetBytes, payloadBytes * kDecodeBudgetFactor);
+}
+
 std::optional<Value> IpcFraming::decodePayload(std::span<const uint8_t> payload, std::string* error) {
   static constexpr char kMagic[] = "bplist00";
   if (payload.size() < sizeof(kMagic) - 1 || std::memcmp(payload.data(), kMagic, sizeof(kMagic) - 1) != 0) {
@@ -30,7 +35,7 @@ std::optional<Value> IpcFraming::decodePayload(std::span<const uint8_t> payload,
     return std::nullopt;
   }
   std::string why;
-  std::optional<Value> root = Archive::decodeBinary(payload, &why);
+  std::optional<Value> root = Archive::decodeBinary(payload, decodeBudget(payload.size()), &why);
   if (!root) {
     if (error) *error = "undecodable payload: " + why;
     return std::nullopt;

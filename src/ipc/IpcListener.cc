@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "base/Log.h"
 #include "ipc/IpcConnection.h"
@@ -74,6 +75,9 @@ struct IpcListener::Io {
   asio::local::stream_protocol::acceptor acceptor;
   bool waiting = false;
   bool closed = false;
+  bool paused = false;               // accepting waits for the back-off to end
+  bool resourceErrorLogged = false;  // until an accept succeeds again
+  std::shared_ptr<ScheduledCall> resumeCall;
 };
 
 IpcListener::IpcListener(UniqueFd socket, std::filesystem::path path, bool ownsPath, bool activated,
@@ -84,7 +88,8 @@ IpcListener::IpcListener(UniqueFd socket, std::filesystem::path path, bool ownsP
       path_(std::move(path)),
       ownsPath_(ownsPath),
       activated_(activated),
-      counter_(std::make_shared<std::atomic<size_t>>(0)),
+      census_(std::make_shared<Census>()),
+      clock_(options_.connection.clock ? options_.connection.clock : Clock::system()),
       io_(std::make_unique<Io>(runtime_->context())) {
   options_.connection.runtime = runtime_;
   struct stat st {};
@@ -105,6 +110,12 @@ IpcListener::IpcListener(UniqueFd socket, std::filesystem::path path, bool ownsP
 
 IpcListener::~IpcListener() {
   removeSocketFile();
+  if (io_->resumeCall) io_->resumeCall->cancel();
+}
+
+size_t IpcListener::connectionCount() const {
+  std::lock_guard lock(census_->mu);
+  return census_->open;
 }
 
 UniqueFd IpcListener::bindSocket(const std::filesystem::path& path, std::string* error) {
@@ -229,12 +240,14 @@ void IpcListener::removeSocketFile() {
 void IpcListener::closeOnIo() {
   if (io_->closed) return;
   io_->closed = true;
+  if (io_->resumeCall) io_->resumeCall->cancel();
+  io_->resumeCall.reset();
   asio::error_code ignored;
   io_->acceptor.close(ignored);
 }
 
 void IpcListener::armAccept() {
-  if (io_->closed || io_->waiting) return;
+  if (io_->closed || io_->waiting || io_->paused) return;
   io_->waiting = true;
   io_->acceptor.async_wait(asio::socket_base::wait_read,
                            [self = shared_from_this()](const asio::error_code& ec) {
@@ -250,24 +263,73 @@ void IpcListener::onAcceptable() {
     UniqueFd fd(::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!fd) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        // The pending connection stays in the backlog and the socket stays readable: waiting again at once
+        // would spin. Try again after the back-off, when descriptors may have been freed.
+        pauseAccepting(errno);
+        return;
+      }
       if (errno != EAGAIN && errno != EWOULDBLOCK) {
         listenerLog().error("accept on {} failed: {}", path_.string(), std::strerror(errno));
       }
       break;
     }
-    size_t open = counter_->fetch_add(1) + 1;
-    if (open > options_.maxConnections) {
-      counter_->fetch_sub(1);
-      listenerLog().error("refusing connection on {}: {} connections are open, the limit", path_.string(),
-                          options_.maxConnections);
-      continue;  // fd closes here
-    }
+    io_->resourceErrorLogged = false;
     auto connection = IpcConnection::adopt(std::move(fd), options_.connection);
-    connection->setCloseObserver([counter = counter_] { counter->fetch_sub(1); });
-    if (!connection->isValid()) continue;  // adopt logged why; dropping it releases the count
+    if (!connection->isValid()) continue;  // adopt logged why
+    if (!admit(connection)) continue;      // dropping it closes the socket
     offer(connection);
   }
   armAccept();
+}
+
+bool IpcListener::admit(const std::shared_ptr<IpcConnection>& connection) {
+  const pid_t pid = connection->peer().pid;
+  {
+    std::lock_guard lock(census_->mu);
+    if (census_->open >= options_.maxConnections) {
+      listenerLog().error("refusing connection on {}: {} connections are open, the limit", path_.string(),
+                          options_.maxConnections);
+      return false;
+    }
+    Census::PerProcess& mine = census_->byPid[pid];
+    if (mine.open >= options_.maxConnectionsPerProcess) {
+      if (!std::exchange(mine.refusalLogged, true)) {
+        listenerLog().error("refusing connections on {} from pid {}: it has {} open, the limit per process",
+                            path_.string(), pid, mine.open);
+      }
+      return false;
+    }
+    ++census_->open;
+    ++mine.open;
+  }
+  connection->setCloseObserver([census = census_, pid] {
+    std::lock_guard lock(census->mu);
+    --census->open;
+    auto it = census->byPid.find(pid);
+    if (it != census->byPid.end() && --it->second.open == 0)
+      census->byPid.erase(it);
+    else if (it != census->byPid.end())
+      it->second.refusalLogged = false;
+  });
+  return true;
+}
+
+void IpcListener::pauseAccepting(int error) {
+  if (!std::exchange(io_->resourceErrorLogged, true)) {
+    listenerLog().error("accept on {} failed: {}; retrying every {:.0f} ms", path_.string(),
+                        std::strerror(error), toSeconds(options_.acceptBackoff) * 1000);
+  }
+  io_->paused = true;
+  std::weak_ptr<IpcListener> weak = weak_from_this();
+  io_->resumeCall = clock_->scheduleAfter(options_.acceptBackoff, nullptr, [weak] {
+    if (auto self = weak.lock()) {
+      self->runtime_->post([self] {
+        self->io_->paused = false;
+        self->armAccept();
+      });
+    }
+  });
 }
 
 void IpcListener::offer(const std::shared_ptr<IpcConnection>& connection) {

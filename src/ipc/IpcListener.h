@@ -7,9 +7,12 @@
 // error. Anonymous listeners listen on a fresh path in a given folder whose name is 128 random bits in
 // hex; their endpoint() is what a client connects to. REQUIRES: the folder exists and is private (0700).
 //
-// Each listener keeps at most maxConnections connections open at once; a connection beyond that is closed
-// as soon as it is accepted, with one error line. Connections outlive their listener: invalidating a
-// listener stops accepting and removes its socket file, nothing else.
+// Each listener keeps at most maxConnections connections open at once, and at most
+// maxConnectionsPerProcess from one peer process; a connection beyond either is closed as soon as it is
+// accepted, with an error line (for one process, once until it is back under its limit). When accept()
+// fails for want of descriptors (EMFILE, ENFILE) or memory, the listener logs it once and pauses for
+// acceptBackoff on the connection options' clock before it tries again. Connections outlive their listener:
+// invalidating a listener stops accepting and removes its socket file, nothing else.
 //
 // Life cycle: created suspended; setDelegate(), then resume(). A resumed listener keeps itself alive until
 // invalidate(). Without a delegate (or once it is gone) every connection is refused.
@@ -25,7 +28,9 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 
+#include "base/Clock.h"
 #include "base/Queue.h"
 #include "ipc/IpcEndpoint.h"
 #include "ipc/IpcListenerDelegate.h"
@@ -57,11 +62,21 @@ class IpcListener : public std::enable_shared_from_this<IpcListener> {
   IpcEndpoint endpoint() const { return IpcEndpoint{path_}; }
   // True when the socket came from the service manager.
   bool isSocketActivated() const { return activated_; }
-  size_t connectionCount() const { return counter_->load(); }
+  size_t connectionCount() const;
   const std::shared_ptr<Queue>& queue() const { return queue_; }
 
  private:
   struct Io;
+  // Open connections, in all and per peer process; shared with the close observers of the connections.
+  struct Census {
+    struct PerProcess {
+      size_t open = 0;
+      bool refusalLogged = false;
+    };
+    std::mutex mu;
+    size_t open = 0;
+    std::unordered_map<pid_t, PerProcess> byPid;
+  };
 
   IpcListener(UniqueFd socket, std::filesystem::path path, bool ownsPath, bool activated,
               IpcListenerOptions options);
@@ -70,6 +85,9 @@ class IpcListener : public std::enable_shared_from_this<IpcListener> {
   void armAccept();
   void onAcceptable();
   void offer(const std::shared_ptr<IpcConnection>& connection);
+  // Counts `connection` in, or returns false (after logging) when a limit is reached. I/O thread.
+  bool admit(const std::shared_ptr<IpcConnection>& connection);
+  void pauseAccepting(int error);
   void closeOnIo();
   void removeSocketFile();
 
@@ -81,7 +99,8 @@ class IpcListener : public std::enable_shared_from_this<IpcListener> {
   bool activated_;
   dev_t fileDevice_ = 0;
   ino_t fileInode_ = 0;
-  std::shared_ptr<std::atomic<size_t>> counter_;  // shared with the close observers of the connections
+  std::shared_ptr<Census> census_;
+  std::shared_ptr<Clock> clock_;
   std::atomic<bool> resumed_{false};
   std::atomic<bool> invalidated_{false};
 

@@ -65,14 +65,16 @@ std::optional<UrlComponents> UrlComponents::parse(std::string_view url) {
   std::string text(url);
   CURLUcode rc = curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME);
   if (rc != CURLUE_OK) {
-    VorlenLogForCategory(VorlenLogCategoryRequest).error("malformed URL {}: {}", text, curl_url_strerror(rc));
+    VorlenLogForCategory(VorlenLogCategoryRequest)
+        .error("malformed URL {}: {}", Private(text), curl_url_strerror(rc));
     return std::nullopt;
   }
   UrlComponents out;
   auto scheme = part(handle.get(), CURLUPART_SCHEME);
   auto host = part(handle.get(), CURLUPART_HOST);
   if (!scheme || !host || host->empty()) {
-    VorlenLogForCategory(VorlenLogCategoryRequest).error("malformed URL {}: no scheme or host", text);
+    VorlenLogForCategory(VorlenLogCategoryRequest)
+        .error("malformed URL {}: no scheme or host", Private(text));
     return std::nullopt;
   }
   out.scheme_ = *scheme;

@@ -226,8 +226,8 @@ void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<s
     return;
   }
   VorlenLogForCategory(VorlenLogCategoryProtocol)
-      .notice("Initiating bag fetch attempt with request {} header {}", request->url,
-              describeHeaders(request->headers));
+      .notice("Initiating bag fetch attempt with request {} header {}", Private(request->url),
+              Private(describeHeaders(request->headers)));
 
   std::optional<Uuid> guid;
   if (const auto& guids = _assembly->guidController) guid = guids->currentUserGUID();

@@ -50,7 +50,7 @@ std::optional<LocationFix> LinuxLocationProvider::fixedLocation() const {
   if (value.isNull()) return std::nullopt;
   std::string error;
   auto fix = parseFixedLocation(value, &error);
-  if (!fix) VorlenDefaultLog().error("ignoring preference {}: {}", kFixedLocationKey, error);
+  if (!fix) VorlenDefaultLog().error("ignoring preference {}: {}", kFixedLocationKey, Private(error));
   return fix;
 }
 

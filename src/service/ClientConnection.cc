@@ -80,6 +80,7 @@ ClientConnection::ClientConnection(std::shared_ptr<Assembly> assembly, std::shar
 
 ClientConnection::~ClientConnection() {
   if (idleTimer_) idleTimer_->cancel();
+  if (configureTimer_) configureTimer_->cancel();
   // A connection's answers do not outlive it: the next connection of the same client (or another one
   // bound to the same state) starts from an empty query cache.
   if (state_) {
@@ -99,6 +100,13 @@ void ClientConnection::start() {
                                                self.connection_->invalidate();
                                              });
   idleTimer_->arm(options_.idleTimeout);
+  configureTimer_ = Timer::weak<ClientConnection>(
+      assembly_->clock(), notifyQueue_, shared_from_this(), [](ClientConnection& self) {
+        if (self.state()) return;
+        connectionLog().debug("closing ipc connection that never configured");
+        self.connection_->invalidate();
+      });
+  configureTimer_->arm(options_.configureTimeout);
 
   auto center = assembly_->notificationCenter;
   if (center) {
@@ -201,7 +209,7 @@ void ClientConnection::_ensureState() {
     configuration = configuration_;
   }
   if (!configuration) {
-    sessionLog().fault("configuration must not be nil");
+    repeatedLines_.log(sessionLog(), LogLevel::Fault, "configuration must not be nil");
     return;
   }
   const std::string& identifier = configuration->identifier;
@@ -211,7 +219,7 @@ void ClientConnection::_ensureState() {
   }
   // An empty identifier goes on: the state manager refuses it with its own fault line.
   if (!agent) {
-    sessionLog().fault("configuration requires identifier and agent");
+    repeatedLines_.log(sessionLog(), LogLevel::Fault, "configuration requires identifier and agent");
     return;
   }
   std::shared_ptr<ClientState> bound;
@@ -221,7 +229,9 @@ void ClientConnection::_ensureState() {
     bound = state_;
   }
   if (bound) {
-    if (bound->identifier() != identifier) sessionLog().fault("session identifier must match");
+    if (bound->identifier() != identifier) {
+      repeatedLines_.log(sessionLog(), LogLevel::Fault, "session identifier must match");
+    }
     return;
   }
   auto state = clientStateManager_ ? clientStateManager_->stateForClientIdentifier(identifier) : nullptr;
@@ -233,7 +243,7 @@ void ClientConnection::_ensureState() {
 }
 
 void ClientConnection::configure(VORSessionConfiguration configuration, IpcReplier reply) {
-  sessionLog().notice("client configuration {}", configuration.toRecord().describe());
+  sessionLog().notice("client configuration {}", Private(configuration.toRecord().describe()));
   {
     std::lock_guard lock(mu_);
     configuration_ = configuration;
@@ -272,6 +282,8 @@ void ClientConnection::configure(VORSessionConfiguration configuration, IpcRepli
       if (self->clientStateManager_) self->clientStateManager_->saveState();
     });
   }
+  // A known client survives a crash from the moment it is told it is configured.
+  if (clientStateManager_) clientStateManager_->saveStateNow();
   auto endpoint = clientStateManager_ ? clientStateManager_->endpoint() : std::nullopt;
   if (reply) reply(Value::Array{endpoint ? endpoint->toValue() : Value()});
 }
@@ -498,7 +510,8 @@ void ClientConnection::_resultEngagementExtras(const ClientState& state, const Q
     }
   } else {
     feedbackLog().error("invalid input for intent creation, inputString = {}, queryString = {}",
-                        result->userInput.value_or("(null)"), result->completedQuery.value_or("(null)"));
+                        Private(result->userInput.value_or("(null)")),
+                        Private(result->completedQuery.value_or("(null)")));
   }
   auto cache = assembly_->engagedCompletionCache;
   if (!cache) return;

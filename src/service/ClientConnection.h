@@ -10,6 +10,10 @@
 //     was in flight has its result dropped the same way. Other query kinds have no such ordering.
 //   - A request of a class the daemon does not serve is never answered.
 //   - A connection that sends nothing for the idle time-out (60 s) is closed; every message restarts it.
+//   - A connection that has not been configured within the configure time-out (10 s) of opening is closed,
+//     whatever it sends meanwhile: without a state it can do little but cost.
+//   - Its fault lines ("configuration must not be nil" and the like) are written once; repeats are
+//     counted and written as one line when the connection object goes.
 //   - A configuration that leaves no state (no identifier, empty agent) closes the connection after an
 //     error feedback; the reply is not called. Operations that need a state and find none send nothing.
 //
@@ -37,6 +41,7 @@
 #include <string>
 
 #include "base/Clock.h"
+#include "base/LogRepeatFilter.h"
 #include "base/NotificationCenter.h"
 #include "ipc/IpcEndpoint.h"
 #include "model/QXFeedback.h"
@@ -60,6 +65,7 @@ class Transaction;
 
 struct ClientConnectionOptions {
   Duration idleTimeout = seconds(60);
+  Duration configureTimeout = seconds(10);
 };
 
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
@@ -140,6 +146,8 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   // Serial, background priority: bag changes are sent from here, never on the thread that announced them.
   std::shared_ptr<Queue> bagQueue_;
   std::shared_ptr<Timer> idleTimer_;
+  std::shared_ptr<Timer> configureTimer_;
+  LogRepeatFilter repeatedLines_;
   std::unique_ptr<NotificationCenter::Token> downloadObserver_;
   std::unique_ptr<NotificationCenter::Token> deleteObserver_;
   std::unique_ptr<Transaction> transaction_;

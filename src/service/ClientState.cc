@@ -131,7 +131,7 @@ std::shared_ptr<ClientState> ClientState::create(std::string identifier, std::sh
   if (a && a->userDefaults && a->userDefaults->boolForKey("VORNoQueryCache")) {
     cachingLog().info("query cache OFF for {}", state->identifier_);
   } else if (a) {
-    state->queryCache_ = QueryCache::create(*a);
+    state->queryCacheEnabled_ = true;
     cachingLog().info("query cache ON for {}", state->identifier_);
   }
   return state;
@@ -142,6 +142,23 @@ ClientState::ClientState(std::string identifier, std::shared_ptr<Assembly> assem
       assembly_(std::move(assembly)),
       retryQueue_(Queue::concurrent("com.velmo.vorlend.queryRetry", QueuePriority::UserInitiated,
                                     assembly_ ? assembly_->clock() : nullptr)) {}
+
+std::shared_ptr<QueryCache> ClientState::queryCache() const {
+  std::lock_guard lock(mu_);
+  return queryCache_;
+}
+
+std::shared_ptr<QueryCache> ClientState::_queryCacheForUse() {
+  std::lock_guard lock(mu_);
+  if (queryCacheEnabled_ && !queryCache_) queryCache_ = QueryCache::create(*assembly_);
+  return queryCache_;
+}
+
+void ClientState::releaseCaches() {
+  std::shared_ptr<QueryCache> released;
+  std::lock_guard lock(mu_);
+  released = std::move(queryCache_);  // destroyed after the lock is let go (declared first)
+}
 
 void ClientState::setConfiguration(VORSessionConfiguration configuration) {
   std::lock_guard lock(mu_);
@@ -252,7 +269,7 @@ void ClientState::bag(const std::string& userAgent, BagReply reply) {
       viewChanged = true;
     }
   }
-  if (viewChanged && queryCache_) queryCache_->removeAllObjects();
+  if (auto cache = viewChanged ? queryCache() : nullptr) cache->removeAllObjects();
   if (!_ensureBag()) {
     if (reply) reply(std::nullopt, VORError::make(1, "timeout"));
     return;
@@ -360,16 +377,18 @@ VORReply ClientState::_makeReply(const VORRequest& request, const HttpRequest* h
 
 void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryReply reply) {
   searchLog().info("session {} performing query[{}] {}, reply {}", identifier_, request->queryId,
-                   request->queryString, describeReply(reply));
+                   Private(request->queryString), describeReply(reply));
   if (!clientShortName().empty()) _countForClient("keystrokes");
   const std::optional<VORBag> enabled = _enabledBag(
-      *request, fmt::format("Bag fetch failed, can't complete non-cached query {}.", request->queryString),
+      *request,
+      fmt::format("Bag fetch failed, can't complete non-cached query {}.", Private(request->queryString)),
       searchLog(), "no search, bag disabled", reply);
   if (!enabled) return;
   const VORBag& bag = *enabled;
   const uint64_t minimum = bag.minimumQueryLength();
   if (characterCount(request->queryString) < minimum) {
-    searchLog().debug("query[{}] input '{}' less than {}", request->queryId, request->queryString, minimum);
+    searchLog().debug("query[{}] input '{}' less than {}", request->queryId, Private(request->queryString),
+                      minimum);
     if (reply) reply(request->queryId, std::nullopt, std::nullopt);
     _recordFeedback(QXFeedbackFactory::skipSearch(kSkipQueryTooShort, request->queryString), *request);
     return;
@@ -393,10 +412,10 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
       suggestion.score = found->score;
       suggestion.type = static_cast<uint64_t>(found->type);
       query->setCompletionCacheSuggestion(std::move(suggestion));
-      searchLog().debug("Local completion found: input {}, completion {}, score {:f}", request->queryString,
-                        found->suggestion, found->score);
+      searchLog().debug("Local completion found: input {}, completion {}, score {:f}",
+                        Private(request->queryString), Private(found->suggestion), found->score);
     } else {
-      searchLog().debug("Local completion not found: input {}", request->queryString);
+      searchLog().debug("Local completion not found: input {}", Private(request->queryString));
     }
     _recordFeedback(QXFeedbackFactory::endLocalSearch(start), *request);
   }
@@ -412,10 +431,11 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
       factory ? factory->searchRequest(*query, bag, _currentUserGUID(), _requestClient(), _fieldMask())
                     .value_or(HttpRequest{})
               : HttpRequest{};
-  protocolLog().notice("request: {} header: {}", http.url, Value(describeHeaders(http.headers)).describe());
+  protocolLog().notice("request: {} header: {}", Private(http.url),
+                       Private(Value(describeHeaders(http.headers)).describe()));
 
-  if (queryCache_ && !http.url.empty()) {
-    if (auto hit = queryCache_->getRequest(*query, &http)) {
+  if (auto cache = http.url.empty() ? nullptr : _queryCacheForUse()) {
+    if (auto hit = cache->getRequest(*query, &http)) {
       VORReply answer = _makeReply(*request, nullptr, nullptr, hit->data(), false);
       if (reply) reply(request->queryId, std::move(answer), std::nullopt);
       _countForClient("ondevicecachehits");
@@ -430,12 +450,12 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
                                                          request->triggerEvent, kEndpointSearch);
   network->http = std::move(http);
   network->log = &searchLog();
-  network->gotResponseText =
-      fmt::format("Got network response for (id, query): ({}, {})", request->queryId, request->queryString);
+  network->gotResponseText = fmt::format("Got network response for (id, query): ({}, {})", request->queryId,
+                                         Private(request->queryString));
   network->cacheInput = request->queryString;
   network->invalidResponseCode = 500;
   searchLog().debug("Dispatching network request for (id, query): ({}, {})", request->queryId,
-                    request->queryString);
+                    Private(request->queryString));
   _sendNetworkQuery(network, std::move(reply));
   VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.search");
   _setPerformedSearch();
@@ -497,18 +517,19 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
   const VORRequest& request = *query.request;
   const Logger& log = *query.log;
   log.info("{}", query.gotResponseText);
-  log.debug("resp: {}", response ? fmt::format("<HTTP response {} status {}>", response->url, response->status)
-                                 : std::string("(null)"));
+  log.debug("resp: {}",
+            response ? fmt::format("<HTTP response {} status {}>", Private(response->url), response->status)
+                     : std::string("(null)"));
   const int64_t status = response ? response->status : 0;
   if (error) {
-    log.error("error with request {}", query.http.url);
+    log.error("error with request {}", Private(query.http.url));
     VORError e = NetworkTimingData::errorFromTransport(*error);
     failSearchFeedback(query, e, data.size(), status, metrics);
     if (reply) reply(request.queryId, std::nullopt, e);
     return;
   }
   if (!response) {
-    log.error("not http response? {}", query.http.url);
+    log.error("not http response? {}", Private(query.http.url));
     VORError e = VORError::make(query.invalidResponseCode, "invalid response class");
     failSearchFeedback(query, e, data.size(), status, metrics);
     if (reply) reply(request.queryId, std::nullopt, e);
@@ -525,7 +546,8 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
   nlohmann::json body = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
   if (query.requireJsonObject && !body.is_object()) {
     log.error("Failed to deserialize card details for into a dictionary. Error: {}. Response data: \"{}\"",
-              body.is_discarded() ? "not JSON" : "not a JSON object", std::string(data.begin(), data.end()));
+              body.is_discarded() ? "not JSON" : "not a JSON object",
+              Private(std::string(data.begin(), data.end())));
     VORError e = VORError::make(500, "invalid response body");
     failSearchFeedback(query, e, data.size(), status, metrics);
     if (reply) reply(request.queryId, std::nullopt, e);
@@ -540,10 +562,12 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
 
 void ClientState::_cacheResponse(const nlohmann::json& response, const std::vector<uint8_t>& data,
                                  const HttpRequest& request, const std::string& input, const Uuid& uuid) {
-  if (!queryCache_) return;
+  auto cache = _queryCacheForUse();
+  if (!cache) return;
   auto status = response.find("status");
   if (status != response.end() && status->is_string() && status->get<std::string>() == "ERROR") return;
-  queryCache_->set(std::make_shared<CachedResultSet>(input, &request, response, uuid, data, assembly_->clock()->now()));
+  cache->set(
+      std::make_shared<CachedResultSet>(input, &request, response, uuid, data, assembly_->clock()->now()));
 }
 
 void ClientState::endNetworkFeedback(const NetworkQuery& query, const HttpResponse& response, uint64_t responseSize,

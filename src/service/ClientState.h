@@ -69,8 +69,14 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // "VORSharedSession" off, the client's own (made on first use). May be null.
   std::shared_ptr<ClientSessionManagerProtocol> sessionManager() const;
   std::shared_ptr<GUIDController> guidController() const;
-  // The client's in-memory query cache; null when the preference "VORNoQueryCache" is true.
-  std::shared_ptr<QueryCache> queryCache() const { return queryCache_; }
+  // The client's in-memory query cache; null when the preference "VORNoQueryCache" is true, until the
+  // first search needs it, and again after releaseCaches(). A state without one costs a few hundred bytes.
+  std::shared_ptr<QueryCache> queryCache() const;
+  // Lets go of the in-memory query cache (its answers, queue and observers); the next search makes a new
+  // one. The state manager calls it on the least recently used states.
+  void releaseCaches();
+  // The query cache, made when missing as the first search makes it.
+  std::shared_ptr<QueryCache> makeQueryCacheForTesting() { return _queryCacheForUse(); }
   // The bag as this client sees it; nothing until one was had.
   std::optional<VORBag> bag() const;
 
@@ -158,7 +164,10 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // The controller's bag that bag_ was made from: bag_ is remade only when the controller installs another.
   std::optional<VORBag> bagSource_;
   std::optional<Time> lastNetworkRequest_;
-  std::shared_ptr<QueryCache> queryCache_;
+  bool queryCacheEnabled_ = false;
+  std::shared_ptr<QueryCache> queryCache_;  // made on first use
+  // The query cache, made when missing (null when switched off).
+  std::shared_ptr<QueryCache> _queryCacheForUse();
   // Schedules the retries of retryable requests; its clock (the Assembly's) decides their expiry.
   std::shared_ptr<Queue> retryQueue_;
   // Set once under feedbackIdentityOnce_, then read-only; null when the shared ones serve this client.

@@ -67,9 +67,20 @@ std::shared_ptr<ClientState> ClientStateManager::stateForClientIdentifier(const 
     auto& slot = stateCache_[identifier];
     if (!slot) slot = ClientState::create(identifier, assembly_);
     state = slot;
+    _touchOnQueue(state.get());
   });
   sessionLog().info("using client state: {}", identifier);
   return state;
+}
+
+void ClientStateManager::_touchOnQueue(ClientState* state) {
+  // States are never removed, so the raw pointers stay valid for the manager's life.
+  if (auto it = recentPosition_.find(state); it != recentPosition_.end()) recent_.erase(it->second);
+  recent_.push_front(state);
+  recentPosition_[state] = recent_.begin();
+  if (recent_.size() <= kWarmStates) return;
+  // The state that just fell out of the warm set gives its caches back.
+  (*std::next(recent_.begin(), static_cast<std::ptrdiff_t>(kWarmStates)))->releaseCaches();
 }
 
 Value::Array ClientStateManager::sessionsOnQueue() const {
@@ -93,11 +104,23 @@ void ClientStateManager::saveState() {
   if (!persistSessions_) return;
   std::weak_ptr<ClientStateManager> weak = weak_from_this();
   stateCacheQueue_->async([weak] {
-    auto self = weak.lock();
-    if (!self || !self->assembly_->userDefaults) return;
-    self->assembly_->userDefaults->set(kSessionsKey, Value(self->sessionsOnQueue()));
-    self->assembly_->userDefaults->synchronize();
+    if (auto self = weak.lock()) self->writeSessionsOnQueue();
   });
+}
+
+void ClientStateManager::saveStateNow() {
+  if (!persistSessions_) return;
+  stateCacheQueue_->sync([&] { writeSessionsOnQueue(); });
+}
+
+void ClientStateManager::writeSessionsOnQueue() {
+  stateCacheQueue_->assertCurrent();
+  if (!assembly_->userDefaults) return;
+  Value sessions(sessionsOnQueue());
+  // The file is rewritten (and synced) only when the set of known clients changed.
+  if (assembly_->userDefaults->object(kSessionsKey) == sessions) return;
+  assembly_->userDefaults->set(kSessionsKey, std::move(sessions));
+  assembly_->userDefaults->synchronize();
 }
 
 void ClientStateManager::loadState() {

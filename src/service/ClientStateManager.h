@@ -12,10 +12,12 @@
 // "com.velmo.vorlend.stateCache": look-ups are synchronous, saves asynchronous.
 #pragma once
 
+#include <list>
 #include <map>
 #include <memory>
 #include <semaphore>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "base/Queue.h"
@@ -40,6 +42,8 @@ struct ClientStateManagerOptions {
 class ClientStateManager : public IpcListenerDelegate, public std::enable_shared_from_this<ClientStateManager> {
  public:
   static constexpr std::ptrdiff_t kMaxEndpointConnections = 10;
+  // States kept warm: beyond this many, the least recently asked for lose their in-memory caches.
+  static constexpr size_t kWarmStates = 64;
 
   // Creates the endpoint listener in the runtime folder and loads the persisted states. An endpoint that
   // cannot be set up is logged; the manager works without it (endpoint() is then empty).
@@ -52,8 +56,11 @@ class ClientStateManager : public IpcListenerDelegate, public std::enable_shared
 
   // [{"identifier": ..., "agent": ...}] of every state that has a user agent.
   Value::Array sessions();
-  // Writes sessions() under "sessions" when persistence is on; asynchronous.
+  // Writes sessions() under "sessions" when persistence is on; asynchronous. Either way the file is
+  // rewritten only when the list differs from what it holds.
   void saveState();
+  // The same, done before it returns: a configuration is answered only once its client is on disk.
+  void saveStateNow();
   void loadState();
 
   std::optional<IpcEndpoint> endpoint() const;
@@ -66,12 +73,17 @@ class ClientStateManager : public IpcListenerDelegate, public std::enable_shared
   ClientStateManager(std::shared_ptr<Assembly> assembly, ClientStateManagerOptions options);
   void start();
   Value::Array sessionsOnQueue() const;
+  void writeSessionsOnQueue();
   void serveEndpointRequest(const IpcMessage& call, IpcReplier reply);
 
   std::shared_ptr<Assembly> assembly_;
   ClientStateManagerOptions options_;
   std::shared_ptr<Queue> stateCacheQueue_;
   std::map<std::string, std::shared_ptr<ClientState>> stateCache_;  // stateCacheQueue_ only
+  // Most recently asked for first; stateCacheQueue_ only.
+  std::list<ClientState*> recent_;
+  std::unordered_map<ClientState*, std::list<ClientState*>::iterator> recentPosition_;
+  void _touchOnQueue(ClientState* state);
   bool persistSessions_ = false;
   std::counting_semaphore<kMaxEndpointConnections> connectSemaphore_{kMaxEndpointConnections};
   std::shared_ptr<IpcListener> listener_;

@@ -1,5 +1,7 @@
 #include "service/VorlenService.h"
 
+#include <malloc.h>
+
 #include <cstring>
 
 #include "base/Counters.h"
@@ -100,6 +102,8 @@ void VorlenService::connectionInvalidated(const std::shared_ptr<ClientConnection
         if (!self->connections_.empty()) return;
         sessionLog().debug("purging url cache");
         if (self->assembly_->httpSessions) self->assembly_->httpSessions->urlSession()->purgeInMemoryCache();
+        // Nobody is connected: hand the memory the clients' work freed back to the system, off this queue.
+        Queue::global(QueuePriority::Background)->async([] { ::malloc_trim(0); });
       });
     });
   });

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "base/Log.h"
+#include "support/PlistBomb.h"
 #include "support/TempDir.h"
 
 namespace vorlen {
@@ -206,6 +207,16 @@ TEST(ArchiveTest, SharedReferencesCannotMultiplyIntoHugeTrees) {
   std::vector<uint8_t> wide = {0xAF, 0x10, 100};
   wide.insert(wide.end(), 100, 1);
   expectRejected(assemble({wide, blob}), "bytes of strings and data");
+
+  // A million references to one short string stays inside the node and byte limits, but not inside a
+  // decode budget: it is refused before libplist builds anything. The same budget takes plain data.
+  std::vector<uint8_t> bomb = test::referenceBomb(1000000);
+  std::string error;
+  EXPECT_FALSE(Archive::decodeBinary(bomb, size_t{4} << 20, &error));
+  EXPECT_EQ(error, "decodes to more than 4194304 bytes");
+  EXPECT_TRUE(Archive::decodeBinary(Archive::encodeBinary(Value(Value::Data(bomb.size(), 1))),
+                                    size_t{4} << 20, &error))
+      << error;
 }
 
 TEST(ArchiveTest, MalformedBinaryStructuresAreRejectedWithAReason) {

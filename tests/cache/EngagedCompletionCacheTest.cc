@@ -6,6 +6,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "base/Counters.h"
@@ -204,6 +205,7 @@ TEST_F(EngagedCompletionCacheTest, LookupsEndAtTheirBudgetWhetherRunHereOrQueued
   writeEngagements(file(), 20000,
                    [&](int i) { return fmt::format("'budget {}', 'b', {}, 'se', 1", i, now - i); });
   ScopedLogCapture capture;
+  ScopedPrivateLogging privateLogging;
   cache->setSearchTimeout(0);
   EXPECT_FALSE(cache->completionForInput("bu", 1));
   EXPECT_TRUE(capture.sink().contains("EngagedCompletionCache search timed out for input bu"));
@@ -331,23 +333,64 @@ TEST_F(EngagedCompletionCacheTest, SchemaBusyWhileReadIsKept) {
   EXPECT_EQ(query(file(), "SELECT schema_version FROM completion_cache_schema_version;")[0][0], "2");
 }
 
-TEST_F(EngagedCompletionCacheTest, UnreadableFileLeavesTheCacheInertWithEveryFailureLogged) {
-  std::filesystem::create_directories(file().parent_path());
-  test::writeFile(file(), std::string(4096, 'x'));
-  ScopedLogCapture capture;
-  auto cache = open();
-  EXPECT_TRUE(capture.sink().contains("Engaged completion cache schema version read failed"));
-  // Every schema step is tried and fails on its own.
-  EXPECT_TRUE(capture.sink().contains("Error _setDBSchema pragma auto_vacum"));
-  EXPECT_TRUE(capture.sink().contains("Error _setDBSchema create completion_cache_engagement table"));
-  EXPECT_TRUE(capture.sink().contains("Error _setDBSchema table completion_cache_engagement create index input "));
-  EXPECT_TRUE(capture.sink().contains("Error _setDBSchema insert schema version string"));
-  cache->addCompletion("x", "x", 1, 1);
-  EXPECT_TRUE(capture.sink().contains(
-      "_prepareInsertStatement failed - SQL:INSERT INTO completion_cache_engagement (completion, input, "
-      "engagement_date, origin, client) VALUES (?, ?, ?, ?, ?) code: 26"));
-  EXPECT_FALSE(cache->completionForInput("x", 1));
-  EXPECT_EQ(test::readFile(file()), std::string(4096, 'x'));
+size_t errorLinesContaining(const CapturingSink& sink, const std::string& part) {
+  size_t n = 0;
+  for (const LogRecord& r : sink.records())
+    n += r.level == LogLevel::Error && r.message.find(part) != std::string::npos;
+  return n;
+}
+
+// A file that is not a database, a damaged one, and one claiming the current version without its table are
+// each kept aside for inspection and replaced by a working database, with one error line.
+TEST_F(EngagedCompletionCacheTest, UnreadableFilesAreMovedAsideAndTheCacheWorksAgain) {
+  open()->addCompletion("kept", "k", 1, 1);
+  const std::string good = test::readFile(file());
+  const std::pair<std::string, std::string> cases[] = {
+      {std::string(4096, 'x'), "file is not a database"},
+      {good.substr(0, good.size() / 2), "could not be read"},
+      {"", "schema version 3 without its table"},  // made below
+  };
+  for (const auto& [contents, reason] : cases) {
+    SCOPED_TRACE(reason);
+    std::filesystem::remove(file());
+    std::filesystem::path aside = file();
+    aside += ".corrupt";
+    std::filesystem::remove(aside);
+    if (contents.empty()) {
+      query(file(),
+            "CREATE TABLE completion_cache_schema_version(schema_version INT); INSERT INTO "
+            "completion_cache_schema_version VALUES (3);");
+    } else {
+      test::writeFile(file(), contents);
+    }
+    const std::string before = test::readFile(file());
+    ScopedLogCapture capture;
+    auto cache = open();
+    EXPECT_EQ(errorLinesContaining(capture.sink(), "moved aside to " + aside.string()), 1u);
+    EXPECT_EQ(errorLinesContaining(capture.sink(), reason), 1u) << capture.sink().records().size();
+    EXPECT_EQ(test::readFile(aside), before);
+    EXPECT_TRUE(cache->addCompletion("fresh", "f", 1, 1));
+    EXPECT_EQ(cache->completionForInput("fr", 1)->suggestion, "fresh");
+    EXPECT_EQ(test::fileMode(file()), 0600u);
+  }
+}
+
+// The daemon and vorlenctl write the same file at once: each waits for the other's lock, nothing is lost.
+TEST_F(EngagedCompletionCacheTest, TwoWritersOfOneFileLoseNothing) {
+  auto daemon = open();
+  auto tool = open();
+  constexpr int kEach = 60;
+  auto write = [](std::shared_ptr<EngagedCompletionCache> cache, std::string prefix) {
+    int stored = 0;
+    for (int i = 0; i < kEach; ++i) stored += cache->addCompletion(prefix + std::to_string(i), "x", 1, 1);
+    return stored;
+  };
+  auto fromDaemon = std::async(std::launch::async, write, daemon, "d");
+  auto fromTool = std::async(std::launch::async, write, tool, "t");
+  EXPECT_EQ(fromDaemon.get(), kEach);
+  EXPECT_EQ(fromTool.get(), kEach);
+  EXPECT_EQ(query(file(), "SELECT COUNT(*) FROM completion_cache_engagement;")[0][0],
+            std::to_string(2 * kEach));
 }
 
 TEST(EngagedCompletionSignificantValueTest, KeepsTwoSignificantDigits) {

@@ -118,6 +118,7 @@ TEST_F(QueryCacheTest, RecordsWithoutDataOrQueryAreIgnored) {
 
 TEST_F(QueryCacheTest, InputLongerThanQueryIsABugAndNotCached) {
   ScopedLogCapture logs;
+  ScopedPrivateLogging privateLogging;
   add({.input = "newsy", .query = "news"});
   EXPECT_EQ(cache->count(), 0u);
   EXPECT_TRUE(logs.sink().contains(LogLevel::Error, kCaching,
@@ -129,6 +130,7 @@ TEST_F(QueryCacheTest, InputLongerThanQueryIsABugAndNotCached) {
 
 TEST_F(QueryCacheTest, BudgetIsBodyPlusOverheadAndEmptiesTheWholeCache) {
   ScopedLogCapture logs;
+  ScopedPrivateLogging privateLogging;
   // A charge of exactly 2 MiB is never cached.
   add({.query = "news", .bodySize = QueryCache::kMaxCost - QueryCache::kEntryOverhead});
   EXPECT_EQ(cache->count(), 0u);

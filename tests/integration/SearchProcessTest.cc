@@ -43,13 +43,15 @@ class SearchProcessTest : public ::testing::Test {
     ASSERT_TRUE(defaults.set("VORBagURL", Value(server.baseURL() + "/bag")));
   }
 
-  std::unique_ptr<test::ChildProcess> startDaemon() {
+  // Logs at debug level; `extraEnv` adds to the environment.
+  std::unique_ptr<test::ChildProcess> startDaemon(const std::map<std::string, std::string>& extraEnv = {}) {
     std::filesystem::create_directories(dir / "run");
     std::map<std::string, std::string> env = {
         {"XDG_RUNTIME_DIR", (dir / "run").string()}, {"XDG_CONFIG_HOME", (dir / "config").string()},
         {"XDG_CACHE_HOME", (dir / "cache").string()}, {"TMPDIR", dir.path().string()},
         {"VORLEND_LOG_LEVEL", "debug"},                {"HOME", dir.path().string()},
         {"VORLEND_SOCKET", (dir / "vorlend.sock").string()}};
+    env.insert(extraEnv.begin(), extraEnv.end());
     auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"), std::vector<std::string>{},
                                                        env, dir.path());
     EXPECT_TRUE(daemon->waitForOutput("vorlend started", 20s)) << daemon->stderrText();
@@ -113,7 +115,7 @@ TEST_F(SearchProcessTest, ZeroKeywordAndAMissingMoreResultsPageThroughTheLibrary
 }
 
 TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) {
-  auto daemon = startDaemon();
+  auto daemon = startDaemon({{"VORLEND_LOG_PRIVATE", "1"}});  // the log is read below
   ASSERT_TRUE(browser());
   test::ChildProcess ctl(test::builtProgram("vorlenctl"),
                          {"--json", "--socket", (dir / "vorlend.sock").string(), "--id", "com.example.typist",
@@ -154,6 +156,32 @@ TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) 
   EXPECT_EQ(personal[2]["source"], "query cache");
   EXPECT_EQ(personal[2]["completion"], "new york marathon");
   EXPECT_TRUE(daemon->waitForOutput("Local completion found: input ne, completion new york marathon", 10s));
+}
+
+// What the user types never reaches the daemon's log, at any level, unless private logging was asked for:
+// not in the request URL, not in the query cache, not in the local completion look-up.
+TEST_F(SearchProcessTest, TypedTextStaysOutOfTheLogUnlessPrivateLoggingIsOn) {
+  const std::string typed = "qzvxjk marathon";
+  auto typeOnce = [&](uint64_t id) {
+    auto client = browser();
+    auto answer = client->request(search(id, typed));
+    ASSERT_TRUE(answer.ok()) << answer.errorText();
+    ASSERT_TRUE(client->request(search(id + 1, typed)).ok());  // from the query cache
+  };
+  {
+    auto daemon = startDaemon();
+    typeOnce(1);
+    ASSERT_TRUE(daemon->signal(SIGTERM));
+    ASSERT_EQ(daemon->wait(20s), 0);
+    const std::string log = daemon->stderrText();
+    EXPECT_NE(log.find("<private>"), std::string::npos);
+    EXPECT_EQ(log.find("qzvxjk"), std::string::npos) << log;
+  }
+  Preferences defaults(dir / "config" / "vorlend", "com.velmo.vorlend");
+  ASSERT_TRUE(defaults.set("VORLogPrivateData", Value(true)));
+  auto daemon = startDaemon();
+  typeOnce(3);
+  EXPECT_TRUE(daemon->waitForOutput("qzvxjk", 10s));
 }
 
 // `vorlenctl search --interactive` in a real terminal (a pseudo-terminal here): raw keystrokes, each

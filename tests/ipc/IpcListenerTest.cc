@@ -1,7 +1,11 @@
 #include "ipc/IpcListener.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <regex>
@@ -160,6 +164,85 @@ TEST_F(IpcListenerTest, ConnectionsBeyondTheCapAreRefusedUntilOneCloses) {
   auto c = connectClient(server);
   ASSERT_TRUE(server->waitAccepted(2));
   EXPECT_EQ(echo(c, "c"), Value("c"));
+}
+
+// One process cannot take every connection of a listener: past its own limit it is refused (one line), while
+// another process still gets in.
+TEST_F(IpcListenerTest, OneProcessIsHeldToItsOwnLimitAndOthersStillGetIn) {
+  IpcListenerOptions options = listenerOptions();
+  options.maxConnections = 10;
+  options.maxConnectionsPerProcess = 2;
+  auto server = startServer(options);
+  ASSERT_TRUE(server);
+  auto a = connectClient(server);
+  auto b = connectClient(server);
+  ASSERT_TRUE(server->waitAccepted(1));
+
+  ScopedLogCapture capture;
+  for (int i = 0; i < 3; ++i) {
+    RawClient extra(server->listener->path());
+    EXPECT_TRUE(extra.waitForClose());
+  }
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "the limit per process"), 1u);
+  EXPECT_EQ(server->acceptedCount(), 2u);
+
+  // Another process connects and waits until told to go.
+  int go[2];
+  ASSERT_EQ(::pipe(go), 0);
+  pid_t child = ::fork();
+  if (child == 0) {
+    ::close(go[1]);
+    RawClient other(server->listener->path());
+    char c;
+    ssize_t n = ::read(go[0], &c, 1);
+    ::_exit(other.connected() && n == 0 ? 0 : 1);
+  }
+  ::close(go[0]);
+  auto fromOther = server->waitAccepted(2);
+  ASSERT_TRUE(fromOther);
+  EXPECT_EQ(fromOther->peer().pid, child);
+  ::close(go[1]);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+
+  // Below its limit again, this process gets in.
+  b->invalidate();
+  ASSERT_TRUE(waitUntil([&] { return server->listener->connectionCount() == 1; }));  // a alone
+  auto c = connectClient(server);
+  ASSERT_TRUE(server->waitAccepted(3));
+  EXPECT_EQ(echo(c, "c"), Value("c"));
+}
+
+// Out of descriptors, accepting pauses for the back-off with one error line instead of spinning, and
+// the waiting connections are taken once descriptors are free again.
+TEST_F(IpcListenerTest, RunningOutOfDescriptorsPausesAcceptingWithOneLine) {
+  auto server = startServer();
+  ASSERT_TRUE(server);
+  std::vector<UniqueFd> clients;
+  for (int i = 0; i < 3; ++i) clients.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ScopedLogCapture capture;
+  rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+  const int lowestFree = ::fcntl(clients[0].get(), F_DUPFD_CLOEXEC, 0);
+  ASSERT_GE(lowestFree, 0);
+  ::close(lowestFree);
+  rlimit tight = old;
+  tight.rlim_cur = static_cast<rlim_t>(lowestFree);  // no new descriptor anywhere in this process
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+  sockaddr_un addr{AF_UNIX, {}};
+  server->listener->path().native().copy(addr.sun_path, sizeof(addr.sun_path) - 1);
+  for (auto& fd : clients)
+    ASSERT_EQ(::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  const bool paused =
+      waitUntil([&] { return test::countLogLines(capture.sink(), LogLevel::Error, "retrying every") > 0; });
+  clock->advance(seconds(1));  // one more failed attempt: no second line
+  clock->advance(seconds(1));
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+  ASSERT_TRUE(paused);
+  clock->advance(seconds(1));
+  ASSERT_TRUE(server->waitAccepted(2));
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "accept on"), 1u);
 }
 
 TEST_F(IpcListenerTest, ARefusingDelegateClosesTheConnection) {

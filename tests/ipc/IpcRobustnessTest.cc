@@ -3,6 +3,7 @@
 
 #include "base/Archive.h"
 #include "ipc/IpcTestSupport.h"
+#include "support/PlistBomb.h"
 
 namespace vorlen {
 namespace {
@@ -67,6 +68,8 @@ TEST_F(IpcRobustnessTest, EachMalformedFrameClosesOnlyItsConnectionAfterOneError
       {framedBytes({'g', 'a', 'r', 'b', 'a', 'g', 'e', '!', '!', '!'}),
        "payload is not a binary property list"},
       {framedBytes(truncated), "undecodable payload"},
+      // 60 KB on the wire that would decode into 13 MB.
+      {framedBytes(test::referenceBomb(60000)), "undecodable payload: decodes to more than 4194304 bytes"},
       {framed(Value::array({"op", "echo:reply:"})), "payload root is not a dictionary"},
       {test::frameHeader(0), "payload is not a binary property list"},
       {framed(Value::dict({{"args", Value::array({})}})), "message has neither \"op\" nor \"reply\""},

@@ -97,6 +97,8 @@ class RawClient {
     connected_ = ::connect(fd_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
   }
   bool connected() const { return connected_; }
+  int fd() const { return fd_.get(); }
+  void close() { fd_.reset(); }
 
   bool write(const std::vector<uint8_t>& bytes, const std::vector<int>& fds = {}) {
     iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};

@@ -294,7 +294,7 @@ TEST_F(ClientConnectionTest, EndingAConnectionEmptiesItsStatesQueryCache) {
     ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.browser", "Browser/3.1")}));
   }
   auto state = assembly->clientStateManager->stateForClientIdentifier("com.example.browser");
-  ASSERT_TRUE(state && state->queryCache());
+  ASSERT_TRUE(state && state->makeQueryCacheForTesting());
   state->queryCache()->set(
       std::make_shared<CachedResultSet>("wea", nullptr, nlohmann::json{{"query", "weather"}}, Uuid::random(),
                                         std::vector<uint8_t>{1}, clock->now()));
@@ -329,6 +329,27 @@ TEST_F(ClientConnectionTest, PerClientCountersAreNamedAfterTheClientTheAgentName
     }
   }
   EXPECT_EQ(platform.counters->value("com.velmo.vorlend.unknown.keystrokes"), 0);
+}
+
+TEST_F(ClientConnectionTest, AConnectionThatNeverConfiguresIsClosedSoonAndItsFaultsAreWrittenOnce) {
+  ScopedLogCapture capture;
+  auto c = connect();
+  auto closed = std::make_shared<std::atomic<bool>>(false);
+  c->setInvalidationHandler([closed] { *closed = true; });
+  for (uint64_t id = 1; id <= 50; ++id) ASSERT_TRUE(c->send("request:reply:", {searchRequest(id, "a")}));
+  ASSERT_TRUE(call(c, "listSessions:", {}));  // served after all of them
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Fault, "configuration must not be nil"), 1u);
+
+  // Messages do not keep it open: the configure time-out runs from the start, well before the idle one.
+  clock->advance(seconds(9));
+  ASSERT_TRUE(call(c, "listSessions:", {}));
+  EXPECT_FALSE(closed->load());
+  clock->advance(seconds(1));
+  EXPECT_TRUE(test::waitUntil([&] { return closed->load(); }));
+  EXPECT_TRUE(test::waitUntil([&] {
+    return capture.sink().contains(LogLevel::Fault, "Vorlen_Session",
+                                   "configuration must not be nil (repeated 51 more times)");
+  }));
 }
 
 TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCounted) {

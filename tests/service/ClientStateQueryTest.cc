@@ -7,14 +7,15 @@
 
 #include "base/Log.h"
 #include "cache/EngagedCompletionCache.h"
-#include "client/VorlenClient.h"
 #include "cache/QueryCache.h"
+#include "client/VorlenClient.h"
 #include "network/HttpSessions.h"
 #include "network/HttpTestSupport.h"
 #include "network/VORNetworkRequestFactory.h"
 #include "network/VorlenBagController.h"
 #include "network/VorlenUserGUIDController.h"
 #include "service/ClientState.h"
+#include "service/ClientStateManager.h"
 #include "service/ServiceTestSupport.h"
 #include "vorlen-refserver/RefServer.h"
 
@@ -190,6 +191,19 @@ TEST_F(ClientStateQueryTest, ContinuedTypingAlongACompletionIsAnsweredFromTheQue
   ASSERT_TRUE(eventually([&] { return state->queryCache()->count() == 0; }));
   ask(c, search(4, "news"));
   EXPECT_EQ(server.requestCount("/search"), 3u);
+
+  // Many other clients later, this one is the least recently used: its cache is gone, and comes back.
+  for (size_t i = 0; i < ClientStateManager::kWarmStates; ++i) {
+    ASSERT_TRUE(
+        assembly->clientStateManager->stateForClientIdentifier("com.example.other" + std::to_string(i)));
+  }
+  EXPECT_FALSE(state->queryCache());
+  EXPECT_FALSE(assembly->clientStateManager->stateForClientIdentifier("com.example.other0")->queryCache());
+  ask(c, search(5, "news"));
+  EXPECT_EQ(server.requestCount("/search"), 4u);
+  ASSERT_TRUE(state->queryCache());
+  ask(c, search(6, "news"));
+  EXPECT_EQ(server.requestCount("/search"), 4u);
 }
 
 TEST_F(ClientStateQueryTest, ALocalCompletionTravelsWithTheRequest) {

@@ -33,6 +33,12 @@ void writeFile(const std::filesystem::path& path, const std::string& contents) {
   out << contents;
 }
 
+uint64_t fileInode(const std::filesystem::path& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return 0;
+  return st.st_ino;
+}
+
 unsigned fileMode(const std::filesystem::path& path) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return 0;

@@ -27,5 +27,7 @@ std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& contents);
 // Permission bits of a file (for example 0600).
 unsigned fileMode(const std::filesystem::path& path);
+// Inode number of a file (0 when it does not exist): an atomic replacement changes it.
+uint64_t fileInode(const std::filesystem::path& path);
 
 }  // namespace vorlen::test
