@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace vorlen {
 

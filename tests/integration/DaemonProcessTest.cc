@@ -8,7 +8,7 @@
 #include <fstream>
 
 #include "base/Counters.h"
-#include "ipc/UniqueFd.h"
+#include "base/UniqueFd.h"
 #include "support/DaemonProcess.h"
 #include "support/TempDir.h"
 
