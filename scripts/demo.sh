@@ -75,6 +75,10 @@ second=(--id com.velmo.demo.browser.2 --agent "Voyant/17.0")
 ctl "${second[@]}" type "new york" --refserver "$ref" --delay-ms 50
 echo
 ctl sessions
+echo "== the feedback session those keystrokes opened (times in ms from its first event)"
+ctl "${second[@]}" feedback current | head -n 12
+echo "== its session file on disk, written as it grows (what a crash would leave for upload)"
+ctl feedback stored
 echo "== requests the reference service received"
 curl -s "$ref/_counts" 2>/dev/null || true
 echo
