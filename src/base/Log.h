@@ -117,6 +117,7 @@ const Logger& VorlenDefaultLog();
 // the logging call's argument list.
 template <class T>
 struct Private {
+  explicit Private(const T& v) : value(v) {}
   const T& value;
 };
 template <class T>
