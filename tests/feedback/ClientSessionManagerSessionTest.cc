@@ -44,6 +44,10 @@ class SessionManagerTest : public ::testing::Test {
                                                           [this](const Notification&) { ++maxPosts; });
   }
   void TearDown() override {
+    // The manager and the bag controller hold the Assembly that holds them: let go of them so the test's
+    // objects are freed.
+    assembly->clientSessionManager.reset();
+    assembly->bagController.reset();
     if (sink) Log::setSink(nullptr);
     Counters::install(nullptr);
   }

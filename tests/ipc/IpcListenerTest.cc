@@ -217,6 +217,11 @@ TEST_F(IpcListenerTest, OneProcessIsHeldToItsOwnLimitAndOthersStillGetIn) {
 // Out of descriptors, accepting pauses for the back-off with one error line instead of spinning, and
 // the waiting connections are taken once descriptors are free again.
 TEST_F(IpcListenerTest, RunningOutOfDescriptorsPausesAcceptingWithOneLine) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // The sanitizer runtimes open descriptors of their own (symbolizer, /proc reads) while checking; with
+  // none left anywhere in the process their checks misfire, so this runs in the plain build only.
+  GTEST_SKIP() << "needs a process without sanitizer runtimes";
+#endif
   auto server = startServer();
   ASSERT_TRUE(server);
   std::vector<UniqueFd> clients;

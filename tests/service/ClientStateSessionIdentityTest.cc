@@ -25,7 +25,11 @@ class ClientStateSessionIdentityTest : public ::testing::Test {
         ClientSessionManager::create(assembly, assembly->guidController, "vorlen");
     Log::setSink(sink);
   }
-  void TearDown() override { Log::setSink(nullptr); }
+  void TearDown() override {
+    Log::setSink(nullptr);
+    // The manager holds the Assembly that holds it: let go of it so the test's objects are freed.
+    assembly->clientSessionManager.reset();
+  }
 
   test::TempDir dir;
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
