@@ -21,6 +21,7 @@
 #include <random>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "cache/EngagedCompletionCache.h"
@@ -28,10 +29,7 @@
 namespace vorlen {
 namespace {
 
-class DiscardingSink final : public LogSink {
- public:
-  void write(const LogRecord&) override {}
-};
+using bench::DiscardingSink;
 
 const char* const kWords[] = {"weather", "news",  "new york", "restaurants", "near me", "how to", "recipe",
                               "movie",   "times", "score",    "flight",      "stock",   "price",  "best",

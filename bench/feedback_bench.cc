@@ -25,6 +25,7 @@
 #include <filesystem>
 
 #include "base/Counters.h"
+#include "BenchSupport.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "client/VorlenClient.h"
@@ -47,10 +48,7 @@ namespace {
 
 constexpr const char* kAgent = "Voyant/5.0";
 
-class DiscardingSink final : public LogSink {
- public:
-  void write(const LogRecord&) override {}
-};
+using bench::DiscardingSink;
 
 double processCpuSeconds() {
   timespec ts{};

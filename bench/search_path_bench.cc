@@ -32,6 +32,7 @@
 
 #include "base/Archive.h"
 #include "base/Counters.h"
+#include "BenchSupport.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "cache/EngagedCompletionCache.h"
@@ -57,10 +58,7 @@ using Micros = std::chrono::duration<double, std::micro>;
 
 constexpr const char* kAgent = "Voyant/5.0";  // the browser's agent: the bag enables search and completions
 
-class DiscardingSink final : public LogSink {
- public:
-  void write(const LogRecord&) override {}
-};
+using bench::DiscardingSink;
 
 double percentile(std::vector<double> v, double p) {
   if (v.empty()) return 0;

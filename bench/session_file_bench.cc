@@ -17,11 +17,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "base/Archive.h"
+#include "BenchSupport.h"
 #include "base/Log.h"
 #include "base/ManualClock.h"
 #include "base/Preferences.h"
@@ -34,10 +37,7 @@
 namespace vorlen {
 namespace {
 
-class DiscardingSink final : public LogSink {
- public:
-  void write(const LogRecord&) override {}
-};
+using bench::DiscardingSink;
 
 constexpr int kBurst = 5000;
 
@@ -54,7 +54,12 @@ struct Folder {
   explicit Folder(int64_t sizeLimit) {
     Log::setSink(std::make_shared<DiscardingSink>());
     char pattern[] = "/tmp/vorlen-session-bench-XXXXXX";
-    root = ::mkdtemp(pattern);
+    const char* made = ::mkdtemp(pattern);
+    if (!made) {
+      std::perror("mkdtemp");
+      std::exit(1);
+    }
+    root = made;
     Platform platform = Platform::forTesting(root, std::make_shared<ManualClock>());
     assembly = std::make_shared<Assembly>(platform);
     assembly->userDefaults = std::make_shared<Preferences>(platform.paths.configDir, "com.velmo.vorlend");
