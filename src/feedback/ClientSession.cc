@@ -195,8 +195,11 @@ void ClientSession::_append(VorlenFeedback feedback) {
   });
 }
 
-void ClientSession::addRestoredFeedback(VorlenFeedback feedback) {
-  _sessionQueue->sync([&] { sessionFeedbacks_.push_back(std::move(feedback)); });
+void ClientSession::addRestoredFeedbacks(std::vector<VorlenFeedback> feedbacks) {
+  _sessionQueue->sync([&] {
+    sessionFeedbacks_.insert(sessionFeedbacks_.end(), std::make_move_iterator(feedbacks.begin()),
+                             std::make_move_iterator(feedbacks.end()));
+  });
 }
 
 void ClientSession::sessionComplete() {

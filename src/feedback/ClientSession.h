@@ -71,9 +71,9 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
 
   // ClientSessionProtocol / ManagedClientSession.
   void addFeedback(VorlenFeedback feedback) override;
-  // Appends an event read back from the session's file: no checks and no file write, since the event was
-  // checked when it first arrived. For sessions restored with fromArchive().
-  void addRestoredFeedback(VorlenFeedback feedback);
+  // Appends the events read back from the session's file, in file order: no checks and no file write,
+  // since each event was checked when it first arrived. For sessions restored with fromArchive().
+  void addRestoredFeedbacks(std::vector<VorlenFeedback> feedbacks);
   void sessionComplete() override;
   std::optional<Uuid> userGuid() const override { return userGuid_; }
   void enumerateSessions(const std::function<void(ClientSession& session, bool last)>& block) override;

@@ -229,6 +229,7 @@ std::shared_ptr<ClientSession> FileContainer::unarchive(std::span<const uint8_t>
     log().error("client session not stored");
     return nullptr;
   }
+  std::vector<VorlenFeedback> events;
   while (it.hasMore()) {
     const uint64_t start = it.position();
     auto record = it.readNextObject();
@@ -243,8 +244,9 @@ std::shared_ptr<ClientSession> FileContainer::unarchive(std::span<const uint8_t>
       log().error("could not unarchive feedback range {} size {}", start, record->size());
       break;
     }
-    session->addRestoredFeedback(std::move(*feedback));
+    events.push_back(std::move(*feedback));
   }
+  session->addRestoredFeedbacks(std::move(events));
   return session;
 }
 
