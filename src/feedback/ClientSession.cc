@@ -171,9 +171,15 @@ void ClientSession::_append(VorlenFeedback feedback) {
   // A synchronous hop: the session's queue is idle nearly always, so the append runs in place on the
   // caller's thread instead of waking a worker for every event, and calls from one thread stay in order.
   _sessionQueue->sync([&] {
+    // The sender's hold ends when the record is written (the write's completion owns it), or here.
+    std::shared_ptr<void> untilStored = std::move(feedback.untilStored);
     if (!context_.testFeedbacks) {
       // The list and the file are independent: a slow or failed write does not hold the event back.
-      if (storageHandle_) storageHandle_->writeFeedback(feedback, {});
+      if (storageHandle_) {
+        std::function<void()> written;
+        if (untilStored) written = [untilStored = std::move(untilStored)] {};
+        storageHandle_->writeFeedback(feedback, std::move(written));
+      }
       sessionFeedbacks_.push_back(std::move(feedback));
       return;
     }
@@ -183,7 +189,7 @@ void ClientSession::_append(VorlenFeedback feedback) {
       return;
     }
     auto self = shared_from_this();
-    storageHandle_->writeFeedback(feedback, [self, feedback]() mutable {
+    storageHandle_->writeFeedback(feedback, [self, feedback, untilStored = std::move(untilStored)]() mutable {
       if (self->_sessionQueue->isCurrent()) {
         self->sessionFeedbacks_.push_back(std::move(feedback));
       } else {

@@ -25,6 +25,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -56,6 +57,11 @@ struct VorlenFeedback {
   uint64_t relTimestamp = 0;
   std::optional<Uuid> userGuid;
   std::string userAgent;
+  // Held by the sender until the envelope's record is written to the session file (or the envelope is
+  // dropped on the way): a client connection puts its backlog hold here, so a client can never report
+  // events faster than they are stored. Never stored, never compared; the session takes it off before
+  // keeping the envelope.
+  std::shared_ptr<void> untilStored;
 
   // The event type index of the event's class (FeedbackEventType); kEventUnknown for QXFeedback itself
   // and for a subclass that has no type of its own.

@@ -394,12 +394,21 @@ void IpcConnection::queueFrameOnIo(IpcRawFrame&& frame) {
   queue_->async([self = shared_from_this(), shared, bytes] {
     self->serveFrame(*shared);
     shared->descriptors.clear();  // whatever the message did not hand out is closed now
-    self->backlogBytes_ -= bytes;
-    --self->backlogMessages_;
-    if (self->readPaused_.load() && !self->backlogFull()) {
-      self->runtime_->post([self] { self->resumeReadingOnIo(); });
-    }
+    self->releaseBacklog(bytes);
   });
+}
+
+void IpcConnection::releaseBacklog(size_t bytes) {
+  backlogBytes_ -= bytes;
+  --backlogMessages_;
+  if (readPaused_.load() && !backlogFull()) {
+    runtime_->post([self = shared_from_this()] { self->resumeReadingOnIo(); });
+  }
+}
+
+std::shared_ptr<void> IpcConnection::holdIncomingBacklog() {
+  ++backlogMessages_;
+  return std::shared_ptr<void>(nullptr, [self = shared_from_this()](void*) { self->releaseBacklog(0); });
 }
 
 void IpcConnection::resumeReadingOnIo() {

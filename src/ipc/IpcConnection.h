@@ -125,6 +125,10 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   size_t pendingReplyCount() const;
   // Messages received and not served yet.
   size_t incomingBacklog() const { return backlogMessages_.load(); }
+  // Counts one more message as unserved until the returned hold is released (from any thread). A handler
+  // that hands its message's work on to another queue takes one, so that work still limits what the peer
+  // may send next: past the backlog limits the connection stops reading, as for messages queued here.
+  std::shared_ptr<void> holdIncomingBacklog();
   // Calls that wanted a reply and were dropped unrun because the peer had gone.
   size_t droppedCallCount() const { return droppedCalls_.load(); }
 
@@ -161,6 +165,8 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   bool takeFramesOnIo();
   bool backlogFull() const;
   void resumeReadingOnIo();
+  // Any thread: one unserved message fewer; resumes reading when that made room.
+  void releaseBacklog(size_t bytes);
   void enqueueOnIo(const std::shared_ptr<OutFrame>& frame);
   void flushWrites();
   void updateStallWatch();

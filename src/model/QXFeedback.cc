@@ -136,6 +136,10 @@ QXFeedback::QXFeedback(std::string className, uint64_t timestamp)
   }
 }
 
+bool QXFeedback::isServiceEvent() const {
+  return className_.starts_with("VOR") || className_.starts_with("Vorlen");
+}
+
 bool QXFeedback::isKindOf(std::string_view base) const {
   return RecordSchema::shared().isKindOf(className_, base);
 }

@@ -43,6 +43,10 @@ class QXFeedback {
   const std::string& className() const { return className_; }
   // True when the class is `base` or a subclass of it.
   bool isKindOf(std::string_view base) const;
+  // True for the classes only the service itself makes, whose names begin with "VOR" or "Vorlen" (session
+  // ends, missing items, connection invalidated, skipped searches, cache hits, the service's own network
+  // search ends). They are decoded from session files but never accepted from a client.
+  bool isServiceEvent() const;
 
   uint64_t timestamp() const { return timestamp_; }
   void setTimestamp(uint64_t timestamp) { timestamp_ = timestamp; }

@@ -149,9 +149,15 @@ std::shared_ptr<const IpcExportedInterface> ClientConnection::makeInterface(std:
   exported->add("reportEvent:queryId:feedback:", {Arg::string(), Arg::unsignedInteger(), Arg::record()},
                 bind([](ClientConnection& self, const IpcMessage& call, IpcReplier) {
                   // The event name is deliberately not used: the feedback's class says what happened.
-                  if (auto feedback = QXFeedback::fromRecord(call.arg(2))) {
-                    self.reportEvent(*feedback, *call.arg(1).getUInt());
+                  auto feedback = QXFeedback::fromRecord(call.arg(2));
+                  if (!feedback) return;
+                  if (feedback->isServiceEvent()) {
+                    self.repeatedLines_.log(feedbackLog(), LogLevel::Error,
+                                            fmt::format("refusing {} from a client: only the service makes it",
+                                                        feedback->className()));
+                    return;
                   }
+                  self.reportEvent(*feedback, *call.arg(1).getUInt());
                 }));
   exported->add("feedback:reply:", {Arg::string()},
                 bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) { self.feedback(std::move(reply)); }));
@@ -486,8 +492,11 @@ void ClientConnection::_reportEvent(const QXFeedback& feedback, uint64_t queryId
   if (feedback.isKindOf("QXSuggestionEngagementFeedback") && !shortName.empty()) {
     VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "querysuggestion.engagements"));
   }
-  manager->addVorlenFeedback(VorlenFeedback(feedback, static_cast<int64_t>(queryId), std::nullopt,
-                                            bound->userAgent().value_or(""), clientQueryId));
+  VorlenFeedback envelope(feedback, static_cast<int64_t>(queryId), std::nullopt, bound->userAgent().value_or(""),
+                          clientQueryId);
+  // Until the event is in its session file, it counts against what this client may send next.
+  envelope.untilStored = connection_->holdIncomingBacklog();
+  manager->addVorlenFeedback(std::move(envelope));
 }
 
 void ClientConnection::_resultEngagementExtras(const ClientState& state, const QXFeedback& feedback) {

@@ -25,8 +25,17 @@ class IpcBacklogTest : public test::IpcFixture {
     // hold:reply: (any) waits for the gate, then counts itself and answers; record: counts itself.
     server = test::TestServer::serve(
         IpcListener::anonymous(dir.path(), std::move(options), &error),
-        [this](const std::shared_ptr<IpcConnection>&) {
+        [this](const std::shared_ptr<IpcConnection>& connection) {
           auto iface = std::make_shared<IpcExportedInterface>("BacklogIPC");
+          // pass: hands its work on: it stays counted until the test releases its hold.
+          std::weak_ptr<IpcConnection> weak = connection;
+          iface->add("pass:", {}, [this, weak](const IpcMessage&, IpcReplier) {
+            if (auto c = weak.lock()) {
+              std::lock_guard lock(holdsMu);
+              holds.push_back(c->holdIncomingBacklog());
+            }
+            recordedCalls.add();
+          });
           iface->add("hold:reply:", {IpcExportedInterface::Arg::any()},
                      [this](const IpcMessage&, IpcReplier reply) {
                        entered.add();
@@ -46,6 +55,7 @@ class IpcBacklogTest : public test::IpcFixture {
   }
   void TearDown() override {
     gate.add();
+    releaseHolds();
     serverSide.reset();
     server.reset();
     IpcFixture::TearDown();
@@ -70,7 +80,14 @@ class IpcBacklogTest : public test::IpcFixture {
     return static_cast<size_t>(n);
   }
 
+  void releaseHolds() {
+    std::lock_guard lock(holdsMu);
+    holds.clear();
+  }
+
   test::WaitCounter entered, gate, held, recordedCalls;
+  std::mutex holdsMu;
+  std::vector<std::shared_ptr<void>> holds;
   std::shared_ptr<test::TestServer> server;
   std::shared_ptr<IpcConnection> serverSide;
   std::unique_ptr<test::RawClient> raw;
@@ -86,6 +103,26 @@ TEST_F(IpcBacklogTest, AFastSenderWaitsInItsOwnSocketAtTheCapAndLosesNothing) {
   ASSERT_TRUE(held.waitFor(static_cast<int>(kCalls)));
   EXPECT_EQ(held.value(), static_cast<int>(kCalls));
   EXPECT_EQ(serverSide->droppedCallCount(), 0u);
+}
+
+TEST_F(IpcBacklogTest, WorkHandedOnKeepsCountingUntilItsHoldIsReleased) {
+  std::vector<uint8_t> bytes;
+  for (uint64_t i = 1; i <= kCalls; ++i) {
+    std::vector<uint8_t> frame = IpcFraming::encode(IpcMessage::call("pass:", {}).toValue());
+    bytes.insert(bytes.end(), frame.begin(), frame.end());
+  }
+  ASSERT_TRUE(raw->write(bytes));
+  // Every served call still holds its place: the connection stops at the cap as if nothing had been served.
+  ASSERT_TRUE(recordedCalls.waitFor(static_cast<int>(kCap)));
+  ASSERT_TRUE(waitUntil([&] { return serverSide->incomingBacklog() == kCap; }));
+  EXPECT_EQ(recordedCalls.value(), static_cast<int>(kCap));
+  // Releasing the holds lets the rest in, a cap's worth at a time.
+  ASSERT_TRUE(waitUntil([&] {
+    releaseHolds();
+    return recordedCalls.value() == static_cast<int>(kCalls);
+  }));
+  releaseHolds();
+  ASSERT_TRUE(waitUntil([&] { return serverSide->incomingBacklog() == 0; }));
 }
 
 TEST_F(IpcBacklogTest, CallsThatWantAReplyAreDroppedOnceThePeerHungUpAndOthersStillRun) {

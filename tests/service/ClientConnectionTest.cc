@@ -352,7 +352,7 @@ TEST_F(ClientConnectionTest, AConnectionThatNeverConfiguresIsClosedSoonAndItsFau
   }));
 }
 
-TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCounted) {
+TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCountedAndServiceEventsAreRefused) {
   auto c = connect();
   auto send = [&](const QXFeedback& f, uint64_t queryId) {
     c->send("reportEvent:queryId:feedback:", {Value("ignored name"), Value(queryId), f.toRecord()});
@@ -360,6 +360,10 @@ TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCou
   // Without a state the event goes nowhere.
   send(QXFeedback("QXClearInputFeedback"), 1);
   ASSERT_TRUE(call(c, "configure:reply:", {configuration("com.example.voyant", "voyant/10")}));
+  // Only the service makes session ends, cache hits and the like: a client's are refused at the door.
+  ScopedLogCapture capture;
+  send(QXFeedback("VorlenSessionEndFeedback"), 1);
+  send(QXFeedback("VORCacheHitFeedback"), 1);
 
   QXSearchResult result;
   result.queryId = 42;
@@ -381,6 +385,8 @@ TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCou
   EXPECT_EQ(events[0].clientQueryId, 42u);
   EXPECT_FALSE(events[0].userGuid);  // stamped by the session manager, not here
   EXPECT_TRUE(events[0].userAgent.ends_with("voyant/10"));
+  EXPECT_TRUE(capture.sink().contains(LogLevel::Error, "Vorlen_Feedback",
+                                      "refusing VorlenSessionEndFeedback from a client: only the service makes it"));
 
   EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.tophit.engagements"), 1);
   EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.vorlen.engagements"), 1);
