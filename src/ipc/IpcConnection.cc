@@ -12,9 +12,11 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <utility>
 
 #include "base/Log.h"
 #include "ipc/IpcFraming.h"
+#include "ipc/IpcMemoryBudget.h"
 #include "ipc/IpcRuntime.h"
 
 namespace vorlen {
@@ -55,6 +57,8 @@ struct IpcConnection::Io {
   bool started = false;
   bool readWaiting = false;   // an async_wait for reading is outstanding
   bool readPaused = false;    // reading stopped until the queue works off its backlog
+  bool budgetParked = false;  // reading stopped until the process budget has room
+  size_t unframedBytes = 0;   // bytes read and counted in the budget that are not in a queued frame yet
   bool writeWaiting = false;  // an async_wait for writing is outstanding
   bool writeBroken = false;   // the peer reads no more: what we send is discarded, reading goes on
   bool closed = false;
@@ -69,6 +73,7 @@ struct IpcConnection::Io {
 IpcConnection::IpcConnection(UniqueFd socket, IpcConnectionOptions options)
     : options_(std::move(options)),
       runtime_(options_.runtime ? options_.runtime : IpcRuntime::shared()),
+      budget_(options_.budget ? options_.budget : IpcMemoryBudget::shared()),
       clock_(options_.clock ? options_.clock : Clock::system()),
       queue_(options_.queue ? options_.queue : Queue::serial(options_.queueLabel)),
       peer_(IpcPeer::fromSocket(socket.get())),
@@ -237,8 +242,10 @@ void IpcConnection::closeOnIo(CloseReason reason) {
     directFd_ = -1;
     io.socket.close(ignored);  // outstanding waits complete with operation_aborted
   }
+  // What is still counted comes off the process budget: frames read in part, and frames never written.
+  budget_->removeIncoming(std::exchange(io.unframedBytes, 0));
+  for (const auto& f : io.outgoing) dropOutgoing(f->bytes.size());
   io.outgoing.clear();
-  outgoingBytes_ = 0;
   std::function<void()> observer;
   {
     std::lock_guard lock(mu_);
@@ -293,7 +300,7 @@ void IpcConnection::startOnIo() {
 
 void IpcConnection::armRead() {
   Io& io = *io_;
-  if (io.closed || !io.started || io.readWaiting || io.readPaused) return;
+  if (io.closed || !io.started || io.readWaiting || io.readPaused || io.budgetParked) return;
   io.readWaiting = true;
   io.socket.async_wait(asio::socket_base::wait_read, [self = shared_from_this()](const asio::error_code& ec) {
     self->io_->readWaiting = false;
@@ -306,6 +313,10 @@ void IpcConnection::onReadable() {
   Io& io = *io_;
   int fd = io.socket.native_handle();
   for (int round = 0; round < kReadsPerWakeup && !io.closed && !io.readPaused; ++round) {
+    if (budget_->incomingFull()) {
+      parkForBudgetOnIo();
+      break;
+    }
     iovec iov{io.readBuffer.data(), io.readBuffer.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxDescriptorsPerRead)];
     msghdr msg{};
@@ -349,6 +360,8 @@ void IpcConnection::onReadable() {
       return;
     }
     io.lastProgress = clock_->now();
+    budget_->addIncoming(static_cast<size_t>(n));
+    io.unframedBytes += static_cast<size_t>(n);
     io.decoder.append(std::span<const uint8_t>(io.readBuffer.data(), static_cast<size_t>(n)), std::move(fds));
     if (!takeFramesOnIo()) return;
   }
@@ -388,6 +401,7 @@ bool IpcConnection::takeFramesOnIo() {
 
 void IpcConnection::queueFrameOnIo(IpcRawFrame&& frame) {
   size_t bytes = frame.payload.size() + IpcFraming::kHeaderBytes;
+  io_->unframedBytes -= bytes;
   backlogBytes_ += bytes;
   ++backlogMessages_;
   auto shared = std::make_shared<IpcRawFrame>(std::move(frame));
@@ -399,11 +413,32 @@ void IpcConnection::queueFrameOnIo(IpcRawFrame&& frame) {
 }
 
 void IpcConnection::releaseBacklog(size_t bytes) {
+  if (bytes > 0) budget_->removeIncoming(bytes);
   backlogBytes_ -= bytes;
   --backlogMessages_;
   if (readPaused_.load() && !backlogFull()) {
     runtime_->post([self = shared_from_this()] { self->resumeReadingOnIo(); });
   }
+}
+
+void IpcConnection::parkForBudgetOnIo() {
+  io_->budgetParked = true;
+  std::weak_ptr<IpcConnection> weak = weak_from_this();
+  budget_->waitForIncomingRoom([weak] {
+    if (auto self = weak.lock()) self->runtime_->post([self] { self->resumeFromBudgetOnIo(); });
+  });
+}
+
+void IpcConnection::resumeFromBudgetOnIo() {
+  Io& io = *io_;
+  if (!io.budgetParked) return;
+  io.budgetParked = false;
+  armRead();
+}
+
+void IpcConnection::dropOutgoing(size_t bytes) {
+  outgoingBytes_ -= bytes;
+  budget_->removeOutgoing(bytes);
 }
 
 std::shared_ptr<void> IpcConnection::holdIncomingBacklog() {
@@ -560,8 +595,16 @@ bool IpcConnection::enqueue(IpcMessage message, bool* closed) {
                           options_.maxFrameBytes);
     return false;
   }
+  if (!budget_->tryAddOutgoing(frame->bytes.size())) {
+    connectionLog().error(
+        "closing connection from {}: the process already has {} bytes waiting for peers that do not read "
+        "(limit {})", describePeer(), budget_->outgoingBytes(), budget_->maxOutgoingBytes());
+    closeSoon(CloseReason::OutgoingOverflow, /*stopDelivery=*/false);
+    return false;
+  }
   size_t queued = outgoingBytes_.fetch_add(frame->bytes.size()) + frame->bytes.size();
   if (queued > options_.maxOutgoingBytes) {
+    dropOutgoing(frame->bytes.size());
     connectionLog().error(
         "closing connection from {}: {} bytes wait for a peer that does not read (limit {})", describePeer(),
         queued, options_.maxOutgoingBytes);
@@ -588,7 +631,7 @@ void IpcConnection::writeOrQueue(const std::shared_ptr<OutFrame>& frame) {
         }
       }
       if (frame->offset == frame->bytes.size()) {
-        outgoingBytes_ -= frame->bytes.size();
+        dropOutgoing(frame->bytes.size());
         return;
       }
     }
@@ -599,9 +642,8 @@ void IpcConnection::writeOrQueue(const std::shared_ptr<OutFrame>& frame) {
 
 void IpcConnection::enqueueOnIo(const std::shared_ptr<OutFrame>& frame) {
   Io& io = *io_;
-  if (io.closed) return;
-  if (io.writeBroken) {
-    outgoingBytes_ -= frame->bytes.size();
+  if (io.closed || io.writeBroken) {
+    dropOutgoing(frame->bytes.size());
     std::lock_guard lock(writeMu_);
     --framesOnIo_;
     return;
@@ -663,7 +705,7 @@ void IpcConnection::flushWrites() {
         // the stream then closes the connection): drop what waits for it and keep reading.
         io.writeBroken = true;
         std::lock_guard lock(writeMu_);
-        for (const auto& f : io.outgoing) outgoingBytes_ -= f->bytes.size();
+        for (const auto& f : io.outgoing) dropOutgoing(f->bytes.size());
         framesOnIo_ -= io.outgoing.size();
         io.outgoing.clear();
         return;
@@ -686,7 +728,7 @@ void IpcConnection::flushWrites() {
       f.offset += take;
       left -= take;
       if (f.offset == f.bytes.size()) {
-        outgoingBytes_ -= f.bytes.size();
+        dropOutgoing(f.bytes.size());
         io.outgoing.pop_front();
         std::lock_guard lock(writeMu_);
         --framesOnIo_;

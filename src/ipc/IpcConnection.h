@@ -165,8 +165,13 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   bool takeFramesOnIo();
   bool backlogFull() const;
   void resumeReadingOnIo();
-  // Any thread: one unserved message fewer; resumes reading when that made room.
+  // Any thread: one unserved message fewer (of `bytes` received bytes); resumes reading when that made room.
   void releaseBacklog(size_t bytes);
+  // I/O thread: stops reading until the process budget has room again.
+  void parkForBudgetOnIo();
+  void resumeFromBudgetOnIo();
+  // Any thread: `bytes` of queued outgoing frames are written or discarded.
+  void dropOutgoing(size_t bytes);
   void enqueueOnIo(const std::shared_ptr<OutFrame>& frame);
   void flushWrites();
   void updateStallWatch();
@@ -190,6 +195,7 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
 
   IpcConnectionOptions options_;
   std::shared_ptr<IpcRuntime> runtime_;
+  std::shared_ptr<IpcMemoryBudget> budget_;
   std::shared_ptr<Clock> clock_;
   std::shared_ptr<Queue> queue_;
   IpcPeer peer_;

@@ -13,6 +13,7 @@
 namespace vorlen {
 
 class IpcRuntime;
+class IpcMemoryBudget;
 
 struct IpcConnectionOptions {
   // Largest payload accepted or sent; a peer announcing more is disconnected.
@@ -34,6 +35,8 @@ struct IpcConnectionOptions {
   std::shared_ptr<Clock> clock;
   // Null: IpcRuntime::shared().
   std::shared_ptr<IpcRuntime> runtime;
+  // What all connections together may hold. Null: IpcMemoryBudget::shared().
+  std::shared_ptr<IpcMemoryBudget> budget;
   // The serial queue that delivers calls, replies and handlers. Null: a fresh queue with this label.
   std::shared_ptr<Queue> queue;
   std::string queueLabel = "com.velmo.vorlend.ipc.connection";

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "base/Archive.h"
+#include "ipc/IpcMemoryBudget.h"
 #include "ipc/IpcTestSupport.h"
 #include "support/PlistBomb.h"
 
@@ -134,6 +135,44 @@ TEST_F(IpcRobustnessTest, APeerThatStopsReadingIsClosedByTheBacklogLimitOrTheSta
   EXPECT_EQ(advanceUntilClosed(server, stalled), Reason::Stalled);
   EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "while it does not read what we send"), 1u);
   expectOthersUnaffected();
+}
+
+// What all connections hold together is bounded too: half frames of one peer hold every reader back only
+// until the stall rule cuts that peer off, and a peer that does not read is cut off at the process's
+// outgoing limit although its own limit is far away.
+TEST_F(IpcRobustnessTest, TheProcessBudgetBoundsAllConnectionsTogether) {
+  ScopedLogCapture capture;
+  auto budget = std::make_shared<IpcMemoryBudget>(48 * 1024, 256 * 1024);
+  IpcListenerOptions options = listenerOptions();
+  options.connection.maxFrameBytes = 64 * 1024;
+  options.connection.maxOutgoingBytes = 1 << 20;
+  options.connection.budget = budget;
+  server = startServer(options);
+  ASSERT_TRUE(server);
+  auto other = connectClient(server);
+  ASSERT_EQ(echo(other, "before"), Value("before"));
+
+  // 50 KiB of a 60 KiB frame: the process holds more than it allows, so nobody reads until that peer goes.
+  auto halfSender = connectRaw();
+  std::vector<uint8_t> half = test::frameHeader(60 * 1024);
+  half.resize(half.size() + 50 * 1024, 0);
+  ASSERT_TRUE(halfSender && raw->write(half));
+  ASSERT_TRUE(test::waitUntil([&] { return budget->incomingFull(); }));
+  auto answers = std::make_shared<test::Inbox<Value>>();
+  ASSERT_TRUE(other->call("echo:reply:", {Value("waits")}, [answers](const IpcMessage& m) { answers->put(m.arg(0)); }));
+  EXPECT_EQ(answers->size(), 0u);
+  EXPECT_EQ(advanceUntilClosed(server, halfSender), Reason::Stalled);
+  ASSERT_TRUE(answers->waitFor(1));
+  EXPECT_EQ(answers->items()[0], Value("waits"));
+  EXPECT_TRUE(test::waitUntil([&] { return budget->incomingBytes() == 0; }));
+
+  // 12 blobs of 60 KiB: within the connection's 1 MiB, past the process's 256 KiB.
+  auto nonReader = connectRaw();
+  ASSERT_TRUE(nonReader && raw->write(framedCall("flood:", {Value(12u), Value(60u * 1024)})));
+  EXPECT_EQ(server->waitClosed(nonReader), Reason::OutgoingOverflow);
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "bytes waiting for peers that do not read (limit 262144)"), 1u);
+  EXPECT_TRUE(test::waitUntil([&] { return budget->outgoingBytes() == 0; }));
+  EXPECT_EQ(echo(other, "after"), Value("after"));
 }
 
 TEST_F(IpcRobustnessTest, DescriptorsBeyondThePerMessageCapAreClosedAndTheConnectionStays) {
