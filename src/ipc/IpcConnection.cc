@@ -598,7 +598,8 @@ bool IpcConnection::enqueue(IpcMessage message, bool* closed) {
   if (!budget_->tryAddOutgoing(frame->bytes.size())) {
     connectionLog().error(
         "closing connection from {}: the process already has {} bytes waiting for peers that do not read "
-        "(limit {})", describePeer(), budget_->outgoingBytes(), budget_->maxOutgoingBytes());
+        "(limit {})",
+        describePeer(), budget_->outgoingBytes(), budget_->maxOutgoingBytes());
     closeSoon(CloseReason::OutgoingOverflow, /*stopDelivery=*/false);
     return false;
   }

@@ -3,7 +3,8 @@
 namespace vorlen {
 
 const std::shared_ptr<IpcMemoryBudget>& IpcMemoryBudget::shared() {
-  static const auto budget = std::make_shared<IpcMemoryBudget>(kDefaultMaxIncomingBytes, kDefaultMaxOutgoingBytes);
+  static const auto budget =
+      std::make_shared<IpcMemoryBudget>(kDefaultMaxIncomingBytes, kDefaultMaxOutgoingBytes);
   return budget;
 }
 

@@ -152,9 +152,10 @@ std::shared_ptr<const IpcExportedInterface> ClientConnection::makeInterface(std:
                   auto feedback = QXFeedback::fromRecord(call.arg(2));
                   if (!feedback) return;
                   if (feedback->isServiceEvent()) {
-                    self.repeatedLines_.log(feedbackLog(), LogLevel::Error,
-                                            fmt::format("refusing {} from a client: only the service makes it",
-                                                        feedback->className()));
+                    self.repeatedLines_.log(
+                        feedbackLog(), LogLevel::Error,
+                        fmt::format("refusing {} from a client: only the service makes it",
+                                    feedback->className()));
                     return;
                   }
                   self.reportEvent(*feedback, *call.arg(1).getUInt());
@@ -492,8 +493,8 @@ void ClientConnection::_reportEvent(const QXFeedback& feedback, uint64_t queryId
   if (feedback.isKindOf("QXSuggestionEngagementFeedback") && !shortName.empty()) {
     VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "querysuggestion.engagements"));
   }
-  VorlenFeedback envelope(feedback, static_cast<int64_t>(queryId), std::nullopt, bound->userAgent().value_or(""),
-                          clientQueryId);
+  VorlenFeedback envelope(feedback, static_cast<int64_t>(queryId), std::nullopt,
+                          bound->userAgent().value_or(""), clientQueryId);
   // Until the event is in its session file, it counts against what this client may send next.
   envelope.untilStored = connection_->holdIncomingBacklog();
   manager->addVorlenFeedback(std::move(envelope));

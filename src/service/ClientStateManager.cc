@@ -65,22 +65,37 @@ std::shared_ptr<ClientState> ClientStateManager::stateForClientIdentifier(const 
   std::shared_ptr<ClientState> state;
   stateCacheQueue_->sync([&] {
     auto& slot = stateCache_[identifier];
-    if (!slot) slot = ClientState::create(identifier, assembly_);
+    const bool created = !slot;
+    if (created) slot = ClientState::create(identifier, assembly_);
     state = slot;
     _touchOnQueue(state.get());
+    if (created) _evictOnQueue();
   });
   sessionLog().info("using client state: {}", identifier);
   return state;
 }
 
 void ClientStateManager::_touchOnQueue(ClientState* state) {
-  // States are never removed, so the raw pointers stay valid for the manager's life.
+  // A state leaves recent_ in the same step as it leaves stateCache_, so the raw pointers stay valid.
   if (auto it = recentPosition_.find(state); it != recentPosition_.end()) recent_.erase(it->second);
   recent_.push_front(state);
   recentPosition_[state] = recent_.begin();
   if (recent_.size() <= kWarmStates) return;
   // The state that just fell out of the warm set gives its caches back.
   (*std::next(recent_.begin(), static_cast<std::ptrdiff_t>(kWarmStates)))->releaseCaches();
+}
+
+void ClientStateManager::_evictOnQueue() {
+  for (auto it = recent_.end(); stateCache_.size() > kMaxStates && it != recent_.begin();) {
+    --it;
+    auto found = stateCache_.find((*it)->identifier());
+    // Held elsewhere (a connection, a request in flight): still in use, keep it.
+    if (found == stateCache_.end() || found->second.use_count() > 1) continue;
+    sessionLog().info("forgetting client state {}: more than {} clients known", found->first, kMaxStates);
+    recentPosition_.erase(*it);
+    it = recent_.erase(it);
+    stateCache_.erase(found);
+  }
 }
 
 Value::Array ClientStateManager::sessionsOnQueue() const {
@@ -134,8 +149,17 @@ void ClientStateManager::loadState() {
       const Value* agent = entry.find("agent");
       auto state = ClientState::create(*identifier->getString(), assembly_);
       if (agent && agent->getString()) state->setUserAgent(*agent->getString());
-      stateCache_[*identifier->getString()] = state;  // later entries replace earlier ones
+      auto& slot = stateCache_[*identifier->getString()];  // later entries replace earlier ones
+      if (slot) {
+        recent_.erase(recentPosition_[slot.get()]);
+        recentPosition_.erase(slot.get());
+      }
+      slot = state;
+      // Known from disk but not asked for yet: the first to go when the table is full.
+      recent_.push_back(state.get());
+      recentPosition_[state.get()] = std::prev(recent_.end());
     }
+    _evictOnQueue();
   });
 }
 

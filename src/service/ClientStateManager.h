@@ -1,5 +1,7 @@
-// ClientStateManager: owns every ClientState, one per client identifier, for the life of the process.
-// States are created on demand and never removed, so a reconnecting client finds its state again. With
+// ClientStateManager: owns every ClientState, one per client identifier. States are created on demand and
+// kept, so a reconnecting client finds its state again, up to kMaxStates: beyond that the least recently
+// asked for state that no connection holds is forgotten (a client identifier is whatever a local process
+// says, so the table must not grow with them). With
 // the preference "VORPersistSessions" (read once, at creation) the known clients and their user agents
 // are kept in the preferences store under "sessions" and their states exist again after a restart.
 //
@@ -44,6 +46,8 @@ class ClientStateManager : public IpcListenerDelegate, public std::enable_shared
   static constexpr std::ptrdiff_t kMaxEndpointConnections = 10;
   // States kept warm: beyond this many, the least recently asked for lose their in-memory caches.
   static constexpr size_t kWarmStates = 64;
+  // States known at once; the least recently asked for one without a connection makes way for a new one.
+  static constexpr size_t kMaxStates = 1024;
 
   // Creates the endpoint listener in the runtime folder and loads the persisted states. An endpoint that
   // cannot be set up is logged; the manager works without it (endpoint() is then empty).
@@ -84,6 +88,8 @@ class ClientStateManager : public IpcListenerDelegate, public std::enable_shared
   std::list<ClientState*> recent_;
   std::unordered_map<ClientState*, std::list<ClientState*>::iterator> recentPosition_;
   void _touchOnQueue(ClientState* state);
+  // Forgets least recently used states that nobody else holds until at most kMaxStates are known.
+  void _evictOnQueue();
   bool persistSessions_ = false;
   std::counting_semaphore<kMaxEndpointConnections> connectSemaphore_{kMaxEndpointConnections};
   std::shared_ptr<IpcListener> listener_;

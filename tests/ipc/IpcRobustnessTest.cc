@@ -159,7 +159,8 @@ TEST_F(IpcRobustnessTest, TheProcessBudgetBoundsAllConnectionsTogether) {
   ASSERT_TRUE(halfSender && raw->write(half));
   ASSERT_TRUE(test::waitUntil([&] { return budget->incomingFull(); }));
   auto answers = std::make_shared<test::Inbox<Value>>();
-  ASSERT_TRUE(other->call("echo:reply:", {Value("waits")}, [answers](const IpcMessage& m) { answers->put(m.arg(0)); }));
+  ASSERT_TRUE(other->call("echo:reply:", {Value("waits")},
+                          [answers](const IpcMessage& m) { answers->put(m.arg(0)); }));
   EXPECT_EQ(answers->size(), 0u);
   EXPECT_EQ(advanceUntilClosed(server, halfSender), Reason::Stalled);
   ASSERT_TRUE(answers->waitFor(1));
@@ -170,7 +171,9 @@ TEST_F(IpcRobustnessTest, TheProcessBudgetBoundsAllConnectionsTogether) {
   auto nonReader = connectRaw();
   ASSERT_TRUE(nonReader && raw->write(framedCall("flood:", {Value(12u), Value(60u * 1024)})));
   EXPECT_EQ(server->waitClosed(nonReader), Reason::OutgoingOverflow);
-  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "bytes waiting for peers that do not read (limit 262144)"), 1u);
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error,
+                                "bytes waiting for peers that do not read (limit 262144)"),
+            1u);
   EXPECT_TRUE(test::waitUntil([&] { return budget->outgoingBytes() == 0; }));
   EXPECT_EQ(echo(other, "after"), Value("after"));
 }

@@ -352,7 +352,8 @@ TEST_F(ClientConnectionTest, AConnectionThatNeverConfiguresIsClosedSoonAndItsFau
   }));
 }
 
-TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCountedAndServiceEventsAreRefused) {
+TEST_F(ClientConnectionTest,
+       ReportedFeedbackIsWrappedWithTheClientQueryIdAndCountedAndServiceEventsAreRefused) {
   auto c = connect();
   auto send = [&](const QXFeedback& f, uint64_t queryId) {
     c->send("reportEvent:queryId:feedback:", {Value("ignored name"), Value(queryId), f.toRecord()});
@@ -385,8 +386,9 @@ TEST_F(ClientConnectionTest, ReportedFeedbackIsWrappedWithTheClientQueryIdAndCou
   EXPECT_EQ(events[0].clientQueryId, 42u);
   EXPECT_FALSE(events[0].userGuid);  // stamped by the session manager, not here
   EXPECT_TRUE(events[0].userAgent.ends_with("voyant/10"));
-  EXPECT_TRUE(capture.sink().contains(LogLevel::Error, "Vorlen_Feedback",
-                                      "refusing VorlenSessionEndFeedback from a client: only the service makes it"));
+  EXPECT_TRUE(
+      capture.sink().contains(LogLevel::Error, "Vorlen_Feedback",
+                              "refusing VorlenSessionEndFeedback from a client: only the service makes it"));
 
   EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.tophit.engagements"), 1);
   EXPECT_EQ(platform.counters->value("com.velmo.vorlend.voyant.vorlen.engagements"), 1);

@@ -25,6 +25,23 @@ TEST_F(ClientStateManagerTest, OneStatePerIdentifierAndNoneForAnEmptyOne) {
   EXPECT_EQ(*sessions[0].find("agent")->getString(), "A/1");
 }
 
+TEST_F(ClientStateManagerTest, BeyondTheLimitTheLeastRecentlyUsedUnheldStateIsForgotten) {
+  auto id = [](size_t i) { return "com.example.client" + std::to_string(i); };
+  std::weak_ptr<ClientState> forgotten = manager().stateForClientIdentifier(id(0));
+  auto held = manager().stateForClientIdentifier(id(1));  // as a connection would hold it
+  std::vector<std::weak_ptr<ClientState>> states;
+  for (size_t i = 2; i <= ClientStateManager::kMaxStates; ++i)
+    states.push_back(manager().stateForClientIdentifier(id(i)));
+  // One past the limit: the oldest unheld state went; the held one, though older than all the rest, stays.
+  EXPECT_TRUE(forgotten.expired());
+  EXPECT_EQ(manager().stateForClientIdentifier(id(1)), held);
+  for (const auto& s : states) EXPECT_FALSE(s.expired());
+  // Asking for a forgotten client again makes it anew, and the next least recently used one makes way.
+  EXPECT_TRUE(manager().stateForClientIdentifier(id(0)));
+  EXPECT_TRUE(states.front().expired());
+  EXPECT_FALSE(states.back().expired());
+}
+
 TEST_F(ClientStateManagerTest, KnownClientsSurviveARestartOnlyWhenPersistenceIsOn) {
   // Off (the default): configuring a client writes nothing.
   auto c = connect();
