@@ -93,6 +93,17 @@ void ClientSessionManager::addVorlenFeedback(VorlenFeedback feedback) {
   });
 }
 
+void ClientSessionManager::addVorlenFeedbacks(std::vector<VorlenFeedback> feedbacks) {
+  if (feedbacks.empty()) return;
+  auto transaction = std::make_shared<Transaction>("addFeedback");
+  std::weak_ptr<ClientSessionManager> weak = weak_from_this();
+  _sessionQueue->async([weak, transaction, feedbacks = std::move(feedbacks)]() mutable {
+    auto self = weak.lock();
+    if (!self) return;
+    for (auto& f : feedbacks) self->_acceptFeedback(std::move(f));
+  });
+}
+
 void ClientSessionManager::flushSession(std::function<void()> callback) {
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();
   _sessionQueue->async([weak, callback = std::move(callback)]() mutable {

@@ -73,6 +73,7 @@ class ClientSessionManager final : public ClientSessionManagerProtocol,
 
   // ClientSessionManagerProtocol.
   void addVorlenFeedback(VorlenFeedback feedback) override;
+  void addVorlenFeedbacks(std::vector<VorlenFeedback> feedbacks) override;
   void flushSessionInvalidationWithAgent(const std::string& agent,
                                          std::function<void(bool flushed)> callback) override;
   Value::Array currentSessionFeedbacksWithRelativeTimestamp() override;

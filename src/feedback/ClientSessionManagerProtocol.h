@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "base/Value.h"
 #include "feedback/VorlenFeedback.h"
@@ -20,6 +21,10 @@ class ClientSessionManagerProtocol {
 
   // Accepts one envelope.
   virtual void addVorlenFeedback(VorlenFeedback feedback) = 0;
+  // Accepts several, in order, as one piece of work.
+  virtual void addVorlenFeedbacks(std::vector<VorlenFeedback> feedbacks) {
+    for (auto& f : feedbacks) addVorlenFeedback(std::move(f));
+  }
 
   // A client connection of `agent` went away. With one session shared by every client a
   // connection-invalidated event is added and `callback` gets false (nothing was flushed); otherwise the

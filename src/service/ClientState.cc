@@ -289,6 +289,20 @@ void ClientState::_recordFeedback(QXFeedback feedback, const VORRequest& request
                                             userAgent().value_or(""), request.clientQueryId));
 }
 
+void ClientState::_recordFeedbacks(std::vector<QXFeedback> feedbacks, const VORRequest& request,
+                                   std::optional<Uuid> userGuid) {
+  auto manager = sessionManager();
+  if (!manager || feedbacks.empty()) return;
+  std::vector<VorlenFeedback> envelopes;
+  envelopes.reserve(feedbacks.size());
+  const std::string agent = userAgent().value_or("");
+  for (auto& f : feedbacks) {
+    envelopes.emplace_back(std::move(f), static_cast<int64_t>(request.queryId), userGuid, agent,
+                           request.clientQueryId);
+  }
+  manager->addVorlenFeedbacks(std::move(envelopes));
+}
+
 std::optional<VORBag> ClientState::_enabledBag(const VORRequest& request, std::string_view failureText,
                                                const Logger& log, std::string_view disabledText,
                                                const QueryReply& reply) {
@@ -394,6 +408,16 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
     return;
   }
 
+  // The search's own events go to the session manager in one piece once it has answered (or before the
+  // network query records its start): one queue hop per search, and none ahead of a cached reply.
+  std::vector<QXFeedback> events;
+  struct Submit {
+    ClientState& state;
+    std::vector<QXFeedback>& events;
+    const VORRequest& request;
+    ~Submit() { state._recordFeedbacks(std::move(events), request); }
+  } submit{*this, events, *request};
+
   // Local completion from the engaged-completion history: the browser always, system search only when
   // the user is typing in its completion field.
   auto query = std::make_shared<VORSearchRequest>(*request);
@@ -403,7 +427,7 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
       (client == "voyant" || (client == "norvanta" && request->triggerEvent == kTriggerSystemSearchCompletion))) {
     QXFeedback start = QXFeedbackFactory::startLocalSearch(request->queryString, kTriggerLocalSearch,
                                                            kIndexTypeCompletionCache, request->queryId);
-    _recordFeedback(start, *request);
+    events.push_back(start);
     auto found = completions->completionForInput(
         request->queryString, client == "voyant" ? kCompletionClientBrowser : kCompletionClientSystemSearch);
     if (found) {
@@ -417,9 +441,11 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
     } else {
       searchLog().debug("Local completion not found: input {}", Private(request->queryString));
     }
-    _recordFeedback(QXFeedbackFactory::endLocalSearch(start), *request);
+    events.push_back(QXFeedbackFactory::endLocalSearch(start));
   }
   if (request->triggerEvent == kTriggerDidGoToSearch) {
+    // This one carries the GUID of the moment; it goes ahead of the batch.
+    _recordFeedbacks(std::exchange(events, {}), *request);
     _recordFeedback(QXFeedbackFactory::didGoToSearch(request->queryString, kEndpointSearch), *request,
                     _currentUserGUID());
   }
@@ -439,7 +465,7 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
       VORReply answer = _makeReply(*request, nullptr, nullptr, hit->data(), false);
       if (reply) reply(request->queryId, std::move(answer), std::nullopt);
       _countForClient("ondevicecachehits");
-      _recordFeedback(QXFeedbackFactory::cacheHit(kTriggerCacheHit, request->queryString, hit->uuid()), *request);
+      events.push_back(QXFeedbackFactory::cacheHit(kTriggerCacheHit, request->queryString, hit->uuid()));
       return;
     }
   }
@@ -456,6 +482,7 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
   network->invalidResponseCode = 500;
   searchLog().debug("Dispatching network request for (id, query): ({}, {})", request->queryId,
                     Private(request->queryString));
+  _recordFeedbacks(std::exchange(events, {}), *request);
   _sendNetworkQuery(network, std::move(reply));
   VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.search");
   _setPerformedSearch();

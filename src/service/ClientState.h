@@ -114,6 +114,9 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // The request a factory built, or an empty one (no URL) when it built none.
   static HttpRequest _built(std::optional<HttpRequest> request);
   void _recordFeedback(QXFeedback feedback, const VORRequest& request, std::optional<Uuid> userGuid = std::nullopt);
+  // Hands several events of one request to the session manager in one piece, in order.
+  void _recordFeedbacks(std::vector<QXFeedback> feedbacks, const VORRequest& request,
+                        std::optional<Uuid> userGuid = std::nullopt);
   void _countForClient(std::string_view suffix) const;
 
   // What one network query needs beyond its HTTP request.
