@@ -242,7 +242,7 @@ std::shared_ptr<UploadFile> UploadManager::uploadJSONFeedback(const nlohmann::or
   }
   std::optional<std::string> url = _urlForEndpoint(endpointType, "");
   if (!url) {
-    log().error("Server feedback endpoint not set, data can't be sent to server");
+    log().debug("no endpoint of type {}: upload abandoned", endpointType);
     file->removePath();
     return nullptr;
   }

@@ -144,10 +144,24 @@ TEST_F(UploadManagerTest, EndpointsFollowTheBag) {
   EXPECT_EQ(manager->uploadJSONFeedback(sessionRecord(2), UploadManager::kFeedbackEndpoint), nullptr);
   test::writeFile(dir / "stored.json", sessionRecord(2).dump());
   manager->uploadFeedback(dir / "stored.json", "voyant_autofill", UploadManager::kCrowdsourcingEndpoint);
-  EXPECT_EQ(logs.sink().count("Server feedback endpoint not set, data can't be sent to server"), 2u);
+  EXPECT_EQ(logs.sink().count("Server feedback endpoint not set, data can't be sent to server"), 1u);  // the file upload
   EXPECT_EQ(manager->uploadsInFlight(), 0u);
   EXPECT_EQ(tempFiles(), 0u);
   EXPECT_EQ(server.requestCount("/feedback") + server.requestCount("/crowdsourcing"), 0u);
+}
+
+TEST_F(UploadManagerTest, RecordThatCannotBeSerialisedIsCountedNotSentAndLeavesNoFile) {
+  ScopedLogCapture logs;
+  Json record = sessionRecord(1);
+  record["agent"] = std::string("\xff\xfe not UTF-8");
+  EXPECT_EQ(manager->uploadJSONFeedback(record, UploadManager::kFeedbackEndpoint), nullptr);
+  EXPECT_EQ(counter(kNotSent), 1);
+  EXPECT_EQ(tempFiles(), 0u);
+  bool logged = false;
+  for (const LogRecord& r : logs.sink().records())
+    logged |= r.level == LogLevel::Error && r.message.rfind("Invalid JSON Object <private> error ", 0) == 0;
+  EXPECT_TRUE(logged);
+  EXPECT_EQ(server.requestCount("/feedback"), 0u);
 }
 
 TEST_F(UploadManagerTest, FileUploadsCarryTheTypeItemOnlyWhenOneIsGiven) {
