@@ -16,6 +16,7 @@
 #include "base/MappedFile.h"
 #include "base/Preferences.h"
 #include "model/Constants.h"
+#include "network/BagController.h"
 #include "network/HttpSessions.h"
 #include "network/VORNetworkRequestFactory.h"
 #include "platform/Assembly.h"
@@ -69,6 +70,20 @@ std::optional<std::string> inflateRaw(std::span<const uint8_t> in) {
   return rc == Z_STREAM_END ? std::optional(out) : std::nullopt;
 }
 
+// A bag controller that has one bag installed.
+class InstalledBag final : public BagController {
+ public:
+  explicit InstalledBag(VORBag bag) : bag_(std::move(bag)) {}
+  std::optional<VORBag> currentBag() override { return bag_; }
+  std::optional<VORBag> cachedBagState() override { return bag_; }
+  std::optional<std::string> warmURL() override { return std::nullopt; }
+  void forceFetchBag(const Value::Dict&) override {}
+  std::string bagFetchURLWithCountry(const std::optional<std::string>&) const override { return {}; }
+
+ private:
+  VORBag bag_;
+};
+
 class UploadManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -92,14 +107,18 @@ class UploadManagerTest : public ::testing::Test {
     Counters::install(nullptr);
   }
 
-  void installBag(bool feedbackEnabled, bool withFeedbackURL = true) {
+  VORBag bag(bool feedbackEnabled, bool withFeedbackURL = true) const {
     Value::Dict raw{{"enabled", true},
                     {"feedback_enabled", feedbackEnabled},
                     {"crowdsourcing_url", server.baseURL() + "/crowdsourcing"}};
     if (withFeedbackURL) raw.emplace("feedback_url", server.baseURL() + "/feedback");
+    return VORBag(raw, "Vorlend/1.0 (test)");
+  }
+
+  void installBag(bool feedbackEnabled, bool withFeedbackURL = true) {
     Notification n;
     n.name = kVORBagChangeNotification;
-    n.userInfo = Value::dict({{kVORBagKey, VORBag(raw, "Vorlend/1.0 (test)").toRecord()}});
+    n.userInfo = Value::dict({{kVORBagKey, bag(feedbackEnabled, withFeedbackURL).toRecord()}});
     assembly->notificationCenter->post(n);
   }
 
@@ -132,6 +151,11 @@ TEST_F(UploadManagerTest, EndpointsFollowTheBag) {
   EXPECT_EQ(manager->feedbackEndpoint(), server.baseURL() + "/feedback?v=2");
   EXPECT_EQ(manager->crowdsourcingEndpoint(), server.baseURL() + "/crowdsourcing");
 
+  // A manager made while a bag is installed reads it at once.
+  assembly->bagController = std::make_shared<InstalledBag>(bag(true));
+  auto second = UploadManager::create(*assembly);
+  EXPECT_EQ(second->feedbackEndpoint(), server.baseURL() + "/feedback?v=2");
+
   installBag(true, /*withFeedbackURL=*/false);
   EXPECT_EQ(manager->feedbackEndpoint(), std::nullopt);
   EXPECT_EQ(manager->crowdsourcingEndpoint(), server.baseURL() + "/crowdsourcing");
@@ -144,7 +168,8 @@ TEST_F(UploadManagerTest, EndpointsFollowTheBag) {
   EXPECT_EQ(manager->uploadJSONFeedback(sessionRecord(2), UploadManager::kFeedbackEndpoint), nullptr);
   test::writeFile(dir / "stored.json", sessionRecord(2).dump());
   manager->uploadFeedback(dir / "stored.json", "voyant_autofill", UploadManager::kCrowdsourcingEndpoint);
-  EXPECT_EQ(logs.sink().count("Server feedback endpoint not set, data can't be sent to server"), 1u);  // the file upload
+  EXPECT_EQ(logs.sink().count("Server feedback endpoint not set, data can't be sent to server"),
+            1u);  // the file upload
   EXPECT_EQ(manager->uploadsInFlight(), 0u);
   EXPECT_EQ(tempFiles(), 0u);
   EXPECT_EQ(server.requestCount("/feedback") + server.requestCount("/crowdsourcing"), 0u);
