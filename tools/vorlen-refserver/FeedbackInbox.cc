@@ -225,7 +225,6 @@ void FeedbackInbox::install(httplib::Server& server) {
     server.Post(std::string("/") + endpoint, [this, endpoint](const httplib::Request& req,
                                                               httplib::Response& res,
                                                               const httplib::ContentReader& reader) {
-      if (hooks_.record) hooks_.record(req);
       const Control c = control();
       std::string body;
       bool tooLarge = false, dropped = false;
@@ -241,6 +240,12 @@ void FeedbackInbox::install(httplib::Server& server) {
         }
         return true;
       });
+      if (hooks_.record) {
+        // The server's request log keeps bodies as they were sent (what has arrived of it).
+        httplib::Request copy = req;
+        copy.body = body;
+        hooks_.record(copy);
+      }
       if (dropped || (!complete && !tooLarge)) {
         Received r;
         r.endpoint = endpoint;
