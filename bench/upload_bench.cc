@@ -120,15 +120,6 @@ void BM_RawDeflate(benchmark::State& state) {
 }
 BENCHMARK(BM_RawDeflate)->Unit(benchmark::kMillisecond);
 
-int64_t statusKib(const char* field) {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind(field, 0) == 0) return std::stoll(line.substr(std::strlen(field)));
-  }
-  return 0;
-}
-
 void BM_Upload2MiBSession(benchmark::State& state) {
   Log::setSink(std::make_shared<bench::DiscardingSink>());
   char pattern[] = "/tmp/vorlen-upload-bench-XXXXXX";
@@ -160,13 +151,13 @@ void BM_Upload2MiBSession(benchmark::State& state) {
       std::ofstream reset("/proc/self/clear_refs");
       reset << "5";
     }
-    const int64_t before = statusKib("VmRSS:");
+    const int64_t before = bench::statusKib("VmRSS:");
     state.ResumeTiming();
     auto file = manager->uploadJSONFeedback(record, UploadManager::kFeedbackEndpoint);
     if (!file || !manager->waitForUploadsToEnd(std::chrono::seconds(60)))
       state.SkipWithError("upload failed");
     state.PauseTiming();
-    peak = std::max(peak, statusKib("VmHWM:") - before);
+    peak = std::max(peak, bench::statusKib("VmHWM:") - before);
     if (file) compressedBytes = file->size();
     state.ResumeTiming();
   }

@@ -1,17 +1,17 @@
 // The reference service's upload endpoints: what a body must be to count as a valid session record, and
 // how the endpoint answers and shows what it received.
-#include <openssl/evp.h>
-#include <zlib.h>
-
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include "support/Deflate.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
 
 namespace vorlen {
 namespace {
+
+using test::deflateText;
+using test::sha512Hex;
 
 using Json = nlohmann::ordered_json;
 
@@ -28,29 +28,6 @@ Json validRecord() {
       {"previous_session_end_reason", "no previous session"}};
 }
 
-std::string deflateRaw(const std::string& in, int windowBits = -15) {
-  z_stream s{};
-  deflateInit2(&s, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
-  std::string out(deflateBound(&s, in.size()) + 16, '\0');
-  s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
-  s.avail_in = static_cast<uInt>(in.size());
-  s.next_out = reinterpret_cast<Bytef*>(out.data());
-  s.avail_out = static_cast<uInt>(out.size());
-  deflate(&s, Z_FINISH);
-  out.resize(s.total_out);
-  deflateEnd(&s);
-  return out;
-}
-
-std::string sha512Hex(const std::string& in) {
-  unsigned char d[64];
-  unsigned int n = 0;
-  EVP_Digest(in.data(), in.size(), d, &n, EVP_sha512(), nullptr);
-  std::string out;
-  for (unsigned i = 0; i < n; ++i) out += fmt::format("{:02x}", d[i]);
-  return out;
-}
-
 struct Upload {
   std::string endpoint = "feedback";
   std::optional<std::string> version = "2";
@@ -62,7 +39,7 @@ struct Upload {
 Upload uploadOf(const std::string& text) {
   Upload u;
   u.digest = sha512Hex(text);
-  u.body = deflateRaw(text);
+  u.body = deflateText(text);
   return u;
 }
 
@@ -90,7 +67,7 @@ TEST(FeedbackInboxTest, ChecksEncodingDigestAndRecordFormat) {
        ""},
       {"feedback without v=2", [](Upload& u) { u.version.reset(); }, "v=2"},
       {"not deflate", [](Upload& u) { u.encoding = "gzip"; }, "Content-Encoding"},
-      {"zlib wrapper", [](Upload& u) { u.body = deflateRaw(validRecord().dump(), 15); }, "raw deflate"},
+      {"zlib wrapper", [](Upload& u) { u.body = deflateText(validRecord().dump(), 15); }, "raw deflate"},
       {"cut short", [](Upload& u) { u.body.resize(u.body.size() / 2); }, "cut short"},
       {"bytes after the end", [](Upload& u) { u.body += "junk"; }, "after the end"},
       {"digest of other bytes", [](Upload& u) { u.digest = sha512Hex("other"); }, "does not match"},
@@ -137,10 +114,10 @@ TEST(FeedbackInboxTest, EndpointAnswersWithTheReasonAndShowsWhatItReceived) {
   httplib::Headers good = {{"Content-Encoding", "deflate"}, {"X-Velmo-Digest", sha512Hex(text)}};
   httplib::Headers bad = {{"Content-Encoding", "deflate"}, {"X-Velmo-Digest", sha512Hex("other")}};
 
-  auto ok = client.Post("/feedback?v=2&type=voyant", good, deflateRaw(text), "application/octet-stream");
+  auto ok = client.Post("/feedback?v=2&type=voyant", good, deflateText(text), "application/octet-stream");
   ASSERT_TRUE(ok);
   EXPECT_EQ(ok->status, 200);
-  auto refused = client.Post("/crowdsourcing", bad, deflateRaw(text), "application/octet-stream");
+  auto refused = client.Post("/crowdsourcing", bad, deflateText(text), "application/octet-stream");
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->status, 400);
   EXPECT_EQ(Json::parse(refused->body)["error"], "X-Velmo-Digest does not match the inflated body");
@@ -165,7 +142,7 @@ TEST(FeedbackInboxTest, EndpointAnswersWithTheReasonAndShowsWhatItReceived) {
   auto refusedControl = client.Post("/_control/feedback", R"({"status": "soon"})", "application/json");
   ASSERT_TRUE(refusedControl);
   EXPECT_EQ(refusedControl->status, 400);
-  auto forced = client.Post("/feedback?v=2", good, deflateRaw(text), "application/octet-stream");
+  auto forced = client.Post("/feedback?v=2", good, deflateText(text), "application/octet-stream");
   ASSERT_TRUE(forced);
   EXPECT_EQ(forced->status, 503);
   EXPECT_TRUE(server.feedbackInbox().received().back().valid);

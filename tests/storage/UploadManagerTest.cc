@@ -3,7 +3,6 @@
 // received, no temporary file, the next upload still works).
 #include <dirent.h>
 #include <sys/stat.h>
-#include <zlib.h>
 
 #include <cstring>
 #include <string>
@@ -21,6 +20,7 @@
 #include "network/VORNetworkRequestFactory.h"
 #include "platform/Assembly.h"
 #include "storage/UploadManager.h"
+#include "support/Deflate.h"
 #include "support/TempDir.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
@@ -50,24 +50,6 @@ Json sessionRecord(size_t events, size_t inputBytes = 12) {
               {"first_use", true},
               {"base_time", 1767268800},
               {"previous_session_end_reason", "no previous session"}};
-}
-
-std::optional<std::string> inflateRaw(std::span<const uint8_t> in) {
-  z_stream s{};
-  if (inflateInit2(&s, -15) != Z_OK) return std::nullopt;
-  s.next_in = const_cast<Bytef*>(in.data());
-  s.avail_in = static_cast<uInt>(in.size());
-  std::string out;
-  char chunk[65536];
-  int rc = Z_OK;
-  while (rc == Z_OK) {
-    s.next_out = reinterpret_cast<Bytef*>(chunk);
-    s.avail_out = sizeof chunk;
-    rc = inflate(&s, Z_NO_FLUSH);
-    out.append(chunk, sizeof chunk - s.avail_out);
-  }
-  inflateEnd(&s);
-  return rc == Z_STREAM_END ? std::optional(out) : std::nullopt;
 }
 
 // A bag controller that has one bag installed.
@@ -253,7 +235,7 @@ TEST_P(UploadFaultTest, OneUploadEndsCountedWithNothingLeftBehind) {
   EXPECT_EQ(tempFiles(), 0u);
   auto mapped = MappedFile::map(file->fd(), static_cast<size_t>(file->size()));
   ASSERT_TRUE(mapped);
-  EXPECT_EQ(inflateRaw(mapped->bytes()), record.dump());
+  EXPECT_EQ(test::inflateRaw(mapped->bytes()), record.dump());
   if (f.control.dropAfterBytes >= 0) {
     EXPECT_LT(got[0].compressedBytes, mapped->bytes().size());  // the server saw part of the body
     EXPECT_GE(got[0].compressedBytes, static_cast<size_t>(f.control.dropAfterBytes));

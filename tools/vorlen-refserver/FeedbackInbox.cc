@@ -24,7 +24,9 @@ std::string dump(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// The event types of the upload format, by index; the order is the format's own.
+// The event types of the upload format, by index; the order is the format's own. Kept apart from the
+// daemon's table on purpose: the service checks what the daemon sends against the format, not against
+// the daemon's own code.
 constexpr std::array<const char*, 38> kEventTypes = {
     "visible_results",
     "network_search_start",
