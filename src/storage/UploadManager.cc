@@ -92,7 +92,13 @@ UploadManager::UploadManager(const Assembly& assembly, Settings settings)
       _httpSessions(assembly.httpSessions),
       queue(Queue::serial("com.velmo.vorlend.uploadmanager")) {}
 
-UploadManager::~UploadManager() = default;
+UploadManager::~UploadManager() {
+  // Uploads still running go on reading their open files, but nobody will see them end: their paths go now.
+  std::lock_guard lock(_inFlightMutex);
+  for (auto& [id, upload] : _inFlight) {
+    if (upload.file) upload.file->removePath();
+  }
+}
 
 void UploadManager::start() {
   if (_notificationCenter) {
