@@ -14,6 +14,9 @@
 #include "base/ManualClock.h"
 #include "base/MappedFile.h"
 #include "base/Preferences.h"
+#include "feedback/ClientSession.h"
+#include "feedback/FeedbackTestSupport.h"
+#include "feedback/SessionProcessingHelper.h"
 #include "model/Constants.h"
 #include "network/BagController.h"
 #include "network/HttpSessions.h"
@@ -155,6 +158,31 @@ TEST_F(UploadManagerTest, EndpointsFollowTheBag) {
   EXPECT_EQ(manager->uploadsInFlight(), 0u);
   EXPECT_EQ(tempFiles(), 0u);
   EXPECT_EQ(server.requestCount("/feedback") + server.requestCount("/crowdsourcing"), 0u);
+}
+
+// The record the daemon's own encoder makes for a session arrives as a valid record.
+TEST_F(UploadManagerTest, TheDaemonsOwnSessionRecordArrivesValid) {
+  constexpr const char* kAgent = "Vorlend/1.0 (Test; Linux 1) Voyant/1.0";
+  const Uuid guid = Uuid::random();
+  const uint64_t ms = QXFeedback::kMachineTimeUnitsPerMillisecond;
+  auto session = ClientSession::create(
+      *assembly, VorlenFeedback(test::event("QXResultEngagementFeedback",
+                                            {{"result", test::result("r1").toRecord()}}, ms),
+                                9, guid, kAgent));
+  session->addFeedback(
+      VorlenFeedback(test::event("QXSuggestionEngagementFeedback",
+                                 {{"suggestion", test::suggestion("s1", "weather").toRecord()}}, 2 * ms),
+                     9, guid, kAgent));
+  session->addFeedback(VorlenFeedback(test::event("QXStartSearchFeedback", {}, 3 * ms), 10, guid, kAgent));
+  SessionProcessingHelper helper;
+  const Json record = session->getFeedbacksToSend(helper);
+
+  ASSERT_NE(manager->uploadJSONFeedback(record, UploadManager::kFeedbackEndpoint), nullptr);
+  ASSERT_TRUE(inbox().waitForReceived(1, kPatience));
+  const auto got = inbox().received();
+  EXPECT_TRUE(got[0].valid) << got[0].reason;
+  EXPECT_EQ(got[0].record, record);
+  EXPECT_EQ(got[0].record["fb"].size(), 5u);  // missing suggestions, missing results, the three events
 }
 
 TEST_F(UploadManagerTest, RecordThatCannotBeSerialisedIsCountedNotSentAndLeavesNoFile) {
