@@ -316,5 +316,25 @@ TEST_F(UploadManagerTest, TemporaryFilesArePrivateAndUnique) {
   EXPECT_GE(a->fd(), 0);  // the descriptor outlives the path
 }
 
+// Files of uploads that a killed daemon left behind go when the next manager starts; a young one may be
+// another daemon's upload in the making and stays, and so does anything that is not a regular file.
+TEST_F(UploadManagerTest, LeftoverUploadFilesOfAnEarlierProcessAreRemoved) {
+  const auto tmp = assembly->platform.paths.tempDir;
+  const std::string prefix = UploadFile::kNamePrefix;
+  test::writeFile(tmp / (prefix + "old01"), "x");
+  test::writeFile(tmp / (prefix + "young"), "x");
+  test::writeFile(tmp / "unrelated_old", "x");
+  std::filesystem::create_directory(tmp / (prefix + "dir01"));
+  const auto old = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+  for (const char* name : {"old01", "dir01"}) std::filesystem::last_write_time(tmp / (prefix + name), old);
+  std::filesystem::last_write_time(tmp / "unrelated_old", old);
+
+  auto next = UploadManager::create(*assembly);
+  EXPECT_FALSE(std::filesystem::exists(tmp / (prefix + "old01")));
+  EXPECT_TRUE(std::filesystem::exists(tmp / (prefix + "young")));
+  EXPECT_TRUE(std::filesystem::exists(tmp / (prefix + "dir01")));
+  EXPECT_TRUE(std::filesystem::exists(tmp / "unrelated_old"));
+}
+
 }  // namespace
 }  // namespace vorlen
