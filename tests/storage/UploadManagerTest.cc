@@ -219,6 +219,18 @@ TEST_F(UploadManagerTest, FileUploadsCarryTheTypeItemOnlyWhenOneIsGiven) {
   }
   EXPECT_EQ(counter(kSent), 2);  // a file upload counts 1
   EXPECT_EQ(tempFiles(), 0u);
+
+  // A file that cannot be read (missing, or a link) is not uploaded.
+  ScopedLogCapture logs;
+  std::filesystem::create_symlink(dir / "stored.json", dir / "link.json");
+  for (const char* name : {"missing.json", "link.json"}) {
+    manager->uploadFeedback(dir / name, "", UploadManager::kFeedbackEndpoint);
+    EXPECT_TRUE(
+        logs.sink().contains("Error getting reading file for upload: " + (dir / name).string() + "."));
+  }
+  EXPECT_EQ(manager->uploadsInFlight(), 0u);
+  EXPECT_EQ(manager->uploadsEnded(), 2u);
+  EXPECT_EQ(tempFiles(), 0u);
   EXPECT_TRUE(std::filesystem::exists(dir / "stored.json"));  // the source file is the caller's
 }
 
