@@ -48,9 +48,17 @@ class SessionFileProcessTest : public ::testing::Test {
                {"HOME", run.dir.path().string()}, {"VORLEND_SOCKET", (run.dir / "vorlend.sock").string()}};
   }
 
-  void startDaemon(Run& run) {
+  // `maxFileKiB`: a file-size limit for the daemon (RLIMIT_FSIZE, with SIGXFSZ ignored): a write past it
+  // fails with EFBIG, as on a full disk.
+  void startDaemon(Run& run, std::optional<int> maxFileKiB = std::nullopt) {
     run.daemon.reset();
-    run.daemon.emplace(test::builtProgram("vorlend"), std::vector<std::string>{}, run.env, run.dir.path());
+    if (maxFileKiB) {
+      const std::string limit = "trap '' XFSZ; ulimit -f " + std::to_string(*maxFileKiB) + "; exec \"$0\"";
+      run.daemon.emplace("/bin/bash", std::vector<std::string>{"-c", limit, test::builtProgram("vorlend").string()},
+                         run.env, run.dir.path());
+    } else {
+      run.daemon.emplace(test::builtProgram("vorlend"), std::vector<std::string>{}, run.env, run.dir.path());
+    }
     ASSERT_TRUE(run.daemon->waitForOutput("vorlend started", 20s)) << run.daemon->stderrText();
   }
 
@@ -173,6 +181,46 @@ TEST_F(SessionFileProcessTest, KilledWhileEventsStreamInKeepsEveryEventThatReach
       "100 ms before the kill: max %llu\n",
       trials, maxInFlight, trials ? static_cast<double>(totalInFlight) / trials : 0.0,
       static_cast<unsigned long long>(maxConfirmedLost));
+}
+
+// A disk that refuses more bytes (here a file-size limit of 64 KiB on the real daemon) costs the events
+// that do not fit, each with an error line; the file stays whole and readable, and searches go on.
+TEST_F(SessionFileProcessTest, AFullDiskLosesOnlyTheEventsThatDoNotFitAndSearchesGoOn) {
+  Run run;
+  prepare(run);
+  startDaemon(run, /*maxFileKiB=*/64);
+  auto browser = client(run, "Voyant/5.0");
+  uint64_t seq = 0;
+  auto sendEvents = [&](int n) {
+    for (int i = 0; i < n; ++i) {
+      QXFeedback start("QXStartSearchFeedback");
+      start.set("queryId", Value(++seq));
+      start.set("input", Value("query " + std::to_string(seq) + std::string(200, 'x')));
+      ASSERT_TRUE(browser->reportEvent("e", seq, start.toRecord()).ok());
+    }
+  };
+  sendEvents(600);  // about 200 KiB of records: far past the limit
+  ASSERT_TRUE(run.daemon->waitForOutput("File too large", 20s)) << run.daemon->stderrText();
+  EXPECT_NE(run.daemon->stderrText().find("writing session record to"), std::string::npos);
+  VORSearchRequest search;
+  search.queryId = 1;
+  search.queryString = "new";
+  auto answer = browser->request(search);
+  ASSERT_TRUE(answer.ok()) << answer.errorText();
+
+  nlohmann::json stored = ctl(run, {"feedback", "stored"});
+  ASSERT_TRUE(stored.is_array()) << stored.dump();
+  size_t browserEvents = 0;
+  for (const auto& file : stored) {
+    ASSERT_TRUE(file["readable"].get<bool>()) << file.dump();
+    if (file["agent"].get<std::string>().ends_with(") Voyant/5.0")) browserEvents += file["events"].get<size_t>();
+  }
+  EXPECT_GT(browserEvents, 0u);
+  EXPECT_LT(browserEvents, 600u);
+  for (const auto& entry : std::filesystem::directory_iterator(run.caches())) {
+    if (!entry.is_regular_file()) continue;
+    EXPECT_LE(entry.file_size(), 64u * 1024) << entry.path();
+  }
 }
 
 // The end-to-end path: a browser types and engages, the daemon is killed, and after the restart
