@@ -4,10 +4,12 @@
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "platform/DeviceProperties.h"
+#include "platform/DevicePowerState.h"
 #include "platform/DeviceRestrictions.h"
 #include "platform/FileSystem.h"
 #include "platform/GeoConfiguration.h"
 #include "platform/GeoSession.h"
+#include "platform/InProcessActivityScheduler.h"
 #include "platform/InteractionDonor.h"
 #include "platform/LocaleProvider.h"
 #include "platform/LocationProvider.h"
@@ -27,6 +29,11 @@ Platform Platform::forLinux(const Paths& paths) {
   p.interactionDonor = std::make_shared<InteractionDonor>(paths.cachesDir / "interactions.jsonl", p.clock);
   p.systemNotifier = SystemNotifier::create();
   p.fileSystem = linuxFileSystem();
+  {
+    auto power = std::make_shared<DevicePowerState>();
+    p.activityScheduler = InProcessActivityScheduler::create(
+        p.clock, {[power] { return power->onBattery(); }, [power] { return power->screenAsleep(); }});
+  }
   {
     auto defaults = std::make_shared<Preferences>(paths.configDir, kServiceName);
     auto locale = std::make_shared<LinuxLocaleProvider>(defaults, p.notificationCenter);
@@ -63,6 +70,7 @@ Platform Platform::forTesting(const std::filesystem::path& root, std::shared_ptr
   p.geo = std::make_shared<FakeGeoConfiguration>(p.notificationCenter);
   p.restrictions = std::make_shared<FakeDeviceRestrictions>(p.notificationCenter);
   p.fileSystem = linuxFileSystem();
+  p.activityScheduler = InProcessActivityScheduler::create(p.clock);
   return p;
 }
 
