@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 namespace vorlen {
 
@@ -23,7 +24,7 @@ class OutputStream {
   virtual void open() {}
   virtual ssize_t write(const uint8_t* buffer, size_t length) = 0;
   virtual void close() = 0;
-  virtual int streamError() const = 0;
+  virtual std::optional<int> streamError() const = 0;
 };
 
 }  // namespace vorlen

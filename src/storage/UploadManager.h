@@ -46,8 +46,11 @@
 namespace vorlen {
 
 class Assembly;
+class BagController;
 class HttpSession;
+class HttpSessions;
 class Transaction;
+class VORNetworkRequestFactory;
 
 class UploadManager final : public HttpSessionDelegate, public std::enable_shared_from_this<UploadManager> {
  public:
@@ -62,9 +65,11 @@ class UploadManager final : public HttpSessionDelegate, public std::enable_share
 
   static constexpr size_t kFileCopyChunkBytes = 8192;
 
-  // Reads from the Assembly: the temporary folder, the notification centre, the bag controller (may be
+  // Takes from the Assembly: the temporary folder, the notification centre, the bag controller (may be
   // empty: the endpoints then wait for the first bag change), the request factory and httpSessions
-  // (either missing: every upload is abandoned after its log line).
+  // (either missing: every upload is abandoned after its log line). It binds itself as the delegate of
+  // uploadURLSession at once, and removes temporary upload files that an earlier process left behind
+  // (unchanged for 10 minutes: a file that young may belong to an upload being prepared right now).
   static std::shared_ptr<UploadManager> create(const Assembly& assembly);
   static std::shared_ptr<UploadManager> create(const Assembly& assembly, Settings settings);
   ~UploadManager() override;
@@ -101,6 +106,7 @@ class UploadManager final : public HttpSessionDelegate, public std::enable_share
  private:
   UploadManager(const Assembly& assembly, Settings settings);
   void start();
+  void _removeLeftoverTempFiles();
 
   void bagChangeNotification(const Notification& notification);
   void _fetchEndpointsFromBag(const VORBag& bag);  // on the queue
@@ -111,8 +117,13 @@ class UploadManager final : public HttpSessionDelegate, public std::enable_share
                 std::optional<uint64_t> numberOfFeedbacks);
   void _ended(uint64_t taskIdentifier);
 
-  const Assembly& a;
   const Settings _settings;
+  const std::filesystem::path _temporaryDirectory;
+  const std::shared_ptr<NotificationCenter> _notificationCenter;
+  const std::shared_ptr<BagController> _bagController;
+  const std::shared_ptr<VORNetworkRequestFactory> _requestFactory;
+  const std::shared_ptr<HttpSessions> _httpSessions;
+  std::shared_ptr<HttpSession> _uploadSession;  // set in start()
   const std::shared_ptr<Queue> queue;
   std::unique_ptr<NotificationCenter::Token> _bagObserver;
 
@@ -129,7 +140,7 @@ class UploadManager final : public HttpSessionDelegate, public std::enable_share
   mutable std::mutex _inFlightMutex;
   mutable std::condition_variable _inFlightChanged;
   std::map<uint64_t, InFlight> _inFlight;
-  uint64_t _ended_count = 0;
+  uint64_t _endedCount = 0;
 };
 
 }  // namespace vorlen

@@ -21,6 +21,7 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "FeedbackInbox.h"
 #include "SearchCorpus.h"
 #include "base/Log.h"
 
@@ -187,6 +188,7 @@ struct RefServer::Impl {
   std::vector<RecordedRequest> recorded;
   std::map<std::string, size_t> counts;
   uint64_t echoCount = 0;
+  std::unique_ptr<FeedbackInbox> inbox;
 
   std::string baseURL() const { return "http://" + host + ":" + std::to_string(port); }
 
@@ -474,6 +476,10 @@ struct RefServer::Impl {
       }
       res.set_redirect(baseURL() + to, 302);
     });
+    inbox = std::make_unique<FeedbackInbox>(FeedbackInbox::Hooks{
+        [this](const httplib::Request& req) { record(req); }, [this](const httplib::Request& req) { drop(req); },
+        [this](int ms) { pause(ms); }, kSetAsideEncoding});
+    inbox->install(server);
     auto notFound = [this](const httplib::Request& req, httplib::Response& res) {
       record(req);
       res.status = 404;
@@ -568,6 +574,10 @@ void RefServer::setSearchControl(SearchControl control) {
 RefServer::SearchControl RefServer::searchControl() const {
   std::lock_guard lock(impl_->mu);
   return impl_->searchControl;
+}
+
+FeedbackInbox& RefServer::feedbackInbox() {
+  return *impl_->inbox;
 }
 
 size_t RefServer::requestCount(std::string_view path) const {

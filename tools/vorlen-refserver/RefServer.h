@@ -39,6 +39,8 @@
 //                             of JSON). Every answer carries "X-Ref-Echo-Count", the number of echo
 //                             requests answered so far.
 //   GET    /_redirect?to=P    302 to path P of this server.
+//   POST /feedback, POST /crowdsourcing, GET|DELETE /_feedback, POST /_control/feedback: the upload
+//                             endpoints and their switches (FeedbackInbox).
 //
 // "drop" closes the TCP connection from the server side before any byte of a response is written, which
 // a client sees as a lost connection (a transport error, not an HTTP status).
@@ -57,6 +59,8 @@
 #include <vector>
 
 namespace vorlen {
+
+class FeedbackInbox;
 
 class RefServer {
  public:
@@ -113,6 +117,9 @@ class RefServer {
 
   void setSearchControl(SearchControl control);
   SearchControl searchControl() const;
+
+  // The feedback and crowdsourcing endpoints: what they received, and their switches.
+  FeedbackInbox& feedbackInbox();
 
   size_t requestCount(std::string_view path) const;
   std::vector<RecordedRequest> requests() const;
