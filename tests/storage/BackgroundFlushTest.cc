@@ -69,12 +69,16 @@ class BackgroundFlushTest : public ::testing::Test {
     assembly->crowdsourcingFeedbackFlusher = crowdsourcing;
     manager = BackgroundActivitiesManager::create(assembly);
     assembly->backgroundFlusher = manager;
-    // The bag the uploads take their endpoints from.
+    installBag(true);
+  }
+
+  // A bag, as the bag controller announces it; the uploads take their endpoints from it.
+  void installBag(bool feedbackEnabled) {
     Notification n;
     n.name = kVORBagChangeNotification;
     n.userInfo = Value::dict(
         {{kVORBagKey, VORBag(Value::Dict{{"enabled", true},
-                                         {"feedback_enabled", true},
+                                         {"feedback_enabled", feedbackEnabled},
                                          {"feedback_url", server.baseURL() + "/feedback"},
                                          {"crowdsourcing_url", server.baseURL() + "/crowdsourcing"}},
                              "Vorlend/1.0 (test)")
@@ -250,6 +254,33 @@ TEST_F(BackgroundFlushTest, AnUnreadableFileIsDeletedUnsentAndARefusedUploadIsLo
   settle();
   EXPECT_EQ(uploads->uploadsEnded(), 1u);
   EXPECT_EQ(inbox().receivedCount(), 1u);
+}
+
+// The bag turns feedback off between two drains: the second drain still reads and deletes what is
+// stored, but with no endpoint nothing is uploaded and no temporary file is made; those sessions are lost.
+TEST_F(BackgroundFlushTest, WithFeedbackSwitchedOffADrainDeletesStoredSessionsWithoutSendingThem) {
+  storeSession(2);
+  manager->insertFlushActivity(nullptr);
+  settle();
+  ASSERT_TRUE(inbox().waitForReceived(1, kPatience));
+
+  installBag(false);
+  storeSession(3);
+  manager->insertFlushActivity(nullptr);
+  settle();
+  EXPECT_EQ(stored(), 0u);
+  EXPECT_EQ(uploads->uploadsEnded(), 1u);
+  for (const auto& entry : std::filesystem::directory_iterator(assembly->platform.paths.tempDir))
+    EXPECT_FALSE(entry.path().filename().string().starts_with(UploadFile::kNamePrefix)) << entry.path();
+
+  installBag(true);
+  storeSession(4);
+  manager->insertFlushActivity(nullptr);
+  settle();
+  ASSERT_TRUE(inbox().waitForReceived(2, kPatience));
+  std::multiset<size_t> sizes;
+  for (const auto& r : inbox().received()) sizes.insert(r.record["fb"].size());
+  EXPECT_EQ(sizes, (std::multiset<size_t>{2, 4}));
 }
 
 }  // namespace
