@@ -35,14 +35,17 @@ struct InProcessActivityScheduler::Registration final : BackgroundActivity {
 };
 
 std::shared_ptr<InProcessActivityScheduler> InProcessActivityScheduler::create(std::shared_ptr<Clock> clock,
-                                                                               Probes probes) {
+                                                                               Probes probes,
+                                                                               double timeScale) {
   return std::shared_ptr<InProcessActivityScheduler>(
-      new InProcessActivityScheduler(std::move(clock), std::move(probes)));
+      new InProcessActivityScheduler(std::move(clock), std::move(probes), timeScale));
 }
 
-InProcessActivityScheduler::InProcessActivityScheduler(std::shared_ptr<Clock> clock, Probes probes)
+InProcessActivityScheduler::InProcessActivityScheduler(std::shared_ptr<Clock> clock, Probes probes,
+                                                       double timeScale)
     : clock_(clock ? std::move(clock) : Clock::system()),
       probes_(std::move(probes)),
+      timeScale_(timeScale > 0 ? timeScale : 1.0),
       queue_(Queue::serial("com.velmo.vorlend.activityscheduler", QueuePriority::Utility, clock_)) {}
 
 void InProcessActivityScheduler::registerActivity(const std::string& identifier,
@@ -102,7 +105,7 @@ bool InProcessActivityScheduler::setState(const std::shared_ptr<BackgroundActivi
     _finish(reg);
   } else if (state == kActivityStateDefer) {
     // Tried again once the conditions allow, checked at the usual pace.
-    _scheduleAt(reg, clock_->now() + seconds(kConditionRecheckSeconds));
+    _scheduleAt(reg, clock_->now() + _span(kConditionRecheckSeconds));
   }
   return true;
 }
@@ -123,6 +126,10 @@ bool InProcessActivityScheduler::shouldDefer(const std::shared_ptr<BackgroundAct
     criteria = *reg->criteria;
   }
   return !_conditionsMet(criteria);
+}
+
+Duration InProcessActivityScheduler::_span(double s) const {
+  return seconds(s / timeScale_);
 }
 
 std::shared_ptr<InProcessActivityScheduler::Registration> InProcessActivityScheduler::_current(
@@ -148,10 +155,9 @@ void InProcessActivityScheduler::_scheduleFirst(const std::shared_ptr<Registrati
   const Value::Dict& c = *reg->criteria;
   const Time now = clock_->now();
   if (c.contains(kActivityDelay))
-    reg->due = now + seconds(static_cast<double>(std::max<int64_t>(0, intCriterion(c, kActivityDelay, 0))));
+    reg->due = now + _span(static_cast<double>(std::max<int64_t>(0, intCriterion(c, kActivityDelay, 0))));
   else if (boolCriterion(c, kActivityRepeating))
-    reg->due =
-        now + seconds(static_cast<double>(std::max<int64_t>(1, intCriterion(c, kActivityInterval, 1))));
+    reg->due = now + _span(static_cast<double>(std::max<int64_t>(1, intCriterion(c, kActivityInterval, 1))));
   else
     reg->due = now;
   _scheduleAt(reg, reg->due);
@@ -164,7 +170,7 @@ void InProcessActivityScheduler::_finish(const std::shared_ptr<Registration>& re
     return;
   }
   const Duration interval =
-      seconds(static_cast<double>(std::max<int64_t>(1, intCriterion(*reg->criteria, kActivityInterval, 1))));
+      _span(static_cast<double>(std::max<int64_t>(1, intCriterion(*reg->criteria, kActivityInterval, 1))));
   const Time now = clock_->now();
   Time next = reg->due + interval;
   if (next <= now) next += interval * ((now - next) / interval + 1);
@@ -192,13 +198,13 @@ void InProcessActivityScheduler::_due(const std::shared_ptr<Registration>& reg) 
       const Time now = clock_->now();
       const int64_t grace = intCriterion(criteria, kActivityGracePeriod, -1);
       if (grace >= 0 && boolCriterion(criteria, kActivityRepeating) &&
-          now >= reg->due + seconds(static_cast<double>(grace))) {
+          now >= reg->due + _span(static_cast<double>(grace))) {
         VorlenDefaultLog().debug(
             "activity {} skipped a run: its conditions did not hold within its grace period",
             reg->identifier());
         _finish(reg);
       } else {
-        _scheduleAt(reg, now + seconds(kConditionRecheckSeconds));
+        _scheduleAt(reg, now + _span(kConditionRecheckSeconds));
       }
       return;
     }

@@ -13,6 +13,9 @@
 //     next due time. "Unlocked since boot" always holds here: this platform has no data that stays
 //     locked until the first unlock.
 //   - A probe that cannot read its source counts as met; empty probes are always met.
+//   - `timeScale` (default 1) divides every span above: 60 makes a 300 s delay one of 5 s. The daemon takes
+//     it from VORLEND_ACTIVITY_TIMESCALE, for tests of the real program and for watching a drain without
+//     waiting minutes.
 //
 // Threading: as BackgroundActivityScheduler. Handlers run on the serial queue
 // "com.velmo.vorlend.activityscheduler". The probes are called on that queue, outside any lock.
@@ -39,7 +42,8 @@ class InProcessActivityScheduler final : public BackgroundActivityScheduler,
 
   static constexpr double kConditionRecheckSeconds = 60;
 
-  static std::shared_ptr<InProcessActivityScheduler> create(std::shared_ptr<Clock> clock, Probes probes = {});
+  static std::shared_ptr<InProcessActivityScheduler> create(std::shared_ptr<Clock> clock, Probes probes = {},
+                                                            double timeScale = 1.0);
 
   void registerActivity(const std::string& identifier, std::optional<Value::Dict> criteria,
                         ActivityHandler handler) override;
@@ -54,7 +58,9 @@ class InProcessActivityScheduler final : public BackgroundActivityScheduler,
  private:
   struct Registration;
 
-  InProcessActivityScheduler(std::shared_ptr<Clock> clock, Probes probes);
+  InProcessActivityScheduler(std::shared_ptr<Clock> clock, Probes probes, double timeScale);
+  // `seconds` of the criteria as time on the clock.
+  Duration _span(double seconds) const;
   // The registration behind a handle when it is still the current one. REQUIRES: mu_ held.
   std::shared_ptr<Registration> _current(const std::shared_ptr<BackgroundActivity>& activity) const;
   // Arms the registration's one call at `when`. REQUIRES: mu_ held.
@@ -69,6 +75,7 @@ class InProcessActivityScheduler final : public BackgroundActivityScheduler,
 
   const std::shared_ptr<Clock> clock_;
   const Probes probes_;
+  const double timeScale_;
   const std::shared_ptr<Queue> queue_;
   mutable std::mutex mu_;
   std::map<std::string, std::shared_ptr<Registration>> activities_;  // guarded by mu_

@@ -135,6 +135,13 @@ TEST_F(ActivitySchedulerTest, DeviceConditionsHoldRunsBackAndAGracePeriodSkipsTo
   EXPECT_EQ(runTimes(), (std::vector<double>{300, 900, 1200, 1260}));
 }
 
+TEST_F(ActivitySchedulerTest, ATimeScaleShortensEverySpan) {
+  scheduler = InProcessActivityScheduler::create(clock, {}, 60);
+  add("flush", flushCriteria());
+  advanceTo(25);
+  EXPECT_EQ(runTimes(), (std::vector<double>{5, 15, 25}));
+}
+
 TEST_F(ActivitySchedulerTest, CheckInOnlyRegistrationWaitsForTheCriteriaItsHandlerGives) {
   make();
   std::atomic<int> checkIns{0};
