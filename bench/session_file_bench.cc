@@ -116,15 +116,6 @@ void BM_RawWriteRecords(benchmark::State& state) {
 }
 BENCHMARK(BM_RawWriteRecords)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-int64_t statusKib(const char* field) {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind(field, 0) == 0) return std::stoll(line.substr(std::strlen(field)));
-  }
-  return 0;
-}
-
 void BM_ReadBack2MiB(benchmark::State& state) {
   Folder folder(2097152);
   auto session = ClientSession::create(*folder.assembly, event(0));
@@ -141,12 +132,12 @@ void BM_ReadBack2MiB(benchmark::State& state) {
       std::ofstream reset("/proc/self/clear_refs");
       reset << "5";
     }
-    const int64_t before = statusKib("VmRSS:");
+    const int64_t before = bench::statusKib("VmRSS:");
     state.ResumeTiming();
     auto read = file->read(*folder.assembly);
     state.PauseTiming();
     events = read ? read->feedbackCount() : 0;
-    peak = std::max(peak, statusKib("VmHWM:") - before);
+    peak = std::max(peak, bench::statusKib("VmHWM:") - before);
     read.reset();
     state.ResumeTiming();
   }

@@ -92,7 +92,13 @@ UploadManager::UploadManager(const Assembly& assembly, Settings settings)
       _httpSessions(assembly.httpSessions),
       queue(Queue::serial("com.velmo.vorlend.uploadmanager")) {}
 
-UploadManager::~UploadManager() = default;
+UploadManager::~UploadManager() {
+  // Uploads still running go on reading their open files, but nobody will see them end: their paths go now.
+  std::lock_guard lock(_inFlightMutex);
+  for (auto& [id, upload] : _inFlight) {
+    if (upload.file) upload.file->removePath();
+  }
+}
 
 void UploadManager::start() {
   if (_notificationCenter) {
@@ -127,8 +133,7 @@ void UploadManager::_removeLeftoverTempFiles() {
   ::closedir(dir);
 }
 
-// ---- Endpoints
-// ----------------------------------------------------------------------------------------------
+// ---- Endpoints -----------------------------------------------------------------------------------
 
 void UploadManager::bagChangeNotification(const Notification& notification) {
   log().debug("bag change notification received");
@@ -190,8 +195,7 @@ std::optional<std::string> UploadManager::_urlForEndpoint(uint32_t endpointType,
   return appendingQueryItem(*endpoint, "type", type);
 }
 
-// ---- Uploads
-// ------------------------------------------------------------------------------------------------
+// ---- Uploads -------------------------------------------------------------------------------------
 
 std::shared_ptr<UploadFile> UploadManager::makeTempFile() {
   std::shared_ptr<UploadFile> file = UploadFile::create(_temporaryDirectory);
@@ -240,13 +244,8 @@ std::shared_ptr<UploadFile> UploadManager::uploadJSONFeedback(const nlohmann::or
     file->removePath();
     return nullptr;
   }
-  std::optional<std::string> url = _urlForEndpoint(endpointType, "");
-  if (!url) {
-    log().error("Server feedback endpoint not set, data can't be sent to server");
-    file->removePath();
+  if (!_enqueue(file, _urlForEndpoint(endpointType, ""), stream.dataDigestForStream(), record.size()))
     return nullptr;
-  }
-  if (!_enqueue(file, *url, stream.dataDigestForStream(), record.size())) return nullptr;
   return file;
 }
 
@@ -279,10 +278,10 @@ void UploadManager::uploadFeedback(const std::filesystem::path& path, const std:
     file->removePath();
     return;
   }
-  _enqueue(file, *url, stream.dataDigestForStream(), std::nullopt);
+  _enqueue(file, url, stream.dataDigestForStream(), std::nullopt);
 }
 
-bool UploadManager::_enqueue(const std::shared_ptr<UploadFile>& file, const std::string& url,
+bool UploadManager::_enqueue(const std::shared_ptr<UploadFile>& file, const std::optional<std::string>& url,
                              const std::string& digest, std::optional<uint64_t> numberOfFeedbacks) {
   std::optional<std::filesystem::path> path = file->path();
   if (!path || !file->pathExists()) {
@@ -290,11 +289,16 @@ bool UploadManager::_enqueue(const std::shared_ptr<UploadFile>& file, const std:
     file->removePath();
     return false;
   }
+  if (!url) {
+    log().debug("no endpoint: upload of {} abandoned", path->string());
+    file->removePath();
+    return false;
+  }
   std::optional<HttpRequest> request;
   if (_requestFactory)
-    request = _requestFactory->flusherUploadRequest(url, _settings.requestTimeoutSeconds, digest);
+    request = _requestFactory->flusherUploadRequest(*url, _settings.requestTimeoutSeconds, digest);
   if (!request || !_uploadSession) {
-    log().error("cannot make the upload request for {}", Private(url));
+    log().error("cannot make the upload request for {}", Private(*url));
     file->removePath();
     return false;
   }
@@ -311,8 +315,7 @@ bool UploadManager::_enqueue(const std::shared_ptr<UploadFile>& file, const std:
   return true;
 }
 
-// ---- Session delegate
-// ---------------------------------------------------------------------------------------
+// ---- Session delegate ----------------------------------------------------------------------------
 
 void UploadManager::didCompleteWithError(HttpSession& /*session*/, const std::shared_ptr<HttpTask>& task,
                                          const std::optional<HttpError>& error) {

@@ -111,10 +111,10 @@ class UploadManager final : public HttpSessionDelegate, public std::enable_share
   void bagChangeNotification(const Notification& notification);
   void _fetchEndpointsFromBag(const VORBag& bag);  // on the queue
   std::optional<std::string> _urlForEndpoint(uint32_t endpointType, const std::string& type);
-  // Steps 4 and 5 of an upload: the file must exist, then the request is made and the task started.
-  // Returns false (the path removed) when the upload was abandoned.
-  bool _enqueue(const std::shared_ptr<UploadFile>& file, const std::string& url, const std::string& digest,
-                std::optional<uint64_t> numberOfFeedbacks);
+  // The end of every upload: the file must exist and there must be an endpoint URL; then the request is
+  // made and the task started. Returns false (the path removed) when the upload was abandoned.
+  bool _enqueue(const std::shared_ptr<UploadFile>& file, const std::optional<std::string>& url,
+                const std::string& digest, std::optional<uint64_t> numberOfFeedbacks);
   void _ended(uint64_t taskIdentifier);
 
   const Settings _settings;

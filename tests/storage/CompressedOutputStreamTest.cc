@@ -1,8 +1,6 @@
 // The compressing stream: what it writes is a finished raw DEFLATE stream of exactly the input (checked
 // by zlib here and by Python's zlib and hashlib, which share no code with the stream), in every way the
 // input can be split, and it fails loudly when its destination does.
-#include <zlib.h>
-
 #include <cstdio>
 #include <random>
 #include <sstream>
@@ -15,10 +13,13 @@
 #include "storage/CompressedOutputStream.h"
 #include "storage/NullStream.h"
 #include "storage/OutputStreamBuffer.h"
+#include "support/Deflate.h"
 #include "support/TempDir.h"
 
 namespace vorlen {
 namespace {
+
+using test::inflateRaw;
 
 // Collects what is written; can be told to fail after some bytes.
 class MemoryStream final : public OutputStream {
@@ -45,26 +46,6 @@ class MemoryStream final : public OutputStream {
  private:
   size_t failAfter_;
 };
-
-// Inflates a raw DEFLATE stream; nullopt unless it is whole and finished with nothing after it.
-std::optional<std::string> inflateRaw(const std::vector<uint8_t>& in) {
-  z_stream s{};
-  if (inflateInit2(&s, -15) != Z_OK) return std::nullopt;
-  s.next_in = const_cast<Bytef*>(in.data());
-  s.avail_in = static_cast<uInt>(in.size());
-  std::string out;
-  char chunk[16384];
-  int rc = Z_OK;
-  while (rc == Z_OK) {
-    s.next_out = reinterpret_cast<Bytef*>(chunk);
-    s.avail_out = sizeof chunk;
-    rc = inflate(&s, Z_NO_FLUSH);
-    out.append(chunk, sizeof chunk - s.avail_out);
-  }
-  const bool whole = rc == Z_STREAM_END && s.avail_in == 0;
-  inflateEnd(&s);
-  return whole ? std::optional(out) : std::nullopt;
-}
 
 // Mixed text and noise, so that output spans many 4096-byte rounds.
 std::string payload(size_t bytes) {

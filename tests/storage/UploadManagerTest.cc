@@ -3,7 +3,6 @@
 // received, no temporary file, the next upload still works).
 #include <dirent.h>
 #include <sys/stat.h>
-#include <zlib.h>
 
 #include <cstring>
 #include <string>
@@ -15,11 +14,16 @@
 #include "base/ManualClock.h"
 #include "base/MappedFile.h"
 #include "base/Preferences.h"
+#include "feedback/ClientSession.h"
+#include "feedback/FeedbackTestSupport.h"
+#include "feedback/SessionProcessingHelper.h"
 #include "model/Constants.h"
+#include "network/BagController.h"
 #include "network/HttpSessions.h"
 #include "network/VORNetworkRequestFactory.h"
 #include "platform/Assembly.h"
 #include "storage/UploadManager.h"
+#include "support/Deflate.h"
 #include "support/TempDir.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
@@ -51,23 +55,19 @@ Json sessionRecord(size_t events, size_t inputBytes = 12) {
               {"previous_session_end_reason", "no previous session"}};
 }
 
-std::optional<std::string> inflateRaw(std::span<const uint8_t> in) {
-  z_stream s{};
-  if (inflateInit2(&s, -15) != Z_OK) return std::nullopt;
-  s.next_in = const_cast<Bytef*>(in.data());
-  s.avail_in = static_cast<uInt>(in.size());
-  std::string out;
-  char chunk[65536];
-  int rc = Z_OK;
-  while (rc == Z_OK) {
-    s.next_out = reinterpret_cast<Bytef*>(chunk);
-    s.avail_out = sizeof chunk;
-    rc = inflate(&s, Z_NO_FLUSH);
-    out.append(chunk, sizeof chunk - s.avail_out);
-  }
-  inflateEnd(&s);
-  return rc == Z_STREAM_END ? std::optional(out) : std::nullopt;
-}
+// A bag controller that has one bag installed.
+class InstalledBag final : public BagController {
+ public:
+  explicit InstalledBag(VORBag bag) : bag_(std::move(bag)) {}
+  std::optional<VORBag> currentBag() override { return bag_; }
+  std::optional<VORBag> cachedBagState() override { return bag_; }
+  std::optional<std::string> warmURL() override { return std::nullopt; }
+  void forceFetchBag(const Value::Dict&) override {}
+  std::string bagFetchURLWithCountry(const std::optional<std::string>&) const override { return {}; }
+
+ private:
+  VORBag bag_;
+};
 
 class UploadManagerTest : public ::testing::Test {
  protected:
@@ -92,14 +92,18 @@ class UploadManagerTest : public ::testing::Test {
     Counters::install(nullptr);
   }
 
-  void installBag(bool feedbackEnabled, bool withFeedbackURL = true) {
+  VORBag bag(bool feedbackEnabled, bool withFeedbackURL = true) const {
     Value::Dict raw{{"enabled", true},
                     {"feedback_enabled", feedbackEnabled},
                     {"crowdsourcing_url", server.baseURL() + "/crowdsourcing"}};
     if (withFeedbackURL) raw.emplace("feedback_url", server.baseURL() + "/feedback");
+    return VORBag(raw, "Vorlend/1.0 (test)");
+  }
+
+  void installBag(bool feedbackEnabled, bool withFeedbackURL = true) {
     Notification n;
     n.name = kVORBagChangeNotification;
-    n.userInfo = Value::dict({{kVORBagKey, VORBag(raw, "Vorlend/1.0 (test)").toRecord()}});
+    n.userInfo = Value::dict({{kVORBagKey, bag(feedbackEnabled, withFeedbackURL).toRecord()}});
     assembly->notificationCenter->post(n);
   }
 
@@ -132,6 +136,11 @@ TEST_F(UploadManagerTest, EndpointsFollowTheBag) {
   EXPECT_EQ(manager->feedbackEndpoint(), server.baseURL() + "/feedback?v=2");
   EXPECT_EQ(manager->crowdsourcingEndpoint(), server.baseURL() + "/crowdsourcing");
 
+  // A manager made while a bag is installed reads it at once.
+  assembly->bagController = std::make_shared<InstalledBag>(bag(true));
+  auto second = UploadManager::create(*assembly);
+  EXPECT_EQ(second->feedbackEndpoint(), server.baseURL() + "/feedback?v=2");
+
   installBag(true, /*withFeedbackURL=*/false);
   EXPECT_EQ(manager->feedbackEndpoint(), std::nullopt);
   EXPECT_EQ(manager->crowdsourcingEndpoint(), server.baseURL() + "/crowdsourcing");
@@ -144,10 +153,50 @@ TEST_F(UploadManagerTest, EndpointsFollowTheBag) {
   EXPECT_EQ(manager->uploadJSONFeedback(sessionRecord(2), UploadManager::kFeedbackEndpoint), nullptr);
   test::writeFile(dir / "stored.json", sessionRecord(2).dump());
   manager->uploadFeedback(dir / "stored.json", "voyant_autofill", UploadManager::kCrowdsourcingEndpoint);
-  EXPECT_EQ(logs.sink().count("Server feedback endpoint not set, data can't be sent to server"), 2u);
+  EXPECT_EQ(logs.sink().count("Server feedback endpoint not set, data can't be sent to server"),
+            1u);  // the file upload
   EXPECT_EQ(manager->uploadsInFlight(), 0u);
   EXPECT_EQ(tempFiles(), 0u);
   EXPECT_EQ(server.requestCount("/feedback") + server.requestCount("/crowdsourcing"), 0u);
+}
+
+// The record the daemon's own encoder makes for a session arrives as a valid record.
+TEST_F(UploadManagerTest, TheDaemonsOwnSessionRecordArrivesValid) {
+  constexpr const char* kAgent = "Vorlend/1.0 (Test; Linux 1) Voyant/1.0";
+  const Uuid guid = Uuid::random();
+  const uint64_t ms = QXFeedback::kMachineTimeUnitsPerMillisecond;
+  auto session = ClientSession::create(
+      *assembly, VorlenFeedback(test::event("QXResultEngagementFeedback",
+                                            {{"result", test::result("r1").toRecord()}}, ms),
+                                9, guid, kAgent));
+  session->addFeedback(
+      VorlenFeedback(test::event("QXSuggestionEngagementFeedback",
+                                 {{"suggestion", test::suggestion("s1", "weather").toRecord()}}, 2 * ms),
+                     9, guid, kAgent));
+  session->addFeedback(VorlenFeedback(test::event("QXStartSearchFeedback", {}, 3 * ms), 10, guid, kAgent));
+  SessionProcessingHelper helper;
+  const Json record = session->getFeedbacksToSend(helper);
+
+  ASSERT_NE(manager->uploadJSONFeedback(record, UploadManager::kFeedbackEndpoint), nullptr);
+  ASSERT_TRUE(inbox().waitForReceived(1, kPatience));
+  const auto got = inbox().received();
+  EXPECT_TRUE(got[0].valid) << got[0].reason;
+  EXPECT_EQ(got[0].record, record);
+  EXPECT_EQ(got[0].record["fb"].size(), 5u);  // missing suggestions, missing results, the three events
+}
+
+TEST_F(UploadManagerTest, RecordThatCannotBeSerialisedIsCountedNotSentAndLeavesNoFile) {
+  ScopedLogCapture logs;
+  Json record = sessionRecord(1);
+  record["agent"] = std::string("\xff\xfe not UTF-8");
+  EXPECT_EQ(manager->uploadJSONFeedback(record, UploadManager::kFeedbackEndpoint), nullptr);
+  EXPECT_EQ(counter(kNotSent), 1);
+  EXPECT_EQ(tempFiles(), 0u);
+  bool logged = false;
+  for (const LogRecord& r : logs.sink().records())
+    logged |= r.level == LogLevel::Error && r.message.rfind("Invalid JSON Object <private> error ", 0) == 0;
+  EXPECT_TRUE(logged);
+  EXPECT_EQ(server.requestCount("/feedback"), 0u);
 }
 
 TEST_F(UploadManagerTest, FileUploadsCarryTheTypeItemOnlyWhenOneIsGiven) {
@@ -169,6 +218,18 @@ TEST_F(UploadManagerTest, FileUploadsCarryTheTypeItemOnlyWhenOneIsGiven) {
     EXPECT_EQ(r.record, sessionRecord(3));
   }
   EXPECT_EQ(counter(kSent), 2);  // a file upload counts 1
+  EXPECT_EQ(tempFiles(), 0u);
+
+  // A file that cannot be read (missing, or a link) is not uploaded.
+  ScopedLogCapture logs;
+  std::filesystem::create_symlink(dir / "stored.json", dir / "link.json");
+  for (const char* name : {"missing.json", "link.json"}) {
+    manager->uploadFeedback(dir / name, "", UploadManager::kFeedbackEndpoint);
+    EXPECT_TRUE(
+        logs.sink().contains("Error getting reading file for upload: " + (dir / name).string() + "."));
+  }
+  EXPECT_EQ(manager->uploadsInFlight(), 0u);
+  EXPECT_EQ(manager->uploadsEnded(), 2u);
   EXPECT_EQ(tempFiles(), 0u);
   EXPECT_TRUE(std::filesystem::exists(dir / "stored.json"));  // the source file is the caller's
 }
@@ -214,7 +275,7 @@ TEST_P(UploadFaultTest, OneUploadEndsCountedWithNothingLeftBehind) {
   EXPECT_EQ(tempFiles(), 0u);
   auto mapped = MappedFile::map(file->fd(), static_cast<size_t>(file->size()));
   ASSERT_TRUE(mapped);
-  EXPECT_EQ(inflateRaw(mapped->bytes()), record.dump());
+  EXPECT_EQ(test::inflateRaw(mapped->bytes()), record.dump());
   if (f.control.dropAfterBytes >= 0) {
     EXPECT_LT(got[0].compressedBytes, mapped->bytes().size());  // the server saw part of the body
     EXPECT_GE(got[0].compressedBytes, static_cast<size_t>(f.control.dropAfterBytes));
@@ -265,6 +326,26 @@ TEST_F(UploadManagerTest, TemporaryFilesArePrivateAndUnique) {
   a->removePath();
   EXPECT_FALSE(a->pathExists());
   EXPECT_GE(a->fd(), 0);  // the descriptor outlives the path
+}
+
+// Files of uploads that a killed daemon left behind go when the next manager starts; a young one may be
+// another daemon's upload in the making and stays, and so does anything that is not a regular file.
+TEST_F(UploadManagerTest, LeftoverUploadFilesOfAnEarlierProcessAreRemoved) {
+  const auto tmp = assembly->platform.paths.tempDir;
+  const std::string prefix = UploadFile::kNamePrefix;
+  test::writeFile(tmp / (prefix + "old01"), "x");
+  test::writeFile(tmp / (prefix + "young"), "x");
+  test::writeFile(tmp / "unrelated_old", "x");
+  std::filesystem::create_directory(tmp / (prefix + "dir01"));
+  const auto old = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+  for (const char* name : {"old01", "dir01"}) std::filesystem::last_write_time(tmp / (prefix + name), old);
+  std::filesystem::last_write_time(tmp / "unrelated_old", old);
+
+  auto next = UploadManager::create(*assembly);
+  EXPECT_FALSE(std::filesystem::exists(tmp / (prefix + "old01")));
+  EXPECT_TRUE(std::filesystem::exists(tmp / (prefix + "young")));
+  EXPECT_TRUE(std::filesystem::exists(tmp / (prefix + "dir01")));
+  EXPECT_TRUE(std::filesystem::exists(tmp / "unrelated_old"));
 }
 
 }  // namespace

@@ -24,7 +24,9 @@ std::string dump(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// The event types of the upload format, by index; the order is the format's own.
+// The event types of the upload format, by index; the order is the format's own. Kept apart from the
+// daemon's table on purpose: the service checks what the daemon sends against the format, not against
+// the daemon's own code.
 constexpr std::array<const char*, 38> kEventTypes = {
     "visible_results",
     "network_search_start",
@@ -225,7 +227,6 @@ void FeedbackInbox::install(httplib::Server& server) {
     server.Post(std::string("/") + endpoint, [this, endpoint](const httplib::Request& req,
                                                               httplib::Response& res,
                                                               const httplib::ContentReader& reader) {
-      if (hooks_.record) hooks_.record(req);
       const Control c = control();
       std::string body;
       bool tooLarge = false, dropped = false;
@@ -241,6 +242,12 @@ void FeedbackInbox::install(httplib::Server& server) {
         }
         return true;
       });
+      if (hooks_.record) {
+        // The server's request log keeps bodies as they were sent (what has arrived of it).
+        httplib::Request copy = req;
+        copy.body = body;
+        hooks_.record(copy);
+      }
       if (dropped || (!complete && !tooLarge)) {
         Received r;
         r.endpoint = endpoint;
