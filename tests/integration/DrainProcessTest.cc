@@ -103,8 +103,9 @@ class DrainProcessTest : public ::testing::Test {
 // Run 1 leaves a session ("before") on disk. Run 2 drains it into an upload whose answer the server holds
 // back, while a new session ("after") is being written, and is killed. Run 3 finds "after" finished,
 // sends it at its first drain, and leaves no temporary file of its own. What the kill costs: the upload
-// file of run 2 stays in the temporary folder, and "before", deleted before it was sent, is never sent
-// again: the server has it once only because its whole body had arrived before the kill.
+// file of run 2 stays in the temporary folder (until a start finds it 10 minutes old), and "before",
+// deleted before it was sent, is never sent again: the server has it once only because its whole body had
+// arrived before the kill.
 TEST_F(DrainProcessTest, KilledDuringAnUploadTheNextRunDrainsWhatRemainsAndSendsNothingTwice) {
   startDaemon(1);
   reportSearches("before", 5);
