@@ -23,6 +23,9 @@
 #include "platform/PlatformChangeMonitor.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
+#include "storage/BackgroundActivitiesManager.h"
+#include "storage/UploadManager.h"
+#include "storage/VorlenFeedbackFlusher.h"
 #include "storage/VorlenPersistentStorage.h"
 
 namespace vorlen {
@@ -67,10 +70,16 @@ std::shared_ptr<Assembly> Daemon::start() {
   //    then, and every user tolerates an empty slot.
   assembly->locationManager = LocationManager::create(*assembly);
   assembly->requestFactory = VORNetworkRequestFactory::create(*assembly);
+  // Uploads: the upload session takes the upload manager as its delegate at first use, so it exists first.
+  assembly->uploadManager = UploadManager::create(*assembly);
   // The session files: every file's first record is the daemon's own user agent. The scan of files left
   // by earlier runs happens here, before any client can open a session.
   assembly->persistentStorage =
       VorlenPersistentStorage::create(*assembly, ClientSessionManager::vorlendUserAgent(*assembly).value_or(""));
+  // The crowdsourcing flusher, then the background flusher that drains storage in scheduled periods.
+  assembly->crowdsourcingFeedbackFlusher =
+      VorlenFeedbackFlusher::create(assembly, VorlenFeedbackFlusher::kCrowdsourcing);
+  assembly->backgroundFlusher = BackgroundActivitiesManager::create(assembly);
 
   // 5. One launch per process start.
   VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.launch");

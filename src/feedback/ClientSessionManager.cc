@@ -14,6 +14,7 @@
 #include "network/GUIDController.h"
 #include "network/UserAgent.h"
 #include "platform/Assembly.h"
+#include "storage/BackgroundFlusher.h"
 
 namespace vorlen {
 
@@ -348,8 +349,10 @@ void ClientSessionManager::_onUserGuidSoftLimitReached() {
 }
 
 void ClientSessionManager::_insertFlushActivity() {
-  // Flush activities belong to the background activities manager, which is not part of this build (its
-  // Assembly slot stays empty): finished sessions wait in storage until it exists.
+  // One more drain of the stored sessions, outside the scheduled ones; without a background flusher the
+  // finished sessions wait in storage.
+  if (const std::shared_ptr<BackgroundFlusher>& flusher = _assembly->backgroundFlusher)
+    flusher->insertFlushActivity({});
 }
 
 void ClientSessionManager::_post(const char* name) {

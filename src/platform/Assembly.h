@@ -29,7 +29,7 @@ class ClientSessionManagerProtocol;
 class Lookup;
 class SubscriptionManager;
 class FeedbackFlusher;
-class VorlenFlusherIPC;
+class FlusherIPC;
 class AppWhitelistController;
 class PersistentStorage;
 class LocationManager;
@@ -60,7 +60,7 @@ class Assembly {
   bool testFeedbacks = false;  // nothing in the daemon sets it
   std::shared_ptr<SubscriptionManager> subscriptionManager;
   std::shared_ptr<FeedbackFlusher> crowdsourcingFeedbackFlusher;
-  std::shared_ptr<VorlenFlusherIPC> flusherIPCListener;
+  std::shared_ptr<FlusherIPC> flusherIPCListener;
   std::shared_ptr<AppWhitelistController> appWhitelistController;
   std::shared_ptr<PersistentStorage> persistentStorage;
   std::shared_ptr<LocationManager> locationManager;

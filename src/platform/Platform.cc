@@ -1,13 +1,17 @@
 #include "platform/Platform.h"
 
+#include <cstdlib>
+
 #include "base/Counters.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
+#include "platform/DevicePowerState.h"
 #include "platform/DeviceProperties.h"
 #include "platform/DeviceRestrictions.h"
 #include "platform/FileSystem.h"
 #include "platform/GeoConfiguration.h"
 #include "platform/GeoSession.h"
+#include "platform/InProcessActivityScheduler.h"
 #include "platform/InteractionDonor.h"
 #include "platform/LocaleProvider.h"
 #include "platform/LocationProvider.h"
@@ -27,6 +31,16 @@ Platform Platform::forLinux(const Paths& paths) {
   p.interactionDonor = std::make_shared<InteractionDonor>(paths.cachesDir / "interactions.jsonl", p.clock);
   p.systemNotifier = SystemNotifier::create();
   p.fileSystem = linuxFileSystem();
+  {
+    auto power = std::make_shared<DevicePowerState>();
+    // VORLEND_ACTIVITY_TIMESCALE (a positive number) shortens every activity delay and interval by that
+    // factor: tests of the real program and developers see drains without waiting minutes.
+    double timeScale = 1.0;
+    if (const char* scale = std::getenv("VORLEND_ACTIVITY_TIMESCALE")) timeScale = std::atof(scale);
+    p.activityScheduler = InProcessActivityScheduler::create(
+        p.clock, {[power] { return power->onBattery(); }, [power] { return power->screenAsleep(); }},
+        timeScale);
+  }
   {
     auto defaults = std::make_shared<Preferences>(paths.configDir, kServiceName);
     auto locale = std::make_shared<LinuxLocaleProvider>(defaults, p.notificationCenter);
@@ -63,6 +77,7 @@ Platform Platform::forTesting(const std::filesystem::path& root, std::shared_ptr
   p.geo = std::make_shared<FakeGeoConfiguration>(p.notificationCenter);
   p.restrictions = std::make_shared<FakeDeviceRestrictions>(p.notificationCenter);
   p.fileSystem = linuxFileSystem();
+  p.activityScheduler = InProcessActivityScheduler::create(p.clock);
   return p;
 }
 

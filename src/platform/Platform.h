@@ -24,6 +24,7 @@ class GeoConfiguration;
 class DeviceRestrictions;
 class PlatformChangeMonitor;
 class FileSystem;
+class BackgroundActivityScheduler;
 
 struct Platform {
   Paths paths;
@@ -48,6 +49,9 @@ struct Platform {
   std::shared_ptr<PlatformChangeMonitor> changeMonitor;
   // The file layer under session files (the Linux one in tests too, unless a test injects faults).
   std::shared_ptr<FileSystem> fileSystem;
+  // Grants background work periods, on `clock`. Linux: in-process, with the battery and idle-hint
+  // conditions of the device; tests: the same on their clock, every device condition met.
+  std::shared_ptr<BackgroundActivityScheduler> activityScheduler;
 
   // Linux services for the given folders (which must exist). The counters persist to
   // <caches>/counters.plist.

@@ -46,9 +46,9 @@ class VorlenPersistentStorage final : public PersistentStorage,
   void closeSessionWithFileContainer(std::shared_ptr<FileContainerProtocol> container) override;
 
   // The finished files, oldest first.
-  std::vector<std::shared_ptr<FileContainer>> getAvailableSessionHandles();
-  // Forgets the file and deletes it (after it was sent).
-  void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container);
+  std::vector<std::shared_ptr<FileContainer>> getAvailableSessionHandles() override;
+  // Forgets the file and deletes it (after it was read for sending).
+  void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
 
   const std::filesystem::path& directory() const { return _cachesUrl; }
   const std::string& version() const { return _version; }
