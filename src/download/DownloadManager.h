@@ -7,12 +7,10 @@
 //   "VORFileDeletedNotification"            user information {"identifier": id}
 //
 // (Names and keys are kVORFileDownloadCompletedNotification, kVORFileDeletedNotification,
-// kVORIdentifierKey and kVORURLKey of model/Constants.h.) Observers run on the manager's thread of the
-// moment: hop onto your own queue before doing work.
+// kVORIdentifierKey and kVORURLKey of model/Constants.h.) Observers are called on a queue of the manager
+// that holds no lock of it, so they may call back into the manager; hop onto your own queue for real work.
 //
 // Threading: every method is safe from any thread and may wait for the manager's queue.
-// REQUIRES: not called from inside a handler of the manager's own notifications (the handler runs on the
-// manager's queue, and a synchronous hop onto it from there is a programming error).
 #pragma once
 
 #include <map>

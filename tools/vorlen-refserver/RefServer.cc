@@ -21,6 +21,7 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "ResourceFiles.h"
 #include "SearchCorpus.h"
 #include "base/Log.h"
 
@@ -187,6 +188,7 @@ struct RefServer::Impl {
   std::vector<RecordedRequest> recorded;
   std::map<std::string, size_t> counts;
   uint64_t echoCount = 0;
+  ResourceFiles resources{ResourceFiles::defaultFolder()};
 
   std::string baseURL() const { return "http://" + host + ":" + std::to_string(port); }
 
@@ -242,6 +244,7 @@ struct RefServer::Impl {
     bag["feedback_enabled"] = true;
     bag["feedback_url"] = base + "/feedback";
     bag["crowdsourcing_url"] = base + "/crowdsourcing";
+    resources.addToBag(bag, base);
     if (!extra.empty()) {
       Json over = Json::parse(extra, nullptr, false);
       if (over.is_object()) {
@@ -474,6 +477,8 @@ struct RefServer::Impl {
       }
       res.set_redirect(baseURL() + to, 302);
     });
+    resources.routes(
+        server, [this](const httplib::Request& req) { record(req); }, [this] { return baseURL(); });
     auto notFound = [this](const httplib::Request& req, httplib::Response& res) {
       record(req);
       res.status = 404;
@@ -487,6 +492,10 @@ struct RefServer::Impl {
 
 RefServer::RefServer() : impl_(std::make_unique<Impl>()) {
   impl_->routes();
+}
+
+ResourceFiles& RefServer::resources() {
+  return impl_->resources;
 }
 
 RefServer::~RefServer() {

@@ -39,6 +39,8 @@
 //                             of JSON). Every answer carries "X-Ref-Echo-Count", the number of echo
 //                             requests answered so far.
 //   GET    /_redirect?to=P    302 to path P of this server.
+// Resource files named in the bag (/resources/..., /hints/..., POST /_control/resources): see
+// ResourceFiles.h.
 //
 // "drop" closes the TCP connection from the server side before any byte of a response is written, which
 // a client sees as a lost connection (a transport error, not an HTTP status).
@@ -57,6 +59,8 @@
 #include <vector>
 
 namespace vorlen {
+
+class ResourceFiles;
 
 class RefServer {
  public:
@@ -113,6 +117,9 @@ class RefServer {
 
   void setSearchControl(SearchControl control);
   SearchControl searchControl() const;
+
+  // The resource files the bag lists, with their versions and failure switches.
+  ResourceFiles& resources();
 
   size_t requestCount(std::string_view path) const;
   std::vector<RecordedRequest> requests() const;
