@@ -534,6 +534,7 @@ bool RefServer::start(const std::string& host, int port) {
 
 void RefServer::stop() {
   if (!impl_->started) return;
+  impl_->resources.stop();
   {
     std::lock_guard lock(impl_->mu);
     impl_->stopping = true;

@@ -1,5 +1,6 @@
 #include "ResourceFiles.h"
 
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -166,6 +167,12 @@ bool ResourceFiles::applyControlDocument(std::string_view json, std::string* err
       return fail("\"status\" must be an HTTP status");
     c.status = doc["status"].get<int>();
   }
+  if (doc.contains("delay_ms")) {
+    if (!doc["delay_ms"].is_number_integer() || doc["delay_ms"].get<int64_t>() < 0 ||
+        doc["delay_ms"].get<int64_t>() > 600000)
+      return fail("\"delay_ms\" must be 0 to 600000");
+    c.delayMs = doc["delay_ms"].get<int>();
+  }
   if (doc.contains("size")) {
     if (!doc["size"].is_number_unsigned() || doc["size"].get<uint64_t>() > (1ull << 31))
       return fail("\"size\" must be a byte count up to 2 GiB");
@@ -173,6 +180,12 @@ bool ResourceFiles::applyControlDocument(std::string_view json, std::string* err
   }
   setControl(identifier, c);
   return true;
+}
+
+void ResourceFiles::stop() {
+  std::lock_guard lock(mu_);
+  stopping_ = true;
+  wake_.notify_all();
 }
 
 void ResourceFiles::routes(httplib::Server& server, std::function<void(const httplib::Request&)> record,
@@ -183,6 +196,10 @@ void ResourceFiles::routes(httplib::Server& server, std::function<void(const htt
     if (!c) {
       res.status = 404;
       return;
+    }
+    if (c->delayMs > 0) {
+      std::unique_lock lock(mu_);
+      wake_.wait_for(lock, std::chrono::milliseconds(c->delayMs), [this] { return stopping_; });
     }
     if (c->mode == Mode::Status) {
       res.status = c->status;
