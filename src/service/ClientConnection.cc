@@ -565,7 +565,7 @@ void ClientConnection::fileHandleAndAttributesForResource(const std::string& ide
     connectionLog().debug("no download manager for resource {}", identifier);
     return;
   }
-  if (!reply) return;
+  if (!state() || !reply) return;
   // The file travels as a descriptor (SCM_RIGHTS) of the reply; the client owns its copy.
   Value::Dict attributes;
   VORError error;
