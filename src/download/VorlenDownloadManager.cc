@@ -123,6 +123,15 @@ std::optional<std::string> VorlenDownloadManager::urlForCompare(std::string_view
   return parts->string();
 }
 
+std::optional<std::string> VorlenDownloadManager::_requestedForm(const std::string& url) {
+  if (!urlForCompare(url)) return std::nullopt;
+  if (_requestFactory) {
+    if (auto request = _requestFactory->fileDownloadRequest(url, std::nullopt, false))
+      return urlForCompare(request->url);
+  }
+  return urlForCompare(url);
+}
+
 bool VorlenDownloadManager::_mayDownload(const std::string& identifier) const {
   if (!isLookupResource(identifier)) return true;
   return _settings.lookupEnabled && _settings.lookupEnabled();
@@ -260,7 +269,7 @@ void VorlenDownloadManager::_downloadBagResources(const Value::Dict& bag) {
 void VorlenDownloadManager::_addResource(const std::string& identifier, const std::optional<std::string>& url,
                                          std::function<void(const std::string& reason)> completion) {
   _queue->assertCurrent();
-  std::optional<std::string> compared = url ? urlForCompare(*url) : std::nullopt;
+  std::optional<std::string> compared = url ? _requestedForm(*url) : std::nullopt;
   if (!compared) {
     _deleteResource(identifier, true);
     return;

@@ -135,6 +135,10 @@ class VorlenDownloadManager final : public DownloadManager,
   void _deleteResource(const std::string& identifier, bool removeFile);
   void _cancelAllTasks();
   bool _mayDownload(const std::string& identifier) const;
+  // The comparison form of the address a request for `url` asks for. The record holds the comparison form
+  // of the request as sent, whose query items the request factory orders by name (one per name), so a
+  // bag address is compared in that same shape: the same items in another order are the same address.
+  std::optional<std::string> _requestedForm(const std::string& url);
   // The resources folder, opened (and created when missing); invalid with one log line on failure.
   UniqueFd _openFolder(bool create);
   // Moves (or, across file systems, copies) `file` into the folder as `identifier`; true on success.

@@ -238,6 +238,15 @@ TEST_F(DownloadManagerTest, ReconciliationFetchesOnlyWhatChangedIsMissingOrIsAHi
     std::multiset<std::string> reasons;            // of the downloads that start
   };
   const std::multiset<std::string> hints = {"lookup", "lookup"};
+  // The allow-list's next version at an address with two more items, in the bag's order or reversed.
+  auto reorder = [&](bool reversed) {
+    return [&, reversed](Value::Dict& bag) {
+      set(kAllowList, [](auto& c) { c.version = "3"; });
+      std::string url = *bag.at(kAllowList).getString();
+      std::string base = url.substr(0, url.find('?') + 1);
+      bag[kAllowList] = Value(base + (reversed ? "zz=1&version=3&aa=2&key=k" : "aa=2&key=k&version=3&zz=1"));
+    };
+  };
   const std::vector<Case> cases = {
       {"same bag: only the hints are fetched again", [](Value::Dict&) {}, hints},
       {"another API key changes nothing",
@@ -256,6 +265,8 @@ TEST_F(DownloadManagerTest, ReconciliationFetchesOnlyWhatChangedIsMissingOrIsAHi
        [&](Value::Dict&) { std::filesystem::remove(fileOf(kAllowList)); },
        {"missing", "lookup", "lookup"}},
       {"look-up switched off: no hints", [&](Value::Dict&) { lookupEnabled = false; }, {}},
+      {"more query items are an update", reorder(false), {"update"}},
+      {"the same items in another order change nothing", reorder(true), {}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -279,7 +290,7 @@ TEST_F(DownloadManagerTest, ReconciliationFetchesOnlyWhatChangedIsMissingOrIsAHi
         [&] { return platform.counters->value(VorlenDownloadManager::kFetchedCounter) == expected; }));
   }
   EXPECT_EQ(test::readFile(fileOf(kAllowList)), server.resources().contentOf(kAllowList));
-  EXPECT_EQ(manager->resourceVersions().at(kAllowList), "2");
+  EXPECT_EQ(manager->resourceVersions().at(kAllowList), "3");
 }
 
 TEST_F(DownloadManagerTest, NotModifiedKeepsTheFileAndAGoneFileIsAskedForInFull) {
