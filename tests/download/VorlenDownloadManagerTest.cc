@@ -114,10 +114,10 @@ class DownloadManagerTest : public ::testing::Test {
 
   // A manager as a restarted daemon makes it: the download session takes its delegate when it is made,
   // so a new process has a new one.
-  void restartManager(VorlenDownloadManager::Settings settings = {}) {
+  void restartManager(VorlenDownloadManager::Settings settings = {}, std::filesystem::path tempDir = {}) {
     manager.reset();
-    assembly->httpSessions =
-        std::make_shared<HttpSessions>(assembly->userDefaults, clock, platform.paths.tempDir);
+    assembly->httpSessions = std::make_shared<HttpSessions>(
+        assembly->userDefaults, clock, tempDir.empty() ? platform.paths.tempDir : tempDir);
     makeManager(std::move(settings));
   }
 
@@ -477,6 +477,29 @@ TEST_F(DownloadManagerTest, OversizedFilesAreAbandoned) {
   EXPECT_EQ(ends->code.load(), HttpError::kDataLengthExceedsMaximum);
 }
 
+// Temporary files on another file system cannot be renamed into place; they are copied, then renamed.
+TEST_F(DownloadManagerTest, DownloadsFromAnotherFileSystemAreCopiedIntoPlace) {
+  struct stat shm {
+  }, caches{};
+  if (::stat("/dev/shm", &shm) != 0 || ::stat(platform.paths.cachesDir.c_str(), &caches) != 0 ||
+      shm.st_dev == caches.st_dev)
+    GTEST_SKIP() << "no second file system for temporary files";
+  char pattern[] = "/dev/shm/vorlen-download-test-XXXXXX";
+  ASSERT_NE(::mkdtemp(pattern), nullptr);
+  std::filesystem::path elsewhere(pattern);
+  restartManager({}, elsewhere);
+  reconcile(3);
+  for (const char* id : {kAllowList, kWeekly, kMonthly}) {
+    EXPECT_EQ(test::readFile(fileOf(id)), server.resources().contentOf(id)) << id;
+    EXPECT_EQ(test::fileMode(fileOf(id)), 0600u) << id;
+  }
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(manager->resourcesFolder()))
+    names.push_back(entry.path().filename().string());
+  EXPECT_EQ(names.size(), 3u) << "no copy left behind";
+  std::filesystem::remove_all(elsewhere);
+}
+
 TEST_F(DownloadManagerTest, RecordsSurviveARestartAndALocationChangeRefetchesTheHints) {
   reconcile(3);
   ASSERT_TRUE(eventually([&] { return manager->resourceVersions().size() == 3; }));
@@ -511,6 +534,36 @@ TEST(DownloadManagerAddressTest, ComparisonFormDropsOnlyTheKey) {
       {"/relative?key=1", std::nullopt},
   };
   for (const auto& [in, out] : cases) EXPECT_EQ(VorlenDownloadManager::urlForCompare(in), out) << in;
+}
+
+}  // namespace
+}  // namespace vorlen
+
+namespace vorlen {
+namespace {
+
+// The reference service's resource switches refuse what they cannot apply and change nothing then.
+TEST(ResourceFilesTest, ControlDocumentsAreCheckedBeforeTheyApply) {
+  ResourceFiles files({});
+  for (const char* bad : {"[]", "{}", R"({"identifier": "nope"})", R"({"identifier": 7})",
+                          R"({"identifier": "installed_app_whitelist", "mode": "sometimes"})",
+                          R"({"identifier": "installed_app_whitelist", "version": "1/../2"})",
+                          R"({"identifier": "installed_app_whitelist", "status": 42})",
+                          R"({"identifier": "installed_app_whitelist", "size": -1})",
+                          R"({"identifier": "installed_app_whitelist", "delay_ms": 99999999})",
+                          R"({"identifier": "installed_app_whitelist", "listed": "no"})"}) {
+    std::string error;
+    EXPECT_FALSE(files.applyControlDocument(bad, &error)) << bad;
+    EXPECT_FALSE(error.empty()) << bad;
+  }
+  EXPECT_EQ(files.control("installed_app_whitelist")->version, "1");
+  ASSERT_TRUE(files.applyControlDocument(
+      R"({"identifier": "lookup_hints_weekly", "version": "9", "mode": "cut", "listed": false})", nullptr));
+  auto weekly = *files.control("lookup_hints_weekly");
+  EXPECT_EQ(weekly.version, "9");
+  EXPECT_EQ(weekly.mode, ResourceFiles::Mode::Cut);
+  EXPECT_FALSE(weekly.listed);
+  EXPECT_EQ(files.tagOf("lookup_hints_weekly"), "9-all-lookup_hints_weekly");
 }
 
 }  // namespace
