@@ -11,6 +11,7 @@
 #include "base/Counters.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
+#include "base/Transaction.h"
 #include "feedback/ClientSessionManager.h"
 #include "model/Constants.h"
 #include "model/VORBag.h"
@@ -296,11 +297,12 @@ void VorlenDownloadManager::_addResource(const std::string& identifier, const st
   }
 
   std::weak_ptr<VorlenDownloadManager> weak = weak_from_this();
+  auto keepAlive = std::make_shared<Transaction>("com.velmo.vorlen.DownloadManager.download");
   _queue->after(_settings.addDelay, [weak, generation = _generation, identifier, url = *url, reason,
-                                     completion = std::move(completion)] {
+                                     completion = std::move(completion), keepAlive] {
     auto self = weak.lock();
     if (!self || self->_generation != generation) return;
-    self->_downloadResource(identifier, url, reason);
+    self->_downloadResource(identifier, url, reason, keepAlive);
     if (completion) completion(reason);
   });
 }
@@ -326,7 +328,8 @@ std::optional<HttpRequest> VorlenDownloadManager::_createDownloadRequest(const s
 }
 
 void VorlenDownloadManager::_downloadResource(const std::string& identifier, const std::string& url,
-                                              const std::string& reason) {
+                                              const std::string& reason,
+                                              std::shared_ptr<Transaction> keepAlive) {
   _queue->assertCurrent();
   std::optional<HttpRequest> request = _createDownloadRequest(identifier, url, reason);
   auto session = _session();
@@ -336,6 +339,7 @@ void VorlenDownloadManager::_downloadResource(const std::string& identifier, con
   }
   auto task = session->downloadTask(std::move(*request));
   task->setTaskDescription(identifier);
+  _transferKeepAlives[task->taskIdentifier()] = std::move(keepAlive);
   task->resume();
 }
 
@@ -589,6 +593,14 @@ void VorlenDownloadManager::didFinishDownloadingToFile(HttpSession& /*session*/,
 void VorlenDownloadManager::didCompleteWithError(HttpSession& /*session*/,
                                                  const std::shared_ptr<HttpTask>& task,
                                                  const std::optional<HttpError>& error) {
+  // The transfer's keep-alive ends with this call, whatever the outcome.
+  std::shared_ptr<Transaction> keepAlive;
+  _queue->sync([&] {
+    if (auto it = _transferKeepAlives.find(task->taskIdentifier()); it != _transferKeepAlives.end()) {
+      keepAlive = std::move(it->second);
+      _transferKeepAlives.erase(it);
+    }
+  });
   if (error && error->domain == kVORURLErrorDomain && error->code == HttpError::kCancelled) return;
   std::optional<HttpResponse> response = task->response();
   const long status = response ? response->status : 0;

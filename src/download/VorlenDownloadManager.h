@@ -18,6 +18,9 @@
 // Files are opened, replaced and removed relative to the opened folder, never through a symbolic link
 // (O_NOFOLLOW, renameat), and a transfer larger than maxFileBytes (64 MiB) is abandoned.
 //
+// A scheduled or running download holds a keep-alive transaction, so the daemon does not leave on idle
+// while one is waiting out its delay or in flight.
+//
 // Transfers run on the Assembly's download session (downloadURLSession; this object is its delegate):
 // into a temporary file, redirects followed, each request allowed a start window of 86,400 seconds. The
 // in-process session starts a request as soon as its window opens (no delay), which every window allows.
@@ -54,6 +57,7 @@ namespace vorlen {
 class Assembly;
 class HttpSession;
 class Preferences;
+class Transaction;
 class VORNetworkRequestFactory;
 
 class VorlenDownloadManager final : public DownloadManager,
@@ -128,7 +132,8 @@ class VorlenDownloadManager final : public DownloadManager,
   void _downloadBagResources(const Value::Dict& bag);
   void _addResource(const std::string& identifier, const std::optional<std::string>& url,
                     std::function<void(const std::string& reason)> completion);
-  void _downloadResource(const std::string& identifier, const std::string& url, const std::string& reason);
+  void _downloadResource(const std::string& identifier, const std::string& url, const std::string& reason,
+                         std::shared_ptr<Transaction> keepAlive);
   std::optional<HttpRequest> _createDownloadRequest(const std::string& identifier, const std::string& url,
                                                     const std::string& reason);
   std::optional<std::string> _resourceVersion(const std::string& identifier);
@@ -160,6 +165,9 @@ class VorlenDownloadManager final : public DownloadManager,
   const std::shared_ptr<Queue> _notifyQueue;
 
   std::map<std::string, DownloadResource> _resources;  // on _queue
+  // Keep-alives of running transfers by task identifier (on _queue): a download holds one from the moment
+  // it is scheduled until its task has ended, so an idle exit never cuts it short.
+  std::map<uint64_t, std::shared_ptr<Transaction>> _transferKeepAlives;
   uint64_t _generation = 0;  // on _queue: a delayed download of an older reconciliation does nothing
 
   std::unique_ptr<NotificationCenter::Token> _bagObservation;

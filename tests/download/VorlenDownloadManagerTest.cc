@@ -14,6 +14,7 @@
 #include "base/Log.h"
 #include "base/ManualClock.h"
 #include "base/Preferences.h"
+#include "base/Transaction.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "model/Constants.h"
 #include "model/VORBag.h"
@@ -179,12 +180,15 @@ class DownloadManagerTest : public ::testing::Test {
 };
 
 TEST_F(DownloadManagerTest, BagResourcesArriveAfterTheDelayAndAreServedReadOnly) {
+  const int64_t idle = Transaction::openCount();
   postBag(servedBag());
   EXPECT_TRUE(manager->hasStartedForTesting());
+  EXPECT_EQ(Transaction::openCount(), idle + 3) << "a waiting download keeps the daemon alive";
   clock->advance(std::chrono::seconds(59));
   EXPECT_EQ(requestsFor(kAllowList), 0u) << "nothing is fetched before the 60 s delay";
   clock->advance(std::chrono::seconds(1));
   ASSERT_TRUE(postedCount.waitFor(3));
+  EXPECT_TRUE(eventually([&] { return Transaction::openCount() == idle; }));
 
   for (const char* id : {kAllowList, kWeekly, kMonthly}) {
     EXPECT_EQ(test::readFile(fileOf(id)), server.resources().contentOf(id)) << id;
