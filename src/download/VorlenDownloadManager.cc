@@ -236,11 +236,21 @@ void VorlenDownloadManager::_downloadBagResources(const Value::Dict& bag) {
 
   std::set<std::string> wanted;
   if (auto it = bag.find(kBagResourceListKey); it != bag.end()) {
+    size_t ignored = 0;
     if (const Value::Array* list = it->second.getArray()) {
       for (const Value& item : *list) {
-        if (const std::string* s = item.getString()) wanted.insert(*s);
+        if (const std::string* s = item.getString()) {
+          wanted.insert(*s);
+        } else {
+          ++ignored;
+        }
       }
+    } else {
+      log().error("{} is a {}, not an array: no resource is wanted", kBagResourceListKey,
+                  it->second.typeName());
     }
+    if (ignored > 0)
+      log().error("ignoring {} entries of {} that are not strings", ignored, kBagResourceListKey);
   }
   std::string listed;
   for (const auto& identifier : wanted) listed += (listed.empty() ? "" : ", ") + identifier;
@@ -272,6 +282,7 @@ void VorlenDownloadManager::_addResource(const std::string& identifier, const st
   _queue->assertCurrent();
   std::optional<std::string> compared = url ? _requestedForm(*url) : std::nullopt;
   if (!compared) {
+    log().error("resource {} has no absolute address in the bag", identifier);
     _deleteResource(identifier, true);
     return;
   }

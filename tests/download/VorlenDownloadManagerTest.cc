@@ -434,6 +434,18 @@ TEST_F(DownloadManagerTest, HostileIdentifiersNeverReachTheDisk) {
   postBag(bag);
   for (const Case& c : cases) EXPECT_EQ(manager->resourceForKey(c.identifier).has_value(), c.valid);
 
+  // List entries that are not strings, and addresses that are not absolute, are refused with a line.
+  {
+    ScopedLogCapture capture;
+    postBag(Value::Dict{{"download_resources_list", Value::array({Value(7), Value(kAllowList)})},
+                        {kAllowList, Value("file:///etc/passwd")}});
+    EXPECT_TRUE(
+        capture.sink().contains("ignoring 1 entries of download_resources_list that are not strings"));
+    EXPECT_TRUE(
+        capture.sink().contains("resource installed_app_whitelist has no absolute address in the bag"));
+    EXPECT_FALSE(manager->resourceForKey(kAllowList));
+  }
+
   // A client asking for a path outside the folder, or for a planted link, gets "not found".
   test::writeFile(platform.paths.cachesDir / "secret", "not a resource");
   std::filesystem::create_directories(manager->resourcesFolder());
