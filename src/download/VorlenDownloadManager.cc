@@ -209,7 +209,14 @@ void VorlenDownloadManager::_saveResources() {
 // ---- Bag changes and reconciliation.
 
 void VorlenDownloadManager::bagChangeNotification(const Notification& notification) {
+  // The bag controller attaches the installed VORBag; a poster that only sends the record is read too.
   auto bag = std::static_pointer_cast<const VORBag>(notification.object);
+  if (!bag) {
+    if (const Value* record = notification.userInfo.find(kVORBagKey)) {
+      if (auto decoded = VORBag::fromRecord(*record))
+        bag = std::make_shared<const VORBag>(std::move(*decoded));
+    }
+  }
   log().notice("bag change: {}", bag ? bag->version().value_or("(no version)") : "(no bag)");
   if (!bag) return;
   _start();
