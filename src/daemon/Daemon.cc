@@ -14,6 +14,7 @@
 #include "base/Log.h"
 #include "base/Transaction.h"
 #include "cache/EngagedCompletionCache.h"
+#include "download/VorlenDownloadManager.h"
 #include "feedback/ClientSessionManager.h"
 #include "ipc/IpcListener.h"
 #include "network/HttpSessions.h"
@@ -70,6 +71,9 @@ std::shared_ptr<Assembly> Daemon::start() {
   //    then, and every user tolerates an empty slot.
   assembly->locationManager = LocationManager::create(*assembly);
   assembly->requestFactory = VORNetworkRequestFactory::create(*assembly);
+  // Resource files. Look-up hints are fetched only while the look-up component allows it; until that
+  // component is in the graph (its hooks unset), the hints files are skipped and the rest is fetched.
+  assembly->downloadManager = VorlenDownloadManager::create(assembly);
   // Uploads: the upload session takes the upload manager as its delegate at first use, so it exists first.
   assembly->uploadManager = UploadManager::create(*assembly);
   // The session files: every file's first record is the daemon's own user agent. The scan of files left

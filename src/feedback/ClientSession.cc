@@ -7,6 +7,7 @@
 #include "base/Counters.h"
 #include "base/JsonValue.h"
 #include "base/Log.h"
+#include "download/DownloadManager.h"
 #include "feedback/ClientCounterName.h"
 #include "feedback/ClientSessionManager.h"
 #include "feedback/SessionProcessingHelper.h"
@@ -70,7 +71,8 @@ int64_t localDayNumber(Time t) {
 }  // namespace
 
 ClientSession::Context ClientSession::contextOf(const Assembly& assembly) {
-  return Context{assembly.userDefaults, assembly.persistentStorage, assembly.clock(), assembly.testFeedbacks};
+  return Context{assembly.userDefaults, assembly.persistentStorage, assembly.clock(), assembly.testFeedbacks,
+                 assembly.downloadManager};
 }
 
 std::optional<std::string> ClientSession::firstUseWordForAgent(std::string_view agent) {
@@ -111,9 +113,11 @@ void ClientSession::_start(VorlenFeedback feedback, int64_t previousSessionEndRe
     VorlenDiagnosticDataReporter::addValue(1, createTallydKey(*client, "sessions"));
   }
   firstUseOfTheDay_ = _recordFirstUseOfTheDay();
-  // Versions of downloaded resource files join the header with the download manager; until then a
-  // session records none.
   resourceVersions_ = Value::Dict{};
+  if (context_.downloadManager) {
+    for (auto& [identifier, version] : context_.downloadManager->resourceVersions())
+      resourceVersions_.emplace(identifier, Value(std::move(version)));
+  }
 
   if (context_.persistentStorage) {
     auto handle = context_.persistentStorage->createFileContainerForWriting();

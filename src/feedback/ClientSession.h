@@ -36,6 +36,7 @@
 namespace vorlen {
 
 class Assembly;
+class DownloadManager;
 class FileContainerProtocol;
 class PersistentStorage;
 
@@ -44,13 +45,14 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   // The event type that marks a session of custom result features: such sessions carry no base time.
   static constexpr int kRemoveTimestampsEventType = kEventCustomNorvantaResultFeatures;
 
-  // What a session takes from the Assembly: the preferences store, the persistent storage, the clock and
-  // the testFeedbacks switch.
+  // What a session takes from the Assembly: the preferences store, the persistent storage, the clock, the
+  // testFeedbacks switch and the download manager (the versions of the resource files held at the start).
   struct Context {
     std::shared_ptr<Preferences> userDefaults;
     std::shared_ptr<PersistentStorage> persistentStorage;
     std::shared_ptr<Clock> clock;
     bool testFeedbacks = false;
+    std::shared_ptr<DownloadManager> downloadManager;
   };
   static Context contextOf(const Assembly& assembly);
 

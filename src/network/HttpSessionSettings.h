@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -31,6 +32,10 @@ struct HttpSessionSettings {
   // transfer, in seconds.
   double requestTimeoutSeconds = 60.0;
   double resourceTimeoutSeconds = 604800.0;
+
+  // A download task whose body grows past this many bytes is stopped and fails with
+  // kDataLengthExceedsMaximum (-1103); 0 means no limit.
+  uint64_t maxDownloadBytes = 0;
 
   // Background sessions run in this process as well; the identifier names them in logs.
   bool background = false;

@@ -36,6 +36,8 @@ HttpSessionSettings HttpSessions::downloadSessionSettings() const {
   HttpSessionSettings s = base("downloadURLSession");
   s.background = true;
   s.backgroundIdentifier = "com.velmo.vorlend";
+  // Resource files are small; a larger answer is abandoned before it fills the disk.
+  s.maxDownloadBytes = kMaxResourceDownloadBytes;
   return s;
 }
 

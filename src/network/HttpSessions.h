@@ -4,8 +4,9 @@
 //                       TCP fast open and TLS session reuse unless the preference "VORNoParallax" is true
 //                       (read once, when the session is made); HTTP/2 multiplexing.
 //   bagSession          the bag fetch: no response cache; idle connections dropped after 10 s.
-//   downloadURLSession  resource files, background identifier "com.velmo.vorlend"; no response cache; the
-//                       delegate given at the first call (the download manager) receives every event.
+//   downloadURLSession  resource files, background identifier "com.velmo.vorlend"; no response cache; a
+//                       body larger than 64 MiB fails the task (-1103); the delegate given at the first
+//                       call (the download manager) receives every event.
 //   uploadURLSession    feedback upload, background identifier "com.velmo.vorlend.flusher.httpsession";
 //                       no response cache; request time-out 300 s, resource time-out 604800 s (7 days);
 //                       the delegate given at the first call (the upload manager).
@@ -48,6 +49,8 @@ class HttpSessions {
 
   static constexpr size_t kQueryCacheBytes = 4194304;
   static constexpr double kIdleConnectionSeconds = 10.0;
+  // Largest body a download task of downloadURLSession may receive (64 MiB).
+  static constexpr uint64_t kMaxResourceDownloadBytes = 64u << 20;
 
  private:
   HttpSessionSettings base(std::string name) const;

@@ -58,6 +58,7 @@ std::variant<std::unique_ptr<HttpTransfer>, HttpError> HttpTransfer::create(
   t->sink_ = sink;
   t->callbacks_ = std::move(callbacks);
   t->fetchStart_ = fetchStart;
+  t->maxDownloadBytes_ = settings.maxDownloadBytes;
   t->share_ = share;
   t->idleTimeout_ = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
       std::chrono::duration<double>(request.timeoutSeconds.value_or(settings.requestTimeoutSeconds)));
@@ -205,6 +206,11 @@ size_t HttpTransfer::onWrite(char* buffer, size_t size, size_t count, void* self
     t->body_.insert(t->body_.end(), buffer, buffer + n);
     return n;
   }
+  t->downloaded_ += n;
+  if (t->maxDownloadBytes_ > 0 && t->downloaded_ > t->maxDownloadBytes_) {
+    t->tooLarge_ = true;
+    return 0;  // libcurl fails the transfer with a write error
+  }
   size_t done = 0;
   while (done < n) {
     ssize_t w = ::write(t->downloadFd_, buffer + done, n - done);
@@ -325,6 +331,8 @@ void HttpTransfer::complete(CURLcode code) {
       r.file = std::move(downloadPath_);
       downloadPath_.clear();
     }
+  } else if (tooLarge_) {
+    r.error = HttpError::make(HttpError::kDataLengthExceedsMaximum, "download larger than the session allows", url_);
   } else if (writeFailed_) {
     r.error = HttpError::make(HttpError::kCannotWriteToFile, "cannot write download file", url_);
   } else if (readFailed_) {

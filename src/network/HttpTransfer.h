@@ -99,6 +99,9 @@ class HttpTransfer {
   int downloadFd_ = -1;
   std::filesystem::path downloadPath_;
   bool writeFailed_ = false;
+  uint64_t maxDownloadBytes_ = 0;  // 0: no limit
+  uint64_t downloaded_ = 0;
+  bool tooLarge_ = false;
 
   int uploadFd_ = -1;
   int64_t uploadSize_ = 0;

@@ -8,6 +8,7 @@
 #include "base/Transaction.h"
 #include "cache/EngagedCompletionCache.h"
 #include "cache/QueryCache.h"
+#include "download/DownloadManager.h"
 #include "feedback/ClientSession.h"
 #include "feedback/ClientSessionManager.h"
 #include "feedback/ClientSessionManagerProtocol.h"
@@ -566,10 +567,27 @@ void ClientConnection::listSessions(IpcReplier reply) {
   reply(Value::Array{Value(clientStateManager_->sessions())});
 }
 
-void ClientConnection::fileHandleAndAttributesForResource(const std::string& identifier, IpcReplier) {
+void ClientConnection::fileHandleAndAttributesForResource(const std::string& identifier, IpcReplier reply) {
   _ensureState();
-  // Resource files come with the download manager; until it is in the Assembly nothing answers.
-  connectionLog().debug("no download manager for resource {}", identifier);
+  auto downloads = assembly_->downloadManager;
+  if (!downloads) {
+    // Like any absent component, a missing download manager answers nothing.
+    connectionLog().debug("no download manager for resource {}", identifier);
+    return;
+  }
+  if (!state() || !reply) return;
+  // The file travels as a descriptor (SCM_RIGHTS) of the reply; the client owns its copy.
+  Value::Dict attributes;
+  VORError error;
+  UniqueFd fd = downloads->fileHandleForResource(identifier, &attributes, &error);
+  IpcMessage message = IpcMessage::reply();
+  if (fd) {
+    Value handle = message.attach(std::move(fd));
+    message.args() = Value::Array{std::move(handle), Value(std::move(attributes)), Value()};
+  } else {
+    message.args() = Value::Array{Value(), Value(), error.toRecord()};
+  }
+  reply.send(std::move(message));
 }
 
 void ClientConnection::getImageMap(IpcReplier reply) {

@@ -183,6 +183,33 @@ TEST_F(VorlenctlWithPeerTest, DaemonCommandsPrintAnswersAndMapErrors) {
   EXPECT_EQ(daemon.opsOn(1), (std::vector<std::string>{"configure:reply:", "bag:"}));
 }
 
+TEST_F(VorlenctlWithPeerTest, ResourcesListAndGetStreamTheDescriptorTheDaemonPasses) {
+  writeFile(dir / "held", std::string("allow-list\0bytes", 16));
+  daemon.serveResource(dir / "held");
+  Preferences(dir / "config" / "vorlend", "com.velmo.vorlend")
+      .set("download_resources",
+           Value(Value::Dict{{"installed_app_whitelist", Value::dict({{"url", "https://r.example/a?version=7"}})}}));
+
+  Run get = run({"resources", "get", "installed_app_whitelist"});
+  EXPECT_EQ(get.status, 0) << get.err;
+  EXPECT_EQ(get.out, std::string("allow-list\0bytes", 16));
+
+  Run list = run({"--json", "resources"});
+  ASSERT_EQ(list.status, 0) << list.err;
+  nlohmann::json listed = nlohmann::json::parse(list.out);
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0]["identifier"], "installed_app_whitelist");
+  EXPECT_EQ(listed[0]["version"], "7");
+  EXPECT_EQ(listed[0]["url"], "https://r.example/a?version=7");
+  EXPECT_EQ(listed[0]["stored"], true);
+
+  daemon.serveResource({});
+  Run missing = run({"resources", "get", "installed_app_whitelist"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.out, "");
+  EXPECT_NE(missing.err.find("no resource installed_app_whitelist"), std::string::npos) << missing.err;
+}
+
 TEST_F(VorlenctlWithPeerTest, SearchAndReportSendWellFormedRecords) {
   Run search = run({"--json", "search", "weather"});
   EXPECT_EQ(search.status, 0) << search.err;

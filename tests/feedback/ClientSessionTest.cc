@@ -7,6 +7,7 @@
 #include "base/Log.h"
 #include "base/ManualClock.h"
 #include "base/Preferences.h"
+#include "download/VorlenDownloadManager.h"
 #include "feedback/ClientSession.h"
 #include "feedback/ClientSessionShared.h"
 #include "feedback/FeedbackEventType.h"
@@ -136,6 +137,23 @@ TEST_F(ClientSessionTest, RelativeTimesCountFromTheFirstStampedEvent) {
       got.push_back(e.at("timestamp").get<uint64_t>());
     EXPECT_EQ(got, c.want);
   }
+}
+
+// The versions of the resource files held when a session starts go into its record; a resource without
+// a version is left out.
+TEST_F(ClientSessionTest, RecordCarriesTheResourceVersionsHeldAtTheStart) {
+  auto entry = [](const std::string& url) { return Value(Value::Dict{{"url", Value(url)}}); };
+  assembly->userDefaults->set(
+      VorlenDownloadManager::kResourcesPreference,
+      Value(Value::Dict{{"installed_app_whitelist", entry("https://r.example/allow?version=3")},
+                        {"no_version", entry("https://r.example/other")}}));
+  auto downloads = VorlenDownloadManager::create(assembly);
+  assembly->downloadManager = downloads;
+  auto session = ClientSession::create(*assembly, at(1 * kMs));
+  SessionProcessingHelper helper;
+  nlohmann::ordered_json record = session->getFeedbacksToSend(helper);
+  EXPECT_EQ(record["resource_versions"], (nlohmann::ordered_json{{"installed_app_whitelist", "3"}}));
+  assembly->downloadManager.reset();
 }
 
 TEST_F(ClientSessionTest, SessionRecordLeadsWithMissingSuggestionsThenMissingResults) {

@@ -22,6 +22,7 @@
 #include <nlohmann/json.hpp>
 
 #include "FeedbackInbox.h"
+#include "ResourceFiles.h"
 #include "SearchCorpus.h"
 #include "base/Log.h"
 
@@ -189,6 +190,7 @@ struct RefServer::Impl {
   std::map<std::string, size_t> counts;
   uint64_t echoCount = 0;
   std::unique_ptr<FeedbackInbox> inbox;
+  ResourceFiles resources{ResourceFiles::defaultFolder()};
 
   std::string baseURL() const { return "http://" + host + ":" + std::to_string(port); }
 
@@ -244,6 +246,7 @@ struct RefServer::Impl {
     bag["feedback_enabled"] = true;
     bag["feedback_url"] = base + "/feedback";
     bag["crowdsourcing_url"] = base + "/crowdsourcing";
+    resources.addToBag(bag, base);
     if (!extra.empty()) {
       Json over = Json::parse(extra, nullptr, false);
       if (over.is_object()) {
@@ -480,6 +483,8 @@ struct RefServer::Impl {
         [this](const httplib::Request& req) { record(req); }, [this](const httplib::Request& req) { drop(req); },
         [this](int ms) { pause(ms); }, kSetAsideEncoding});
     inbox->install(server);
+    resources.routes(
+        server, [this](const httplib::Request& req) { record(req); }, [this] { return baseURL(); });
     auto notFound = [this](const httplib::Request& req, httplib::Response& res) {
       record(req);
       res.status = 404;
@@ -493,6 +498,10 @@ struct RefServer::Impl {
 
 RefServer::RefServer() : impl_(std::make_unique<Impl>()) {
   impl_->routes();
+}
+
+ResourceFiles& RefServer::resources() {
+  return impl_->resources;
 }
 
 RefServer::~RefServer() {
@@ -531,6 +540,7 @@ bool RefServer::start(const std::string& host, int port) {
 
 void RefServer::stop() {
   if (!impl_->started) return;
+  impl_->resources.stop();
   {
     std::lock_guard lock(impl_->mu);
     impl_->stopping = true;

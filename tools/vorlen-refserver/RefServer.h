@@ -41,6 +41,8 @@
 //   GET    /_redirect?to=P    302 to path P of this server.
 //   POST /feedback, POST /crowdsourcing, GET|DELETE /_feedback, POST /_control/feedback: the upload
 //                             endpoints and their switches (FeedbackInbox).
+// Resource files named in the bag (/resources/..., /hints/..., POST /_control/resources): see
+// ResourceFiles.h.
 //
 // "drop" closes the TCP connection from the server side before any byte of a response is written, which
 // a client sees as a lost connection (a transport error, not an HTTP status).
@@ -61,6 +63,7 @@
 namespace vorlen {
 
 class FeedbackInbox;
+class ResourceFiles;
 
 class RefServer {
  public:
@@ -120,6 +123,8 @@ class RefServer {
 
   // The feedback and crowdsourcing endpoints: what they received, and their switches.
   FeedbackInbox& feedbackInbox();
+  // The resource files the bag lists, with their versions and failure switches.
+  ResourceFiles& resources();
 
   size_t requestCount(std::string_view path) const;
   std::vector<RecordedRequest> requests() const;

@@ -43,9 +43,12 @@ class DaemonCommands {
   // The open feedback session's events with their relative times (feedback:reply:).
   ExitCode feedbackCurrent();
 
- private:
-  // Configures the client; the exit status of the failure, or nothing on success.
+  // Configures the client; the exit status of the failure, or nothing on success. For commands that
+  // live in files of their own.
   std::optional<ExitCode> connect(IpcEndpoint* endpoint = nullptr);
+  const std::shared_ptr<VorlenClient>& client() const { return client_; }
+
+ private:
 
   const CtlOutput& out_;
   Identity identity_;

@@ -12,6 +12,7 @@
 #include "DaemonCommands.h"
 #include "DefaultsCommand.h"
 #include "ExitCode.h"
+#include "ResourcesCommand.h"
 #include "StatsCommand.h"
 #include "StoredFeedbackCommand.h"
 #include "base/Log.h"
@@ -86,6 +87,10 @@ int run(int argc, char** argv) {
   dDelete->add_option("DOMAIN", domain)->required();
   dDelete->add_option("KEY", key)->required();
 
+  auto* resources = app.add_subcommand("resources", "the resource files vorlend holds (--json for scripts)");
+  auto* rGet = resources->add_subcommand("get", "write resource ID to stdout");
+  std::string resourceId;
+  rGet->add_option("ID", resourceId, "resource identifier")->required();
   auto* stats = app.add_subcommand("stats", "the daemon's saved counters");
 
   auto* completions = app.add_subcommand("completions", "the local completion history (no daemon needed)");
@@ -157,6 +162,10 @@ int run(int argc, char** argv) {
   else if (*report) code = command.report(eventJson, queryId);
   else if (*fCurrent)
     code = command.feedbackCurrent();
+  else if (*resources) {
+    ResourcesCommand resourcesCommand(out, command, paths.configDir);
+    code = *rGet ? resourcesCommand.get(resourceId) : resourcesCommand.list();
+  }
   return static_cast<int>(code);
 }
 
