@@ -24,6 +24,10 @@ class GeoConfiguration;
 class DeviceRestrictions;
 class PlatformChangeMonitor;
 class FileSystem;
+class InstalledApplications;
+class SubscriptionRegistry;
+class MediaStore;
+class DataDetectorStore;
 
 struct Platform {
   Paths paths;
@@ -48,6 +52,14 @@ struct Platform {
   std::shared_ptr<PlatformChangeMonitor> changeMonitor;
   // The file layer under session files (the Linux one in tests too, unless a test injects faults).
   std::shared_ptr<FileSystem> fileSystem;
+  // The installed-applications registry (posts kPlatformInstalledApplicationsDidChangeNotification), the
+  // TV-provider subscription registry, the media store's account status and storefront, and the
+  // data-detector service of look-up hints. Null in forTesting() except the data-detector store (real
+  // files under the test's caches folder); tests that need the others set fakes.
+  std::shared_ptr<InstalledApplications> installedApplications;
+  std::shared_ptr<SubscriptionRegistry> subscriptionRegistry;
+  std::shared_ptr<MediaStore> mediaStore;
+  std::shared_ptr<DataDetectorStore> dataDetectors;
 
   // Linux services for the given folders (which must exist). The counters persist to
   // <caches>/counters.plist.
