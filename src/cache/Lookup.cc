@@ -77,9 +77,9 @@ std::string Lookup::signatureFromURL(const std::string& url) {
 }
 
 std::optional<nlohmann::json> Lookup::filterLookupResultsWithRequest(const VORLookupRequest& request,
-                                                                     const nlohmann::json& response) const {
+                                                                     nlohmann::json response) const {
   LookupResultFilter filter(locale_ ? locale_->localeIdentifier() : std::string("en_US"));
-  return filter.filter(request.lookupContext, response);
+  return filter.filter(request.lookupContext, std::move(response));
 }
 
 void Lookup::_handleHintsFile(const Notification& notification) {

@@ -57,7 +57,7 @@ class Lookup : public std::enable_shared_from_this<Lookup> {
   // The look-up answer with the results that fail their instructions removed; nothing (logged) when the
   // answer is not an array of sections. The query context is the request's lookupContext.
   std::optional<nlohmann::json> filterLookupResultsWithRequest(const VORLookupRequest& request,
-                                                               const nlohmann::json& response) const;
+                                                               nlohmann::json response) const;
 
   void _handleHintsFile(const Notification& notification);
   void _reprocessHintsFiles(const Notification& notification);

@@ -4,6 +4,7 @@
 #include <unicode/locid.h>
 #include <unicode/unistr.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -32,12 +33,36 @@ std::string text(const nlohmann::json& object, const char* key) {
 
 }  // namespace
 
-LookupResultFilter::LookupResultFilter(std::string locale) : locale_(std::move(locale)) {}
+struct LookupResultFilter::Icu {
+  icu::Locale locale;
+  std::unique_ptr<icu::BreakIterator> words;  // null when ICU has none for the locale
+  bool asciiLowercaseIsExact = true;          // false for Turkish, Azerbaijani and Lithuanian
+};
+
+LookupResultFilter::LookupResultFilter(std::string locale) : icu_(std::make_unique<Icu>()) {
+  icu_->locale = icu::Locale(locale.c_str());
+  const std::string_view language = icu_->locale.getLanguage();
+  icu_->asciiLowercaseIsExact = language != "tr" && language != "az" && language != "lt";
+  UErrorCode status = U_ZERO_ERROR;
+  icu_->words.reset(icu::BreakIterator::createWordInstance(icu_->locale, status));
+  if (U_FAILURE(status)) icu_->words.reset();
+}
+
+LookupResultFilter::~LookupResultFilter() = default;
+LookupResultFilter::LookupResultFilter(LookupResultFilter&&) noexcept = default;
 
 std::string LookupResultFilter::lowercase(std::string_view s) const {
+  // ASCII text lower-cases the same in every locale but those with their own rules for I.
+  if (icu_->asciiLowercaseIsExact &&
+      std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+    std::string out(s);
+    for (char& c : out)
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return out;
+  }
   icu::UnicodeString u =
       icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
-  u.toLower(icu::Locale(locale_.c_str()));
+  u.toLower(icu_->locale);
   std::string out;
   u.toUTF8String(out);
   return out;
@@ -45,10 +70,9 @@ std::string LookupResultFilter::lowercase(std::string_view s) const {
 
 std::set<std::string> LookupResultFilter::words(std::string_view s) const {
   std::set<std::string> out;
-  UErrorCode status = U_ZERO_ERROR;
-  const icu::Locale locale(locale_.c_str());
-  std::unique_ptr<icu::BreakIterator> it(icu::BreakIterator::createWordInstance(locale, status));
-  if (U_FAILURE(status) || !it) return out;
+  icu::BreakIterator* it = icu_->words.get();
+  if (!it) return out;
+  const icu::Locale& locale = icu_->locale;
   icu::UnicodeString u =
       icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
   it->setText(u);
@@ -72,12 +96,16 @@ double LookupResultFilter::jaccardIndex(const std::set<std::string>& a, const st
 }
 
 bool LookupResultFilter::keep(std::string_view context, const nlohmann::json& result) const {
+  return keep(Context{context, lowercase(context), std::nullopt}, result);
+}
+
+bool LookupResultFilter::keep(const Context& context, const nlohmann::json& result) const {
   if (!result.is_object()) return true;
   auto found = result.find("lookup_instructions");
   if (found == result.end() || !found->is_object()) return true;
   const nlohmann::json& instructions = *found;
 
-  const std::string lowerContext = lowercase(context);
+  const std::string& lowerContext = context.lower;
   std::map<std::string, double> weights;
   if (auto keywords = instructions.find("keywords"); keywords != instructions.end() && keywords->is_array()) {
     for (const nlohmann::json& k : *keywords) {
@@ -104,7 +132,8 @@ bool LookupResultFilter::keep(std::string_view context, const nlohmann::json& re
   }
   const double minSubjectScore = finiteNumber(instructions, "min_subject_score");
   if (minSubjectScore > 0) {
-    const double index = jaccardIndex(words(text(instructions, "subject")), words(context));
+    if (!context.words) context.words = words(context.text);
+    const double index = jaccardIndex(words(text(instructions, "subject")), *context.words);
     if (index < minSubjectScore) {
       log().debug("dropping lookup result. jaccard index: {:f} min subject score: {:f}", index,
                   minSubjectScore);
@@ -115,7 +144,7 @@ bool LookupResultFilter::keep(std::string_view context, const nlohmann::json& re
 }
 
 std::optional<nlohmann::json> LookupResultFilter::filter(std::string_view context,
-                                                         const nlohmann::json& response) const {
+                                                         nlohmann::json response) const {
   if (response.is_discarded() || response.is_null()) {
     log().notice("no data to process for lookup response. request: {} response: {}", Private(context),
                  Private(std::string("(none)")));
@@ -125,22 +154,17 @@ std::optional<nlohmann::json> LookupResultFilter::filter(std::string_view contex
     log().notice("lookup response is not an array. who knows what this is: {}", Private(response.dump()));
     return std::nullopt;
   }
-  nlohmann::json out = nlohmann::json::array();
-  for (const nlohmann::json& entry : response) {
+  // Results are dropped in place, so kept ones are never copied.
+  const Context prepared{context, lowercase(context), std::nullopt};
+  for (nlohmann::json& entry : response) {
     auto results = entry.is_object() ? entry.find("results") : entry.end();
-    if (!entry.is_object() || results == entry.end() || !results->is_array()) {
-      out.push_back(entry);
-      continue;
-    }
-    nlohmann::json kept = nlohmann::json::array();
-    for (const nlohmann::json& result : *results) {
-      if (keep(context, result)) kept.push_back(result);
-    }
-    nlohmann::json copy = entry;
-    copy["results"] = std::move(kept);
-    out.push_back(std::move(copy));
+    if (!entry.is_object() || results == entry.end() || !results->is_array()) continue;
+    auto& list = results->get_ref<nlohmann::json::array_t&>();
+    list.erase(std::remove_if(list.begin(), list.end(),
+                              [&](const nlohmann::json& result) { return !keep(prepared, result); }),
+               list.end());
   }
-  return out;
+  return response;
 }
 
 }  // namespace vorlen

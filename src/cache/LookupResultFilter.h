@@ -14,9 +14,11 @@
 // (always contained), no keywords; a keyword entry without a string word or a finite weight is skipped. A
 // later keyword with the same word replaces the earlier one.
 //
-// Threading: stateless; safe from any thread.
+// Threading: one filter object is used by one thread at a time (it keeps its ICU word iterator); make one
+// per answer or per thread.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -30,10 +32,12 @@ class LookupResultFilter {
  public:
   // `locale` is an ICU locale identifier ("en_US", "tr_TR").
   explicit LookupResultFilter(std::string locale);
+  ~LookupResultFilter();
+  LookupResultFilter(LookupResultFilter&&) noexcept;
 
   // The answer with the dropped results removed; nothing (after a log line) when `response` holds no data
   // or is not an array. Sections that are not objects with a "results" array are left as they are.
-  std::optional<nlohmann::json> filter(std::string_view context, const nlohmann::json& response) const;
+  std::optional<nlohmann::json> filter(std::string_view context, nlohmann::json response) const;
 
   // Whether one result passes its instructions.
   bool keep(std::string_view context, const nlohmann::json& result) const;
@@ -46,7 +50,16 @@ class LookupResultFilter {
   static double jaccardIndex(const std::set<std::string>& a, const std::set<std::string>& b);
 
  private:
-  std::string locale_;
+  // The query context, lower-cased once, and its word set, made when a result first needs it.
+  struct Context {
+    std::string_view text;
+    std::string lower;
+    mutable std::optional<std::set<std::string>> words;
+  };
+  bool keep(const Context& context, const nlohmann::json& result) const;
+
+  struct Icu;
+  std::unique_ptr<Icu> icu_;
 };
 
 }  // namespace vorlen

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <unordered_set>
 
 #include "base/Log.h"
 
@@ -48,18 +49,119 @@ std::optional<uint64_t> encodingIdOf(const nlohmann::json& value) {
   return std::nullopt;
 }
 
-std::optional<nlohmann::json> parseObject(std::string_view text, const char* what) {
+std::optional<nlohmann::json> parseObject(std::string_view text, const char* what,
+                                          nlohmann::json::parser_callback_t callback = nullptr) {
   if (!jsonNestingWithin(text, kAppWhitelistMaxJsonDepth)) {
     log().error("app whitelist {} nests deeper than {} levels", what, kAppWhitelistMaxJsonDepth);
     return std::nullopt;
   }
-  nlohmann::json json = nlohmann::json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+  nlohmann::json json =
+      nlohmann::json::parse(text.begin(), text.end(), std::move(callback), /*allow_exceptions=*/false);
   if (json.is_discarded() || !json.is_object()) {
     log().error("app whitelist {} is not a JSON object", what);
     return std::nullopt;
   }
   return json;
 }
+
+// Reads the inner document ({"version": text, "apps": {id: [..., {"encoding_id": n}]}}) keeping only what
+// the signature needs: the version and, for each installed app the map lists, its value reduced to an
+// array holding its last element (an object keeps only "encoding_id"; anything else becomes null), or null
+// when the value is not an array. findWhitelistedApplications then applies the entry rules to that map.
+// A later duplicate key replaces an earlier one, as in a parsed document.
+class InnerDocumentReader final : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  explicit InnerDocumentReader(const std::unordered_set<std::string_view>& wanted) : wanted_(wanted) {}
+
+  std::optional<std::string> version;
+  bool sawApps = false, appsIsObject = false, rootIsObject = false;
+  nlohmann::json apps = nlohmann::json::object();
+
+  bool null() override { return scalar(nlohmann::json()); }
+  bool boolean(bool v) override { return scalar(nlohmann::json(v)); }
+  bool number_integer(number_integer_t v) override { return scalar(nlohmann::json(v)); }
+  bool number_unsigned(number_unsigned_t v) override { return scalar(nlohmann::json(v)); }
+  bool number_float(number_float_t v, const string_t&) override { return scalar(nlohmann::json(v)); }
+  bool string(string_t& v) override {
+    if (depth_ == 1 && rootKey_ == kVersion) version = v;
+    // A string id is not a number: kept as a non-number so the entry rules reject it.
+    return scalar(nlohmann::json(v.size() < 64 ? v : std::string()));
+  }
+  bool binary(binary_t&) override { return scalar(nlohmann::json()); }
+  bool start_object(std::size_t) override { return open(true); }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t) override { return open(false); }
+  bool end_array() override { return close(); }
+  bool key(string_t& k) override {
+    if (depth_ == 1) {
+      rootKey_ = k == "version" ? kVersion : k == "apps" ? kApps : kOther;
+      if (rootKey_ == kVersion) version.reset();
+      app_.reset();
+    } else if (depth_ == 2 && rootKey_ == kApps) {
+      app_.reset();
+      if (wanted_.count(std::string_view(k))) app_ = k;
+    } else if (depth_ == 4 && app_ && inLastObject_) {
+      encodingKey_ = k == "encoding_id";
+    }
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+    return false;
+  }
+
+ private:
+  enum RootKey { kNone, kVersion, kApps, kOther };
+
+  // depth_ counts the containers around the value being read.
+  bool scalar(nlohmann::json value) {
+    if (depth_ == 1 && rootKey_ == kApps) sawApps = true, appsIsObject = false;
+    if (depth_ == 2 && app_) apps[*app_] = nullptr;  // not an array
+    if (depth_ == 3 && app_ && arrayOpen_) hasElement_ = true, inLastObject_ = false, last_ = nullptr;
+    if (depth_ == 4 && app_ && inLastObject_ && encodingKey_)
+      last_ = nlohmann::json{{"encoding_id", std::move(value)}};
+    return true;
+  }
+  bool open(bool object) {
+    if (depth_ == 0) rootIsObject = object;
+    if (depth_ == 1) {
+      app_.reset();
+      if (rootKey_ == kApps) sawApps = true, appsIsObject = object, apps = nlohmann::json::object();
+    }
+    if (depth_ == 2 && app_) {
+      if (object)
+        apps[*app_] = nullptr;
+      else
+        arrayOpen_ = true, hasElement_ = false, last_ = nullptr;
+    }
+    if (depth_ == 3 && app_ && arrayOpen_) {
+      hasElement_ = true;
+      inLastObject_ = object;
+      last_ = object ? nlohmann::json::object() : nlohmann::json();
+    }
+    if (depth_ == 4 && app_ && inLastObject_ && encodingKey_)
+      last_ = nlohmann::json{{"encoding_id", nullptr}};
+    encodingKey_ = false;
+    ++depth_;
+    return true;
+  }
+  bool close() {
+    --depth_;
+    if (depth_ == 3 && app_) inLastObject_ = false;
+    if (depth_ == 2 && app_ && arrayOpen_) {
+      apps[*app_] = hasElement_ ? nlohmann::json::array({last_}) : nlohmann::json::array();
+      arrayOpen_ = false;
+    }
+    if (depth_ == 1) app_.reset();
+    return true;
+  }
+
+  const std::unordered_set<std::string_view>& wanted_;
+  int depth_ = 0;
+  RootKey rootKey_ = kNone;
+  std::optional<std::string> app_;
+  bool arrayOpen_ = false, hasElement_ = false, inLastObject_ = false, encodingKey_ = false;
+  nlohmann::json last_;
+};
 
 }  // namespace
 
@@ -254,16 +356,30 @@ std::optional<std::string> processWhitelist(std::span<const uint8_t> file,
     return std::nullopt;
   }
   const std::string& innerText = apps->get_ref<const std::string&>();
-  auto inner = parseObject(innerText, "apps text");
-  if (!inner) return std::nullopt;
-  auto version = inner->find("version");
-  auto map = inner->find("apps");
-  if (version == inner->end() || !version->is_string() || map == inner->end() || !map->is_object()) {
+  // Only the entries of installed apps are kept while parsing: a list of tens of thousands of apps then
+  // costs a scan, not a document of tens of thousands of objects.
+  std::unordered_set<std::string_view> wanted;
+  for (const InstalledApplication& app : installed)
+    if (!app.bundleIdentifier.empty() && !app.bundleVersion.empty()) wanted.insert(app.bundleIdentifier);
+  if (!jsonNestingWithin(innerText, kAppWhitelistMaxJsonDepth)) {
+    log().error("app whitelist {} nests deeper than {} levels", "apps text", kAppWhitelistMaxJsonDepth);
+    return std::nullopt;
+  }
+  InnerDocumentReader reader(wanted);
+  const bool parsed =
+      nlohmann::json::sax_parse(innerText, &reader, nlohmann::json::input_format_t::json, true);
+  if (!parsed || !reader.rootIsObject) {
+    log().error("app whitelist {} is not a JSON object", "apps text");
+    return std::nullopt;
+  }
+  if (!reader.version || !reader.sawApps || !reader.appsIsObject) {
     log().error("app whitelist apps text needs a \"version\" text and an \"apps\" object");
     return std::nullopt;
   }
+  const nlohmann::json& map = reader.apps;
+  const std::string& versionText = *reader.version;
   size_t skipped = 0;
-  std::vector<uint64_t> ids = findWhitelistedApplications(*map, installed, &skipped);
+  std::vector<uint64_t> ids = findWhitelistedApplications(map, installed, &skipped);
   if (skipped)
     log().error("app whitelist: skipped {} installed apps whose entry has no valid encoding_id", skipped);
   if (ids.empty()) {
@@ -273,8 +389,7 @@ std::optional<std::string> processWhitelist(std::span<const uint8_t> file,
   std::vector<uint8_t> bitmap = makeBitmap(ids);
   std::vector<uint8_t> compressed;
   const bool flag = rle_compress(bitmap, compressed);
-  return makeSignature(static_cast<uint16_t>(bitmap.size()), compressed, flag,
-                       version->get_ref<const std::string&>());
+  return makeSignature(static_cast<uint16_t>(bitmap.size()), compressed, flag, versionText);
 }
 
 }  // namespace vorlen

@@ -560,7 +560,7 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
   endNetworkFeedback(query, *response, data.size(), metrics);
   std::optional<nlohmann::json> filtered;
   if (query.lookupRequest && assembly_->lookup)
-    filtered = assembly_->lookup->filterLookupResultsWithRequest(*query.lookupRequest, body);
+    filtered = assembly_->lookup->filterLookupResultsWithRequest(*query.lookupRequest, std::move(body));
   std::vector<uint8_t> filteredData;
   if (filtered) {
     std::string text = filtered->dump();

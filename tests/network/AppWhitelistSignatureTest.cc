@@ -237,5 +237,48 @@ TEST(AppWhitelistSignatureTest, BadFilesGiveNoSignatureAndALogLine) {
               kInstalled));
 }
 
+// The file reader keeps only installed apps' entries while it parses; it must answer exactly what the
+// rules give on the whole parsed document.
+std::optional<std::string> referenceSignature(const std::string& inner,
+                                              const std::vector<InstalledApplication>& installed) {
+  nlohmann::json doc = nlohmann::json::parse(inner, nullptr, false);
+  if (doc.is_discarded() || !doc.is_object()) return std::nullopt;
+  auto version = doc.find("version");
+  auto apps = doc.find("apps");
+  if (version == doc.end() || !version->is_string() || apps == doc.end() || !apps->is_object())
+    return std::nullopt;
+  std::vector<uint64_t> ids = findWhitelistedApplications(*apps, installed);
+  if (ids.empty()) return std::nullopt;
+  std::vector<uint8_t> bitmap = makeBitmap(ids), compressed;
+  bool flag = rle_compress(bitmap, compressed);
+  return makeSignature(static_cast<uint16_t>(bitmap.size()), compressed, flag, version->get<std::string>());
+}
+
+TEST(AppWhitelistSignatureTest, ReadingOnlyInstalledEntriesAgreesWithTheWholeDocument) {
+  ScopedLogCapture quiet;
+  const char* inners[] = {
+      R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 9}], "org.example.Maps": []}})",
+      R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 9}, [1]]}})",
+      R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 9}, {"encoding_id": {"n": 3}}]}})",
+      R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 9, "encoding_id": 4}]}})",
+      R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 9}], "org.example.Notes": 5}})",
+      R"({"version": "0a1b", "apps": {"org.example.Notes": [{"deep": {"encoding_id": 2}}, {"x": [{"encoding_id": 1}], "encoding_id": 12}]}})",
+      R"({"apps": {"org.example.Maps": [{"encoding_id": 3}]}, "version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 1}]}})",
+      R"({"apps": {"org.example.Maps": [{"encoding_id": 3}]}, "apps": 1, "version": "0a1b"})",
+      R"({"version": "0a1b", "other": {"org.example.Notes": [{"encoding_id": 30}]}, "apps": {"org.example.Maps": [{"encoding_id": 7}]}})",
+      R"({"version": "0a1b", "apps": {"org.example.Maps": [{"encoding_id": 7}]}, "other": {"org.example.Notes": [{"encoding_id": 30}]}})",
+      R"({"version": 3, "apps": {"org.example.Maps": [{"encoding_id": 7}]}, "version": "0a1b"})",
+      R"({"version": "0a1b", "apps": {"org.example.Maps": [{"encoding_id": 7}]}, "version": ["0a1b"]})",
+      R"({"version": "0a1b", "apps": {"org.example.Maps": {"encoding_id": 7}, "org.example.Notes": [{"encoding_id": "7"}]}})",
+      R"({"version": "0a1b", "apps": {"org.example.NoVersion": [{"encoding_id": 7}], "org.example.Maps": [null, {"encoding_id": 2.0}]}})",
+      R"([{"version": "0a1b"}])",
+  };
+  for (const char* inner : inners) {
+    SCOPED_TRACE(inner);
+    std::string file = allowList(inner);
+    EXPECT_EQ(process(file, kInstalled), referenceSignature(inner, kInstalled));
+  }
+}
+
 }  // namespace
 }  // namespace vorlen
