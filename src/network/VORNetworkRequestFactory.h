@@ -134,7 +134,8 @@ class VORNetworkRequestFactory final : public LocationDelegate,
   void setPerformedSearch();
   // The subscription dictionaries, sent as JSON text ("X-Velmo-Subscriptions"); an empty list clears it.
   void subscriptionManagerDidUpdateSubscriptionDictionaries(const Value::Array& dictionaries) override;
-  void subscriptionManagerDidUpdateStorefrontIdentifier(const std::optional<std::string>& storefront) override;
+  void subscriptionManagerDidUpdateStorefrontIdentifier(
+      const std::optional<std::string>& storefront) override;
   // The installed-apps allow-list signature ("X-Velmo-Whitelisted-App-Signature").
   void setAppWhitelistSignature(const std::optional<std::string>& signature);
 

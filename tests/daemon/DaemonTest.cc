@@ -75,7 +75,8 @@ TEST_F(DaemonTest, SubscriptionsLookUpAndTheAppAllowListJoinTheGraph) {
   auto store = std::make_shared<test::FakeMediaStore>(platform.notificationCenter);
   store->setStorefront("143441-1,29");
   platform.mediaStore = store;
-  platform.installedApplications = std::make_shared<test::FakeInstalledApplications>(platform.notificationCenter);
+  platform.installedApplications =
+      std::make_shared<test::FakeInstalledApplications>(platform.notificationCenter);
   Daemon daemon(platform);
   auto assembly = daemon.start();
   ASSERT_TRUE(assembly);
