@@ -14,13 +14,16 @@
 #include "base/Log.h"
 #include "base/Transaction.h"
 #include "cache/EngagedCompletionCache.h"
+#include "cache/Lookup.h"
 #include "download/VorlenDownloadManager.h"
 #include "feedback/ClientSessionManager.h"
 #include "ipc/IpcListener.h"
+#include "network/AppWhitelistController.h"
 #include "network/HttpSessions.h"
 #include "network/LocationManager.h"
 #include "network/VORNetworkRequestFactory.h"
 #include "network/VorlenBagController.h"
+#include "network/VorlenSubscriptionManager.h"
 #include "platform/PlatformChangeMonitor.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
@@ -71,9 +74,17 @@ std::shared_ptr<Assembly> Daemon::start() {
   //    then, and every user tolerates an empty slot.
   assembly->locationManager = LocationManager::create(*assembly);
   assembly->requestFactory = VORNetworkRequestFactory::create(*assembly);
-  // Resource files. Look-up hints are fetched only while the look-up component allows it; until that
-  // component is in the graph (its hooks unset), the hints files are skipped and the rest is fetched.
-  assembly->downloadManager = VorlenDownloadManager::create(assembly);
+  assembly->subscriptionManager = VorlenSubscriptionManager::create(*assembly, assembly->requestFactory);
+  // Resource files. Look-up hints are fetched only while the look-up component allows it; that component
+  // joins the graph later (step 6), so the hooks read its slot when they are asked.
+  VorlenDownloadManager::Settings downloads;
+  std::weak_ptr<Assembly> weakAssembly = assembly;
+  downloads.lookupEnabled = [weakAssembly] {
+    auto a = weakAssembly.lock();
+    return a && a->lookup && a->lookup->lookupEnabled();
+  };
+  downloads.signatureFromURL = [](const std::string& url) { return Lookup::signatureFromURL(url); };
+  assembly->downloadManager = VorlenDownloadManager::create(assembly, std::move(downloads));
   // Uploads: the upload session takes the upload manager as its delegate at first use, so it exists first.
   assembly->uploadManager = UploadManager::create(*assembly);
   // The session files: every file's first record is the daemon's own user agent. The scan of files left
@@ -88,13 +99,15 @@ std::shared_ptr<Assembly> Daemon::start() {
   // 5. One launch per process start.
   VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.launch");
 
-  // 6. Look-up joins here as it is built; then the bag controller (which installs the disk bag at once)
-  //    and the client states.
+  // 6. Look-up; then the bag controller (which installs the disk bag at once), the client states and the
+  //    app allow-list controller (which reads the allow-list through the download manager).
+  assembly->lookup = Lookup::create(*assembly);
   bagController_ = VorlenBagController::create(assembly);
   assembly->bagController = bagController_;
   assembly->clientStateManager = ClientStateManager::create(assembly);
-  // 7. Silhouette topics, any property-list value, handed over unchanged. The allow-list and the custom
-  //    flusher join here as they are built.
+  assembly->appWhitelistController = AppWhitelistController::create(*assembly);
+  // 7. Silhouette topics, any property-list value, handed over unchanged. The custom flusher joins here as
+  //    it is built.
   if (Value silhouette = defaults->object("silhouette"); !silhouette.isNull())
     assembly->requestFactory->setSilhouetteTopics(silhouette);
 

@@ -38,6 +38,7 @@
 #include "model/VORRequest.h"
 #include "model/VORSessionConfiguration.h"
 #include "network/HttpRequest.h"
+#include "network/SubscriptionManager.h"
 #include "network/VorlenURLRequestBuilder.h"
 #include "platform/GeoSession.h"
 #include "platform/LocationProvider.h"
@@ -64,6 +65,7 @@ struct VORRequestClient {
 };
 
 class VORNetworkRequestFactory final : public LocationDelegate,
+                                       public SubscriptionManagerDelegate,
                                        public std::enable_shared_from_this<VORNetworkRequestFactory> {
  public:
   // Query item that carries a field mask (the response fields a client asks for), added with default
@@ -131,8 +133,9 @@ class VORNetworkRequestFactory final : public LocationDelegate,
   // Freezes the current location's full coordinates as the look-up location ("X-Velmo-FuzzedLatLong").
   void setPerformedSearch();
   // The subscription dictionaries, sent as JSON text ("X-Velmo-Subscriptions"); an empty list clears it.
-  void subscriptionManagerDidUpdateSubscriptionDictionaries(const Value::Array& dictionaries);
-  void subscriptionManagerDidUpdateStorefrontIdentifier(const std::optional<std::string>& storefront);
+  void subscriptionManagerDidUpdateSubscriptionDictionaries(const Value::Array& dictionaries) override;
+  void subscriptionManagerDidUpdateStorefrontIdentifier(
+      const std::optional<std::string>& storefront) override;
   // The installed-apps allow-list signature ("X-Velmo-Whitelisted-App-Signature").
   void setAppWhitelistSignature(const std::optional<std::string>& signature);
 

@@ -6,16 +6,20 @@
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "platform/DevicePowerState.h"
+#include "platform/DataDetectorStore.h"
 #include "platform/DeviceProperties.h"
 #include "platform/DeviceRestrictions.h"
 #include "platform/FileSystem.h"
 #include "platform/GeoConfiguration.h"
 #include "platform/GeoSession.h"
 #include "platform/InProcessActivityScheduler.h"
+#include "platform/InstalledApplications.h"
 #include "platform/InteractionDonor.h"
 #include "platform/LocaleProvider.h"
 #include "platform/LocationProvider.h"
+#include "platform/MediaStore.h"
 #include "platform/PlatformChangeMonitor.h"
+#include "platform/SubscriptionRegistry.h"
 #include "platform/SystemNotifier.h"
 
 namespace vorlen {
@@ -52,9 +56,21 @@ Platform Platform::forLinux(const Paths& paths) {
     p.geoSession = std::make_shared<LinuxGeoSession>();
     p.geo = geo;
     p.restrictions = restrictions;
+    auto apps = std::make_shared<XdgInstalledApplications>(
+        XdgInstalledApplications::dataDirsFromEnvironment(), p.notificationCenter);
+    auto subscriptions = std::make_shared<FileSubscriptionRegistry>(
+        paths.configDir / FileSubscriptionRegistry::kFileName, p.notificationCenter);
+    auto mediaStore = std::make_shared<PreferencesMediaStore>(defaults, p.notificationCenter);
+    p.installedApplications = apps;
+    p.subscriptionRegistry = subscriptions;
+    p.mediaStore = mediaStore;
+    p.dataDetectors = std::make_shared<FileDataDetectorStore>(paths.cachesDir / "datadetectors");
     p.changeMonitor = PlatformChangeMonitor::create(
-        p.clock, {[locale] { locale->checkForChanges(); }, [geo] { geo->checkForChanges(); },
-                  [location] { location->checkForChanges(); }, [restrictions] { restrictions->checkForChanges(); }});
+        p.clock,
+        {[locale] { locale->checkForChanges(); }, [geo] { geo->checkForChanges(); },
+         [location] { location->checkForChanges(); }, [restrictions] { restrictions->checkForChanges(); },
+         [apps] { apps->checkForChanges(); }, [subscriptions] { subscriptions->checkForChanges(); },
+         [mediaStore] { mediaStore->checkForChanges(); }});
     p.changeMonitor->start();
   }
   return p;
@@ -78,6 +94,7 @@ Platform Platform::forTesting(const std::filesystem::path& root, std::shared_ptr
   p.restrictions = std::make_shared<FakeDeviceRestrictions>(p.notificationCenter);
   p.fileSystem = linuxFileSystem();
   p.activityScheduler = InProcessActivityScheduler::create(p.clock);
+  p.dataDetectors = std::make_shared<FileDataDetectorStore>(p.paths.cachesDir / "datadetectors");
   return p;
 }
 

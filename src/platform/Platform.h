@@ -25,6 +25,10 @@ class DeviceRestrictions;
 class PlatformChangeMonitor;
 class FileSystem;
 class BackgroundActivityScheduler;
+class InstalledApplications;
+class SubscriptionRegistry;
+class MediaStore;
+class DataDetectorStore;
 
 struct Platform {
   Paths paths;
@@ -52,6 +56,14 @@ struct Platform {
   // Grants background work periods, on `clock`. Linux: in-process, with the battery and idle-hint
   // conditions of the device; tests: the same on their clock, every device condition met.
   std::shared_ptr<BackgroundActivityScheduler> activityScheduler;
+  // The installed-applications registry (posts kPlatformInstalledApplicationsDidChangeNotification), the
+  // TV-provider subscription registry, the media store's account status and storefront, and the
+  // data-detector service of look-up hints. Null in forTesting() except the data-detector store (real
+  // files under the test's caches folder); tests that need the others set fakes.
+  std::shared_ptr<InstalledApplications> installedApplications;
+  std::shared_ptr<SubscriptionRegistry> subscriptionRegistry;
+  std::shared_ptr<MediaStore> mediaStore;
+  std::shared_ptr<DataDetectorStore> dataDetectors;
 
   // Linux services for the given folders (which must exist). The counters persist to
   // <caches>/counters.plist.

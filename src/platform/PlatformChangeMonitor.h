@@ -1,4 +1,5 @@
 // PlatformChangeMonitor: runs the change checks of the Linux platform adapters (locale, geo configuration,
+// installed applications, subscriptions, media store,
 // location, restrictions) every kInterval on its own queue, so that an edit of the preferences behind them
 // is announced without a signal. checkNow() runs them at once (the daemon's SIGHUP handler calls it).
 //

@@ -17,6 +17,7 @@
 #include "base/Queue.h"
 #include "cache/CachedResultSet.h"
 #include "cache/EngagedCompletionCache.h"
+#include "cache/Lookup.h"
 #include "cache/QueryCache.h"
 #include "feedback/ClientCounterName.h"
 #include "feedback/ClientSessionManager.h"
@@ -123,6 +124,8 @@ struct ClientState::NetworkQuery {
   Uuid uuid = Uuid::random();
   // Error code of an answer that is not an HTTP response.
   int64_t invalidResponseCode = 500;
+  // A look-up: its answer is filtered by the per-result instructions before it is replied.
+  std::shared_ptr<const VORLookupRequest> lookupRequest;
 };
 
 std::shared_ptr<ClientState> ClientState::create(std::string identifier, std::shared_ptr<Assembly> assembly) {
@@ -582,7 +585,15 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
   }
   if (query.cacheInput && body.is_object()) _cacheResponse(body, data, query.http, *query.cacheInput, query.uuid);
   endNetworkFeedback(query, *response, data.size(), metrics);
-  VORReply answer = _makeReply(request, &query.http, &*response, data, false);
+  std::optional<nlohmann::json> filtered;
+  if (query.lookupRequest && assembly_->lookup)
+    filtered = assembly_->lookup->filterLookupResultsWithRequest(*query.lookupRequest, std::move(body));
+  std::vector<uint8_t> filteredData;
+  if (filtered) {
+    std::string text = filtered->dump();
+    filteredData.assign(text.begin(), text.end());
+  }
+  VORReply answer = _makeReply(request, &query.http, &*response, filtered ? filteredData : data, false);
   if (reply) reply(request.queryId, std::move(answer), std::nullopt);
   _forceFetchBagIfAsked(*response);
 }
@@ -739,6 +750,7 @@ void ClientState::lookup(std::shared_ptr<const VORLookupRequest> request, QueryR
       request->hintDomain, kEndpointCard);
   network->log = &log;
   network->gotResponseText = "Got network response for lookup query";
+  network->lookupRequest = request;
   _sendNetworkQuery(network, std::move(reply));
   _setPerformedSearch();
   _markNetworkRequest();

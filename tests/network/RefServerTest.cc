@@ -186,8 +186,10 @@ TEST_F(RefServerTest, OneSearchEndpointTellsZeroKeywordAndLookUpApart) {
   EXPECT_EQ(zkw["query"], "");
   EXPECT_EQ(zkw["suggestions"].size(), 5u);
   auto lookup = json(send("GET", "/search?q=Serendipity&ltype=explicit"));
-  EXPECT_EQ(lookup["query"], "serendipity");
-  EXPECT_TRUE(lookup["results"][0].contains("definition"));
+  ASSERT_TRUE(lookup.is_array());  // sections
+  EXPECT_EQ(lookup[0]["query"], "serendipity");
+  EXPECT_TRUE(lookup[0]["results"][0].contains("definition"));
+  EXPECT_EQ(lookup[0]["results"][1]["lookup_instructions"]["completion"], "serendipity");
   EXPECT_EQ(json(send("GET", "/more?q=news"))["results"].size(), 5u);
   EXPECT_EQ(json(send("GET", "/card?q=news"))["card"]["title"], "news");
   auto flight = json(send("GET", "/flight?q=VL-123"));

@@ -7,6 +7,7 @@
 
 #include "base/Log.h"
 #include "cache/EngagedCompletionCache.h"
+#include "cache/Lookup.h"
 #include "cache/QueryCache.h"
 #include "client/VorlenClient.h"
 #include "network/HttpSessions.h"
@@ -384,13 +385,32 @@ TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
   lookup.queryString = "serendipity";
   lookup.lookupSelectionType = 1;
   auto answer = ask(c, lookup);
-  EXPECT_EQ(body(answer)["query"], "serendipity");
+  EXPECT_EQ(body(answer)[0]["query"], "serendipity");
   EXPECT_EQ(countOf("VORLookupStartNetworkSearchFeedback"), 1u);
 
   lookup.queryItems.push_back(queryItem("ref_delay_ms", "2000"));
   auto late = ask(c, lookup);
   ASSERT_TRUE(late.error);
   EXPECT_EQ(late.error->code, HttpError::kTimedOut);
+}
+
+TEST_F(ClientStateQueryTest, LookUpAnswersAreFilteredByTheirInstructions) {
+  assembly->lookup = Lookup::create(*assembly);
+  auto c = configured();
+  VORLookupRequest lookup;
+  lookup.queryId = 1;
+  lookup.queryString = "serendipity";
+  lookup.lookupContext = "A moment of pure SERENDIPITY in the old bookshop";
+  auto inContext = body(ask(c, lookup));
+  ASSERT_TRUE(inContext.is_array()) << inContext.dump();
+  EXPECT_EQ(inContext[0]["results"].size(), 2u) << "the context contains the completion";
+
+  lookup.queryId = 2;
+  lookup.lookupContext = "an unrelated sentence";
+  auto elsewhere = body(ask(c, lookup));
+  ASSERT_EQ(elsewhere[0]["results"].size(), 1u);
+  EXPECT_EQ(elsewhere[0]["results"][0]["title"], "serendipity");
+  EXPECT_EQ(elsewhere[0]["query"], "serendipity") << "the rest of the answer is untouched";
 }
 
 TEST_F(ClientStateQueryTest, FlightsCanBeServedFromDebugData) {

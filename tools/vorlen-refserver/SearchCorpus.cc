@@ -180,8 +180,12 @@ Json SearchCorpus::lookup(std::string_view query, const std::string& base) {
   body["status"] = "OK";
   body["results"] = Json::array({Json{{"title", lower(query)},
                                       {"definition", "What " + lower(query) + " means."},
-                                      {"url", base + "/r/" + slug(lower(query)) + "/lookup"}}});
-  return body;
+                                      {"url", base + "/r/" + slug(lower(query)) + "/lookup"}},
+                                 Json{{"title", lower(query) + " in context"},
+                                      {"definition", "What " + lower(query) + " means where you read it."},
+                                      {"url", base + "/r/" + slug(lower(query)) + "/lookup-context"},
+                                      {"lookup_instructions", Json{{"completion", lower(query)}}}}});
+  return Json::array({body});
 }
 
 Json SearchCorpus::flights(std::string_view query) {

@@ -42,6 +42,9 @@ class SearchCorpus {
   static nlohmann::ordered_json zeroKeyword(int maxAge, const std::string& base);
   static nlohmann::ordered_json moreResults(std::string_view query, const std::string& base);
   static nlohmann::ordered_json card(std::string_view query, const std::string& base);
+  // A look-up answer: an array of one section {"query", "status", "results"}. Its second result carries
+  // look-up instructions asking that the query context contain the query ("completion"), so a daemon that
+  // filters by instructions keeps it only for a look-up made in such a context.
   static nlohmann::ordered_json lookup(std::string_view query, const std::string& base);
   // Flights answer a query of the form CARRIER-NUMBER ("VL-123"); anything else gets an empty list.
   static nlohmann::ordered_json flights(std::string_view query);
