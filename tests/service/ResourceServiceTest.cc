@@ -7,12 +7,15 @@
 
 #include "client/VorlenClient.h"
 #include "download/VorlenDownloadManager.h"
+#include "model/VORRequest.h"
+#include "network/AppWhitelistController.h"
 #include "network/HttpSessions.h"
 #include "network/HttpTestSupport.h"
 #include "network/VORNetworkRequestFactory.h"
 #include "network/VorlenBagController.h"
 #include "network/VorlenUserGUIDController.h"
 #include "service/ServiceTestSupport.h"
+#include "support/PlatformFakes.h"
 #include "support/TempDir.h"
 #include "support/WaitCounter.h"
 #include "vorlen-refserver/RefServer.h"
@@ -34,6 +37,7 @@ class ResourceServiceTest : public test::ServiceFixture {
   }
   void TearDown() override {
     client.reset();
+    if (assembly) assembly->appWhitelistController.reset();
     ServiceFixture::TearDown();
   }
 
@@ -50,6 +54,11 @@ class ResourceServiceTest : public test::ServiceFixture {
     assembly->downloadManager = downloads;
     bags = VorlenBagController::create(assembly);
     assembly->bagController = bags;
+    // Two of the sample allow-list's applications are installed.
+    auto apps = std::make_shared<test::FakeInstalledApplications>();
+    apps->setApplications({{"firefox", ""}, {"thunderbird", ""}});
+    assembly->platform.installedApplications = apps;
+    assembly->appWhitelistController = AppWhitelistController::create(*assembly);
   }
 
   void connectClient() {
@@ -138,6 +147,25 @@ TEST_F(ResourceServiceTest, BagResourcesReachClientsAndDroppedOnesDisappear) {
   EXPECT_EQ(heardEvents().back(), "deleted lookup_hints_monthly");
   EXPECT_FALSE(std::filesystem::exists(downloads->resourcesFolder() / kMonthly));
   EXPECT_TRUE(std::filesystem::exists(downloads->resourcesFolder() / kAllowList));
+}
+
+TEST_F(ResourceServiceTest, TheArrivingAllowListGivesRequestsTheInstalledAppsSignature) {
+  connectClient();
+  auto signature = [&] { return assembly->appWhitelistController->whitelistSignature(); };
+  EXPECT_FALSE(signature()) << "no allow-list yet, no signature";
+  ASSERT_TRUE(eventually([&] { return downloads->allResources().size() == 3; }));
+  clock->advance(std::chrono::seconds(60));
+  ASSERT_TRUE(eventually([&] { return signature().has_value(); }));
+  EXPECT_FALSE(signature()->empty());
+
+  VORSearchRequest search;
+  search.queryId = 1;
+  search.queryString = "firefox";
+  ASSERT_TRUE(client->request(search).ok());
+  std::string sent;
+  for (const auto& r : server.requests())
+    if (r.path == "/search") sent = r.header("X-Velmo-Whitelisted-App-Signature");
+  EXPECT_EQ(sent, *signature());
 }
 
 }  // namespace
