@@ -1,4 +1,4 @@
-// ClientReplyDecoder: the strict reading of the daemon's replies, and the values they carry.
+// ClientReplyDecoder: the strict reading of the daemon's replies into the values of ClientReplies.h.
 //
 // Each decoder takes the reply message of one operation and checks it completely before anything is
 // handed out: the exact number of arguments, the type of each, every record through its class's
