@@ -12,11 +12,28 @@
 
 namespace {
 
-void usage() {
-  std::fprintf(stderr,
-               "usage: vorlend [--idle-exit SECONDS]\n"
-               "  Folders come from XDG_RUNTIME_DIR, XDG_CONFIG_HOME, XDG_CACHE_HOME and TMPDIR;\n"
-               "  the service socket from VORLEND_SOCKET; the log level from VORLEND_LOG_LEVEL.\n");
+void usage(std::FILE* out) {
+  std::fprintf(
+      out,
+      "usage: vorlend [--idle-exit SECONDS]\n"
+      "       vorlend --version | --help\n"
+      "\n"
+      "The on-device search daemon. It serves the client library and vorlenctl on a Unix socket,\n"
+      "keeps the bag and the search caches, and sends feedback in the background. Normally started\n"
+      "on demand by the systemd user units vorlend.socket and vorlend.service.\n"
+      "\n"
+      "  --idle-exit SECONDS  exit after SECONDS without clients (socket activation starts it again)\n"
+      "  --version            print the version and exit\n"
+      "  -h, --help           print this help and exit\n"
+      "\n"
+      "Environment:\n"
+      "  XDG_RUNTIME_DIR, XDG_CONFIG_HOME, XDG_CACHE_HOME, TMPDIR  where its folders are\n"
+      "  VORLEND_SOCKET     the service socket (default $XDG_RUNTIME_DIR/vorlend/com.velmo.vorlend)\n"
+      "  VORLEND_LOG_LEVEL  debug, info, default, error or fault (default info)\n"
+      "  VORLEND_LOG_PRIVATE=1  write user data in log lines instead of <private>\n"
+      "\n"
+      "Exit status: 0 after a clean stop, 1 when it cannot start, 2 for bad arguments.\n"
+      "See vorlend(8) and vorlenctl(1).\n");
 }
 
 }  // namespace
@@ -34,11 +51,14 @@ int main(int argc, char** argv) {
       }
       options.idleExitSeconds = v;
     } else if (a == "-h" || a == "--help") {
-      usage();
+      usage(stdout);
+      return 0;
+    } else if (a == "--version") {
+      std::printf("vorlend %s\n", VORLEN_VERSION);
       return 0;
     } else {
       std::fprintf(stderr, "vorlend: unknown argument '%s'\n", argv[i]);
-      usage();
+      usage(stderr);
       return 2;
     }
   }

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <random>
 
+#include "base/UniqueFd.h"
+
 namespace vorlen {
 
 namespace {
@@ -46,6 +48,20 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const uint
   if (::rename(tmp.c_str(), path.c_str()) != 0) {
     if (error) *error = "rename to " + path.string() + ": " + errnoText(errno);
     ::unlink(tmp.c_str());
+    return false;
+  }
+  // The file is in place; a folder that cannot be synced only leaves the rename less durable.
+  return syncDirectory(path.has_parent_path() ? path.parent_path() : std::filesystem::path("."), error);
+}
+
+bool syncDirectory(const std::filesystem::path& dir, std::string* error) {
+  UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) {
+    if (error) *error = "open folder " + dir.string() + ": " + errnoText(errno);
+    return false;
+  }
+  if (::fsync(fd.get()) != 0) {
+    if (error) *error = "sync folder " + dir.string() + ": " + errnoText(errno);
     return false;
   }
   return true;

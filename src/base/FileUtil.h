@@ -13,11 +13,16 @@
 
 namespace vorlen {
 
-// Writes `bytes` to a temporary file beside `path` (mode 0600), fsyncs it and renames it over `path`.
-// Returns false, leaving any old file intact and no temporary behind, on failure; *error gets the reason.
+// Writes `bytes` to a temporary file beside `path` (mode 0600), fsyncs it, renames it over `path` and
+// fsyncs the folder, so that the new name survives a power cut as well as the new content. Returns false,
+// leaving any old file intact and no temporary behind, on failure; *error gets the reason.
 bool writeFileAtomically(const std::filesystem::path& path, std::span<const uint8_t> bytes,
                          std::string* error = nullptr);
 bool writeFileAtomically(const std::filesystem::path& path, std::string_view text, std::string* error = nullptr);
+
+// fsyncs the folder `dir`, which makes the renames and creations done in it durable. False, with the
+// reason in *error, when the folder cannot be opened or synced.
+bool syncDirectory(const std::filesystem::path& dir, std::string* error = nullptr);
 
 // The whole file, or nullopt when it cannot be opened or read. `maxBytes` bounds what is accepted.
 std::optional<std::vector<uint8_t>> readWholeFile(const std::filesystem::path& path,

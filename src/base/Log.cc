@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "base/Preferences.h"
 
@@ -29,7 +30,9 @@ const char* const kCategoryNames[VorlenLoggingCategoryCount] = {
     "Vorlen_UploadManager",
 };
 
-LogLevel levelFromEnvironment() {
+// The threshold named by VORLEND_LOG_LEVEL; info when it is unset or unknown. An unknown name is left in
+// *unknown, to be reported once the log can write.
+LogLevel levelFromEnvironment(std::string* unknown) {
   const char* v = std::getenv("VORLEND_LOG_LEVEL");
   if (!v) return LogLevel::Info;
   static const std::pair<const char*, LogLevel> names[] = {{"debug", LogLevel::Debug},
@@ -39,15 +42,45 @@ LogLevel levelFromEnvironment() {
                                                            {"fault", LogLevel::Fault}};
   for (auto& [n, l] : names)
     if (strcasecmp(v, n) == 0) return l;
+  *unknown = v;
   return LogLevel::Info;
 }
 
+// "2026-01-02T03:04:05.678Z": UTC with milliseconds, so that lines of several processes sort together.
+std::string utcTimestamp() {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  tm parts{};
+  ::gmtime_r(&now.tv_sec, &parts);
+  char text[40];
+  size_t n = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  return fmt::format("{}.{:03d}Z", std::string_view(text, n), static_cast<int>(now.tv_nsec / 1000000));
+}
+
+// Line breaks and other control characters written as escapes, so that one message stays one line.
+void appendEscaped(std::string& out, std::string_view message) {
+  for (char c : message) {
+    unsigned char u = static_cast<unsigned char>(c);
+    if (c == '\n')
+      out += "\\n";
+    else if (c == '\r')
+      out += "\\r";
+    else if (u < 0x20 && c != '\t')
+      out += fmt::format("\\x{:02x}", u);
+    else
+      out += c;
+  }
+}
+
+// One line per message: "<UTC time> vorlend[<pid>] <<level>> <category>: <message>".
 class StderrSink final : public LogSink {
  public:
   void write(const LogRecord& r) override {
-    std::string line = fmt::format("vorlend[{}] <{}> {}{}{}\n", ::getpid(), logLevelName(r.level),
-                                   r.category.empty() ? "" : r.category, r.category.empty() ? "" : ": ",
-                                   r.message);
+    std::string line =
+        fmt::format("{} vorlend[{}] <{}> {}{}", utcTimestamp(), ::getpid(), logLevelName(r.level),
+                    r.category.empty() ? "" : r.category, r.category.empty() ? "" : ": ");
+    appendEscaped(line, r.message);
+    line += '\n';
     // One write per line so that lines of concurrent threads never interleave.
     ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
     (void)ignored;
@@ -81,14 +114,26 @@ bool privateFromEnvironment() {
 }
 
 struct LogState {
+  std::string unknownLevel;
   std::mutex mu;
   std::shared_ptr<LogSink> sink = automaticSink();
-  std::atomic<int> threshold{static_cast<int>(levelFromEnvironment())};
+  std::atomic<int> threshold{static_cast<int>(levelFromEnvironment(&unknownLevel))};
   std::atomic<bool> privateData{privateFromEnvironment()};
 };
 
 LogState& state() {
-  static LogState* s = new LogState;  // never destroyed: logging stays valid during static teardown
+  // Never destroyed: logging stays valid during static teardown. Built once per process, so a bad
+  // VORLEND_LOG_LEVEL is reported once, whatever the threshold.
+  static LogState* s = [] {
+    auto* built = new LogState;
+    if (!built->unknownLevel.empty()) {
+      built->sink->write(LogRecord{LogLevel::Error, "",
+                                   fmt::format("unknown VORLEND_LOG_LEVEL \"{}\", using info (debug, info, "
+                                               "default, error or fault)",
+                                               built->unknownLevel)});
+    }
+    return built;
+  }();
   return *s;
 }
 

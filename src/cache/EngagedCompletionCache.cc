@@ -193,6 +193,7 @@ void EngagedCompletionCache::moveAsideAndRecreate(const std::string& reason) {
   aside += ".corrupt";
   std::error_code ec;
   std::filesystem::rename(databasePath_, aside, ec);
+  if (!ec) syncDirectory(databasePath_.parent_path());
   for (const char* suffix : {"-journal", "-wal", "-shm"}) {
     std::filesystem::path companion = databasePath_;
     companion += suffix;

@@ -1,4 +1,4 @@
-// ClientReplyDecoder: the strict reading of the daemon's replies, and the values they carry.
+// ClientReplyDecoder: the strict reading of the daemon's replies into the values of ClientReplies.h.
 //
 // Each decoder takes the reply message of one operation and checks it completely before anything is
 // handed out: the exact number of arguments, the type of each, every record through its class's
@@ -17,51 +17,14 @@
 #include <vector>
 
 #include "base/Value.h"
+#include "client/ClientReplies.h"
 #include "client/ClientResult.h"
 #include "ipc/IpcEndpoint.h"
 #include "ipc/IpcMessage.h"
-#include "base/UniqueFd.h"
-#include "model/VORBag.h"
-#include "model/VORError.h"
-#include "model/VORReply.h"
 
 namespace vorlen {
 
 // bag: -> (VORBag?, VORError?)
-struct BagReply {
-  std::optional<VORBag> bag;
-  std::optional<VORError> error;
-};
-
-// request:reply: and request:configuration:reply: -> (query id, VORReply?, VORError?). A search that a
-// newer search overtook has neither a reply nor an error.
-struct RequestReply {
-  uint64_t queryId = 0;
-  std::optional<VORReply> reply;
-  std::optional<VORError> error;
-};
-
-// feedback:reply: -> (events of the current session, VORError?)
-struct FeedbackReply {
-  std::vector<Value::Dict> events;
-  std::optional<VORError> error;
-};
-
-// One entry of listSessions:.
-struct SessionInfo {
-  std::string identifier;
-  std::string agent;
-  bool operator==(const SessionInfo&) const = default;
-};
-
-// fileHandleAndAttributesForResource:completion: -> (FileHandle?, attributes?, VORError?). `file` is a
-// read-only descriptor owned by the caller; invalid when the daemon sent none.
-struct ResourceFile {
-  UniqueFd file;
-  Value::Dict attributes;
-  std::optional<VORError> error;
-};
-
 class ClientReplyDecoder {
  public:
   // configure:reply: and listenToFlusher: -> (Endpoint); `op` names the operation in the error.

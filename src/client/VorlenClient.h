@@ -25,29 +25,28 @@
 // Callbacks from the daemon (onBagDidLoad, onDidDownloadResource, onDidDeleteResource) run on queue().
 // Set them before the first call to be sure not to miss the bag that follows configure().
 //
+// This header and the ones it includes are the installed client API: they need nothing of the
+// transport or the queue runtime (VorlenClientCore holds those).
+//
 // Threading: every method is safe from any thread. Callbacks run on queue(), one at a time.
 // REQUIRES: a blocking form is never called on queue() (it would wait for itself; it aborts instead).
 // Destroying the client closes its connections; callbacks of calls still waiting then run with
 // ConnectionLost "client closed".
 #pragma once
 
-#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Clock.h"
-#include "base/Queue.h"
 #include "base/Value.h"
-#include "client/ClientReplyDecoder.h"
+#include "client/ClientReplies.h"
 #include "client/ClientResult.h"
-#include "ipc/IpcConnection.h"
 #include "ipc/IpcEndpoint.h"
 #include "model/VORBag.h"
 #include "model/VORError.h"
@@ -56,8 +55,9 @@
 
 namespace vorlen {
 
-class IpcExportedInterface;
 class IpcRuntime;
+class Queue;
+class VorlenClientCore;
 
 struct VorlenClientOptions {
   // The service socket; empty: Paths::fromEnvironment().serviceSocket (the daemon's own rule).
@@ -74,7 +74,7 @@ struct VorlenClientOptions {
   std::shared_ptr<Clock> clock;
 };
 
-class VorlenClient : public std::enable_shared_from_this<VorlenClient> {
+class VorlenClient {
  public:
   template <class T>
   using Callback = std::function<void(ClientResult<T>)>;
@@ -95,14 +95,14 @@ class VorlenClient : public std::enable_shared_from_this<VorlenClient> {
   VorlenClient(const VorlenClient&) = delete;
   VorlenClient& operator=(const VorlenClient&) = delete;
 
-  const std::filesystem::path& socketPath() const { return socketPath_; }
-  const std::shared_ptr<Queue>& queue() const { return queue_; }
+  const std::filesystem::path& socketPath() const;
+  const std::shared_ptr<Queue>& queue() const;
   // The client-state endpoint of the last successful configure:reply:, if any.
   std::optional<IpcEndpoint> endpoint() const;
   // True while a service connection is open (as far as this side knows).
-  bool isConnected() const { return connected_.load(); }
+  bool isConnected() const;
   // Calls waiting for their outcome.
-  size_t pendingCallCount() const { return pendingCount_.load(); }
+  size_t pendingCallCount() const;
 
   // --- VORClientIPC: calls from the daemon, on queue(). A bag or error that fails the record check is
   // dropped after one error line.
@@ -166,73 +166,11 @@ class VorlenClient : public std::enable_shared_from_this<VorlenClient> {
                                                 const VORSessionConfiguration& configuration);
 
  private:
-  // The raw reply of a call, or why there is none.
-  using Finish = std::function<void(ClientResult<IpcMessage>)>;
-  struct Pending {
-    uint64_t connectionId = 0;
-    std::string op;
-    std::shared_ptr<ScheduledCall> timer;
-    Finish finish;
-  };
-  struct Handlers {
-    std::function<void(std::optional<VORBag>, std::optional<VORError>)> bagDidLoad;
-    std::function<void(const std::string&)> didDownloadResource;
-    std::function<void(const std::string&)> didDeleteResource;
-  };
+  explicit VorlenClient(std::shared_ptr<VorlenClientCore> core);
 
-  explicit VorlenClient(VorlenClientOptions options);
-  void exportCallbacks();
-
-  // Queue: the service connection, opened (and configured, when `autoConfigure` and a configuration is
-  // remembered) as needed; null with the error when the socket cannot be connected.
-  std::shared_ptr<IpcConnection> ensureConnected(bool autoConfigure, ClientError* error);
-  // Queue: a new connection to `path` whose end fails its pending calls.
-  std::shared_ptr<IpcConnection> openConnection(const std::filesystem::path& path, uint64_t* id,
-                                                ClientError* error);
-  // Queue: sends a call wanting a reply on `connection` and tracks it until reply, time-out or close.
-  void issue(const std::shared_ptr<IpcConnection>& connection, uint64_t connectionId, std::string op,
-             Value::Array args, Finish finish);
-  // Queue: sends configure:reply: and remembers the endpoint it answers with.
-  void sendConfigure(const std::shared_ptr<IpcConnection>& connection, uint64_t connectionId,
-                     const VORSessionConfiguration& configuration, Callback<IpcEndpoint> done);
-  // Queue: ends a pending call once; later endings of the same call are ignored.
-  void complete(uint64_t token, ClientResult<IpcMessage> outcome);
-  void connectionEnded(uint64_t connectionId);
-
-  // Any thread: runs `work` on the queue; at once when a blocking form issues it from this thread.
-  void post(Queue::Work work);
-  // Any thread: runs `start` on the queue with `done`.
-  template <class T>
-  void callService(std::string op, Value::Array args, ClientResult<T> (*decode)(const IpcMessage&),
-                   Callback<T> done);
-  void sendService(std::string op, Value::Array args, Callback<Sent> done);
-  // Any thread but the queue: runs the callback form and waits for its outcome.
-  template <class T, class Start>
-  ClientResult<T> wait(const char* op, Start start);
-
-  const std::filesystem::path socketPath_;
-  const Duration callTimeout_;
-  const Duration reconnectAfterIdle_;
-  const std::shared_ptr<IpcRuntime> runtime_;
-  const std::shared_ptr<Queue> queue_;
-  const std::shared_ptr<Clock> clock_;
-  std::shared_ptr<const IpcExportedInterface> exported_;
-
-  // Queue only.
-  std::shared_ptr<IpcConnection> connection_;
-  uint64_t connectionId_ = 0;
-  uint64_t nextConnectionId_ = 1;
-  Time lastSent_{};
-  std::optional<VORSessionConfiguration> configuration_;
-  std::map<uint64_t, Pending> pending_;
-  uint64_t nextToken_ = 1;
-
-  std::atomic<bool> connected_{false};
-  std::atomic<size_t> pendingCount_{0};
-
-  mutable std::mutex mu_;  // guards handlers_ and endpoint_
-  Handlers handlers_;
-  std::optional<IpcEndpoint> endpoint_;
+  // Queued work holds the core, not this object, so callbacks still waiting when the client is destroyed
+  // end as the contract above says.
+  const std::shared_ptr<VorlenClientCore> core_;
 };
 
 }  // namespace vorlen

@@ -1,7 +1,14 @@
 #include "base/Log.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <optional>
+#include <regex>
+
+#include "base/FileUtil.h"
 #include "base/Preferences.h"
 #include "support/TempDir.h"
 
@@ -51,6 +58,34 @@ TEST(LogTest, PrivateArgumentsAreHiddenUnlessPrivateLoggingIsOn) {
   Log::setPrivateDataEnabled(before);
   EXPECT_TRUE(capture.sink().contains("query <private> id 7"));
   EXPECT_TRUE(capture.sink().contains("query new york id 7"));
+}
+
+TEST(LogTest, StderrLinesStartWithTheTimeAndKeepAMessageOnOneLine) {
+  test::TempDir dir;
+  const auto path = dir / "stderr";
+  int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  ASSERT_GE(file, 0);
+  int saved = ::dup(STDERR_FILENO);
+  ASSERT_GE(saved, 0);
+  ::dup2(file, STDERR_FILENO);
+  // The automatic sink outside journald is the stderr one.
+  std::optional<std::string> journal;
+  if (const char* v = std::getenv("JOURNAL_STREAM")) journal = v;
+  ::unsetenv("JOURNAL_STREAM");
+  auto previous = Log::setSink(nullptr);
+  VorlenLogForCategory(VorlenLogCategoryBag).error("first\nsecond\r\x01third");
+  Log::setSink(previous);
+  if (journal) ::setenv("JOURNAL_STREAM", journal->c_str(), 1);
+  ::dup2(saved, STDERR_FILENO);
+  ::close(saved);
+  ::close(file);
+
+  auto bytes = readWholeFile(path);
+  ASSERT_TRUE(bytes);
+  std::string text(bytes->begin(), bytes->end());
+  EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z vorlend\[\d+\] )"
+                                                R"(<error> Vorlen_Bag: first\\nsecond\\r\\x01third\n)")))
+      << text;
 }
 
 TEST(LogTest, TracingSetupLogsTheFlag) {

@@ -43,6 +43,10 @@ TEST(FileUtilTest, AtomicWriteIsPrivateAndLeavesNoTemporaries) {
   auto bytes = readWholeFile(f, 2, &err);
   EXPECT_FALSE(bytes);  // larger than the bound
   EXPECT_TRUE(readWholeFile(f));
+  // The folder sync after the rename: a folder that is not one says so.
+  EXPECT_TRUE(syncDirectory(dir.path(), &err));
+  EXPECT_FALSE(syncDirectory(f, &err));
+  EXPECT_EQ(err, "open folder " + f.string() + ": Not a directory");
 }
 
 TEST(PathsTest, CreatesPrivateFoldersAndHonoursSocketOverride) {

@@ -41,35 +41,62 @@ class VorlenctlTest : public ::testing::Test {
   std::filesystem::path socket = dir / "vorlend.sock";
 };
 
-TEST_F(VorlenctlTest, WithoutADaemonDaemonCommandsExitThreeAndSaySo) {
-  for (const char* command : {"status", "bag", "sessions"}) {
-    SCOPED_TRACE(command);
-    Run r = run({command});
-    EXPECT_EQ(r.status, 3);
-    EXPECT_EQ(r.out, "");
-    EXPECT_NE(r.err.find("vorlend is not reachable: cannot connect to " + socket.string()), std::string::npos)
-        << r.err;
-  }
-}
-
-TEST_F(VorlenctlTest, BadUsageExitsTwo) {
-  for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
-           {},
-           {"no-such-command"},
-           {"search"},
-           {"defaults", "write", "dom", "key"},
-           {"defaults", "write", "dom", "key", "abc", "--type", "int"},
-           {"defaults", "write", "dom", "key", "1", "--type", "colour"},
-           {"defaults", "read", "../escape", "key"},
-           {"report", "not json"},
-           {"report", R"({"$class": "QXStartSearchFeedback", "noSuchField": 1})"},
-           {"report", R"({"$class": "VORError", "domain": "d", "code": 1})"},
-           {"--timeout", "-1", "status"},
-       }) {
-    SCOPED_TRACE(::testing::PrintToString(args));
-    Run r = run(args);
-    EXPECT_EQ(r.status, 2) << r.err;
-    EXPECT_NE(r.err, "");
+// The command-line conventions, without a daemon: exit status, and a fragment of stdout and of stderr
+// ("" where that stream must stay empty).
+TEST_F(VorlenctlTest, ConventionsWithoutADaemon) {
+  struct Row {
+    std::vector<std::string> args;
+    int status;
+    std::string out, err;
+  };
+  const std::string unreachable = "vorlend is not reachable: cannot connect to " + socket.string();
+  const std::vector<Row> rows = {
+      // The state is printed also when the daemon is down, as text and as JSON.
+      {{"status"}, 3, "vorlend is not running\nsocket: " + socket.string(), unreachable},
+      {{"--json=short", "status"}, 3, R"({"running":false,"state":"stopped","socket")", unreachable},
+      {{"bag"}, 3, "", unreachable},
+      {{"sessions"}, 3, "", unreachable},
+      // Version and help on stdout; every subcommand's help shows the global options and exit statuses.
+      {{"--version"}, 0, "vorlenctl 0.", ""},
+      {{"--help"}, 0, "3  vorlend is not running", ""},
+      {{"search", "--help"}, 0, "--json[=pretty|short]", ""},
+      {{"defaults", "write", "--help"}, 0, "--socket PATH", ""},
+      {{"stats", "--help"}, 0, "--id ID", ""},
+      // Empty results are results.
+      {{"stats"}, 0, "no counters saved yet", ""},
+      {{"--json", "stats"}, 0, "[]", ""},
+      {{"defaults", "read", "no.such.domain"}, 1, "", "the domain no.such.domain does not exist"},
+      {{"defaults", "write", "com.velmo.vorlend", "VORBagURL", "http://127.0.0.1:9/bag"},
+       0,
+       "fetches the bag from the new URL when it next checks its bag",
+       ""},
+      // Bad usage: 2, and the unknown word named.
+      {{"frobnicate"}, 2, "", "unknown command: frobnicate"},
+      {{"--socket", "/x", "frobnicate", "status"}, 2, "", "unknown command: frobnicate"},
+      {{"--json=long", "status"}, 2, "", "--json"},
+      {{}, 2, "", "A subcommand is required"},
+      {{"search"}, 2, "", "search needs TEXT"},
+      {{"defaults", "write", "dom", "key"}, 2, "", "VALUE"},
+      {{"defaults", "write", "dom", "key", "abc", "--type", "int"}, 2, "", "is not a signed 64-bit integer"},
+      {{"defaults", "write", "dom", "key", "1", "--type", "colour"}, 2, "", "colour"},
+      {{"defaults", "read", "../escape", "key"}, 2, "", "invalid domain"},
+      {{"report", "not json"}, 2, "", "must be a JSON object"},
+      {{"report", R"({"$class": "QXStartSearchFeedback", "noSuchField": 1})"}, 2, "", "bad event"},
+      {{"report", R"({"$class": "VORError", "domain": "d", "code": 1})"}, 2, "", "bad event"},
+      {{"--timeout", "-1", "status"}, 2, "", "--timeout"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(::testing::PrintToString(row.args));
+    Run r = run(row.args);
+    EXPECT_EQ(r.status, row.status) << r.err;
+    if (row.out.empty())
+      EXPECT_EQ(r.out, "");
+    else
+      EXPECT_NE(r.out.find(row.out), std::string::npos) << r.out;
+    if (row.err.empty())
+      EXPECT_EQ(r.err, "");
+    else
+      EXPECT_NE(r.err.find(row.err), std::string::npos) << r.err;
   }
 }
 
@@ -105,13 +132,15 @@ TEST_F(VorlenctlTest, DefaultsWriteReadDeleteRoundTrip) {
 }
 
 TEST_F(VorlenctlTest, StatsReadsTheSavedCounters) {
-  EXPECT_EQ(run({"stats"}).status, 1);  // nothing saved yet
   std::filesystem::create_directories(dir / "cache" / "com.velmo.vorlend");
   auto bytes = Archive::encodeBinary(Value::dict({{"com.velmo.vorlend.clientconnection", 3}}));
   writeFile(dir / "cache" / "com.velmo.vorlend" / "counters.plist", std::string(bytes.begin(), bytes.end()));
   Run r = run({"stats"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "com.velmo.vorlend.clientconnection 3\n");
+  EXPECT_EQ(run({"--json=short", "stats"}).out,
+            R"({"counter":"com.velmo.vorlend.clientconnection","value":3})"
+            "\n");
 }
 
 TEST_F(VorlenctlTest, CompletionsAddLookUpAndClearTheLocalHistory) {
@@ -164,6 +193,12 @@ TEST_F(VorlenctlWithPeerTest, DaemonCommandsPrintAnswersAndMapErrors) {
   Run failed = run({"search", "weather"});
   EXPECT_EQ(failed.status, 1);
   EXPECT_NE(failed.err.find("error 500 (VORErrorDomain): service failure"), std::string::npos) << failed.err;
+
+  // No reply and no error (a query below the minimum length): an empty answer.
+  daemon.script("request:reply:", {Value(6), Value(), Value()});
+  Run empty = run({"search", "w"});
+  EXPECT_EQ(empty.status, 0) << empty.err;
+  EXPECT_EQ(empty.out, "query 6: no results\n");
 
   daemon.script("listSessions:", {Value("not an array")});
   EXPECT_EQ(run({"sessions"}).status, 1);

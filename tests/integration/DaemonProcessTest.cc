@@ -6,6 +6,8 @@
 #include <utime.h>
 
 #include <fstream>
+#include <regex>
+#include <sstream>
 
 #include "base/Counters.h"
 #include "base/UniqueFd.h"
@@ -46,6 +48,41 @@ TEST(DaemonProcessTest, RejectsUnknownArguments) {
   test::ChildProcess daemon(test::builtProgram("vorlend"), {"--bogus"}, privateEnvironment(dir), dir.path());
   EXPECT_EQ(daemon.wait(std::chrono::seconds(20)), 2);
   EXPECT_NE(daemon.stderrText().find("unknown argument '--bogus'"), std::string::npos);
+}
+
+TEST(DaemonProcessTest, ProgramsAnswerVersionAndHelpOnStdout) {
+  test::TempDir dir;
+  for (const char* program : {"vorlend", "vorlenctl", "vorlen-refserver"}) {
+    for (const char* flag : {"--version", "--help"}) {
+      SCOPED_TRACE(std::string(program) + " " + flag);
+      test::ChildProcess p(test::builtProgram(program), {flag}, privateEnvironment(dir), dir.path());
+      EXPECT_EQ(p.wait(std::chrono::seconds(20)), 0);
+      const std::string expected = flag == std::string("--version") ? std::string(program) + " 0." : "--help";
+      EXPECT_NE(p.stdoutText().find(expected), std::string::npos) << p.stdoutText();
+      EXPECT_EQ(p.stderrText(), "");
+    }
+  }
+}
+
+TEST(DaemonProcessTest, StderrLinesAreTimedOneLineEachAndABadLogLevelIsReportedOnce) {
+  test::TempDir dir;
+  auto env = privateEnvironment(dir);
+  env["VORLEND_LOG_LEVEL"] = "loud";
+  test::ChildProcess daemon(test::builtProgram("vorlend"), {}, env, dir.path());
+  ASSERT_TRUE(daemon.waitForOutput("vorlend started", std::chrono::seconds(20))) << daemon.stderrText();
+  ASSERT_TRUE(daemon.signal(SIGTERM));
+  ASSERT_EQ(daemon.wait(std::chrono::seconds(20)), 0);
+  const std::string err = daemon.stderrText();
+  const std::string warning = "unknown VORLEND_LOG_LEVEL \"loud\", using info";
+  const size_t first = err.find(warning);
+  ASSERT_NE(first, std::string::npos) << err;
+  EXPECT_EQ(err.find(warning, first + 1), std::string::npos) << err;
+  const std::regex line(
+      R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z vorlend\[\d+\] <(info|default|error|fault)> .*)");
+  std::istringstream lines(err);
+  int count = 0;
+  for (std::string l; std::getline(lines, l); ++count) EXPECT_TRUE(std::regex_match(l, line)) << l;
+  EXPECT_GT(count, 1);
 }
 
 TEST(DaemonProcessTest, TellsTheServiceManagerItIsReadyOnceItServes) {

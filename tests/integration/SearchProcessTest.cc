@@ -125,10 +125,10 @@ TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) 
   auto keystrokes = nlohmann::json::parse(ctl.stdoutText(), nullptr, false);
   ASSERT_TRUE(keystrokes.is_array()) << ctl.stdoutText();
   ASSERT_EQ(keystrokes.size(), 3u);
-  EXPECT_EQ(keystrokes[0]["source"], "no answer");  // below the bag's minimum length
+  EXPECT_EQ(keystrokes[0]["source"], "none");  // below the bag's minimum length
   EXPECT_EQ(keystrokes[1]["source"], "network");
   EXPECT_EQ(keystrokes[1]["completion"], "news");
-  EXPECT_EQ(keystrokes[2]["source"], "query cache");
+  EXPECT_EQ(keystrokes[2]["source"], "cache");
   EXPECT_EQ(keystrokes[2]["completion"], "news");
   EXPECT_FALSE(keystrokes[1].contains("localCompletion"));
 
@@ -153,7 +153,7 @@ TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) 
   EXPECT_EQ(personal[1]["source"], "network");
   EXPECT_EQ(personal[1]["localCompletion"], "new york marathon");
   EXPECT_EQ(personal[1]["completion"], "new york marathon");
-  EXPECT_EQ(personal[2]["source"], "query cache");
+  EXPECT_EQ(personal[2]["source"], "cache");
   EXPECT_EQ(personal[2]["completion"], "new york marathon");
   EXPECT_TRUE(daemon->waitForOutput("Local completion found: input ne, completion new york marathon", 10s));
 }
@@ -232,9 +232,9 @@ TEST_F(SearchProcessTest, InteractiveSearchAnswersEveryKeystrokeInARawTerminal) 
   ASSERT_TRUE(waitFor("network")) << transcript;
   EXPECT_TRUE(waitFor("-> news")) << transcript;
   type("\x7f");  // Backspace: "n" again, below the minimum length
-  ASSERT_TRUE(waitFor("no answer")) << transcript;
+  ASSERT_TRUE(waitFor(" none ")) << transcript;
   type("e");
-  EXPECT_TRUE(waitFor("query cache")) << transcript;
+  EXPECT_TRUE(waitFor(" cache ")) << transcript;
   type("\r");
   int status = 0;
   bool exited = false;

@@ -12,6 +12,7 @@
 
 int main(int argc, char** argv) {
   CLI::App app{"Reference search service for vorlend"};
+  app.set_version_flag("--version", std::string("vorlen-refserver ") + VORLEN_VERSION);
   std::string host = "127.0.0.1";
   int port = 0;
   app.add_option("--host", host, "address to bind")->capture_default_str();

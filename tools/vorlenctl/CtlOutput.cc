@@ -11,7 +11,15 @@ void CtlOutput::line(std::string_view text) const {
 }
 
 void CtlOutput::document(const nlohmann::ordered_json& doc) const {
-  if (json_) fmt::print("{}\n", doc.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+  if (!json_) return;
+  constexpr auto replace = nlohmann::ordered_json::error_handler_t::replace;
+  if (!short_) {
+    fmt::print("{}\n", doc.dump(2, ' ', false, replace));
+  } else if (doc.is_array()) {
+    for (const auto& record : doc) fmt::print("{}\n", record.dump(-1, ' ', false, replace));
+  } else {
+    fmt::print("{}\n", doc.dump(-1, ' ', false, replace));
+  }
 }
 
 ExitCode CtlOutput::error(ExitCode code, std::string_view message) const {

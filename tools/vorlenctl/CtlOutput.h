@@ -1,5 +1,6 @@
 // CtlOutput: where vorlenctl's results and errors go. Results go to stdout, as text for people or, with
-// --json, as one JSON document for scripts; errors always go to stderr as one "vorlenctl: ..." line, and
+// --json, as one JSON document for scripts (pretty-printed; with --json=short a list is one line per
+// record and anything else one line); errors always go to stderr as one "vorlenctl: ..." line, and
 // each error names the exit status it leads to.
 //
 // Threading: used from the main thread only.
@@ -17,7 +18,10 @@ namespace vorlen::ctl {
 
 class CtlOutput {
  public:
-  explicit CtlOutput(bool json) : json_(json) {}
+  enum class Style { Text, PrettyJson, ShortJson };
+
+  explicit CtlOutput(Style style) : json_(style != Style::Text), short_(style == Style::ShortJson) {}
+  explicit CtlOutput(bool json) : CtlOutput(json ? Style::PrettyJson : Style::Text) {}
 
   bool json() const { return json_; }
   // One line of human output (ignored in --json mode, which prints only document()).
@@ -34,6 +38,7 @@ class CtlOutput {
 
  private:
   bool json_;
+  bool short_;
 };
 
 }  // namespace vorlen::ctl

@@ -50,12 +50,27 @@ std::optional<ExitCode> DaemonCommands::connect(IpcEndpoint* endpoint) {
 }
 
 ExitCode DaemonCommands::status() {
-  IpcEndpoint endpoint;
-  if (auto failed = connect(&endpoint)) return *failed;
+  VORSessionConfiguration configuration;
+  configuration.identifier = identity_.identifier;
+  configuration.userAgent = identity_.agent;
+  ClientResult<IpcEndpoint> r = client_->configure(configuration);
+  const std::string socket = client_->socketPath().string();
+  if (!r.ok() && r.error->kind != ClientError::Kind::MalformedReply &&
+      r.error->kind != ClientError::Kind::InvalidArgument) {
+    // The state is the answer, on stdout as for a running daemon; the reason goes to stderr.
+    const bool stopped = r.error->kind == ClientError::Kind::Unreachable;
+    out_.line(stopped ? "vorlend is not running" : "vorlend is not answering");
+    out_.line("socket: " + socket);
+    out_.document({{"running", false}, {"state", stopped ? "stopped" : "unresponsive"}, {"socket", socket}});
+    return out_.error(ExitCode::Unreachable,
+                      (stopped ? "vorlend is not reachable: " : "") + r.error->message);
+  }
+  if (!r.ok()) return out_.clientError(*r.error);
   out_.line("vorlend is running");
-  out_.line("socket: " + client_->socketPath().string());
-  out_.line("client-state endpoint: " + endpoint.path.string());
-  out_.document({{"running", true}, {"socket", client_->socketPath().string()}, {"endpoint", endpoint.path.string()}});
+  out_.line("socket: " + socket);
+  out_.line("client-state endpoint: " + r.value->path.string());
+  out_.document(
+      {{"running", true}, {"state", "running"}, {"socket", socket}, {"endpoint", r.value->path.string()}});
   return ExitCode::Ok;
 }
 
@@ -80,7 +95,13 @@ ExitCode DaemonCommands::search(const std::string& text) {
   ClientResult<RequestReply> r = client_->request(request);
   if (!r.ok()) return out_.clientError(*r.error);
   if (r.value->error) return out_.daemonError(*r.value->error);
-  if (!r.value->reply) return out_.error(ExitCode::Failed, "vorlend answered with neither a reply nor an error");
+  if (!r.value->reply) {
+    // The daemon sends nothing for a query it does not search (shorter than the service's minimum, or
+    // overtaken by a newer one): an empty answer, not a failure.
+    out_.line(fmt::format("query {}: no results", r.value->queryId));
+    out_.document({{"queryId", r.value->queryId}, {"results", ojson::array()}});
+    return ExitCode::Ok;
+  }
 
   const VORReply& reply = *r.value->reply;
   std::string body(reply.data.begin(), reply.data.end());

@@ -9,6 +9,7 @@
 
 #include "base/JsonValue.h"
 #include "base/Preferences.h"
+#include "network/VorlenBagController.h"
 
 namespace vorlen::ctl {
 
@@ -60,6 +61,9 @@ std::optional<Value> DefaultsCommand::parseTyped(const std::string& text, const 
 ExitCode DefaultsCommand::read(const std::string& domain, const std::optional<std::string>& key) {
   if (!validDomain(domain)) return out_.error(ExitCode::Usage, "invalid domain \"" + domain + "\"");
   Preferences prefs(configDir_, domain);
+  std::error_code ec;
+  if (!std::filesystem::exists(prefs.path(), ec))
+    return out_.error(ExitCode::Failed, fmt::format("the domain {} does not exist", domain));
   if (!key) {
     Value::Dict all = prefs.storedValues();
     out_.document(JsonValue::toJson(Value(all)));
@@ -84,6 +88,12 @@ ExitCode DefaultsCommand::write(const std::string& domain, const std::string& ke
   if (!prefs.set(key, *value))
     return out_.error(ExitCode::Failed, "could not write " + prefs.path().string());
   out_.document({{"domain", domain}, {"key", key}, {"value", JsonValue::toJson(*value)}});
+  // The bag URL is read when the daemon checks its bag, not when the file changes: say when that is.
+  if (key == VorlenBagController::kBagURLPreference) {
+    out_.line(
+        "vorlend fetches the bag from the new URL when it next checks its bag (at the latest when it "
+        "starts); until that fetch ends it serves the bag it has");
+  }
   return ExitCode::Ok;
 }
 

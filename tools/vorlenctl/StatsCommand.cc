@@ -14,15 +14,16 @@ std::filesystem::path StatsCommand::countersFile(const std::filesystem::path& ca
 ExitCode StatsCommand::run(const CtlOutput& out, const std::filesystem::path& cachesDir) {
   std::filesystem::path file = countersFile(cachesDir);
   std::error_code ec;
-  if (!std::filesystem::exists(file, ec))
-    return out.error(ExitCode::Failed, "no counters have been saved yet (" + file.string() + ")");
-  std::map<std::string, int64_t> counters = Counters::readFile(file);
-  nlohmann::ordered_json doc = nlohmann::ordered_json::object();
+  // No file yet (no counter has been saved): an empty result.
+  std::map<std::string, int64_t> counters;
+  if (std::filesystem::exists(file, ec)) counters = Counters::readFile(file);
+  // One record per counter, so that --json=short gives one line each.
+  nlohmann::ordered_json doc = nlohmann::ordered_json::array();
   for (const auto& [key, value] : counters) {
     out.line(fmt::format("{} {}", key, value));
-    doc[key] = value;
+    doc.push_back({{"counter", key}, {"value", value}});
   }
-  if (counters.empty()) out.line("(no counters in " + file.string() + ")");
+  if (counters.empty()) out.line("no counters saved yet");
   out.document(doc);
   return ExitCode::Ok;
 }

@@ -93,7 +93,7 @@ TypingSession::Keystroke TypingSession::type(const std::string& text) {
     return k;
   }
   if (!r.value->reply) {
-    k.source = "no answer";
+    k.source = "none";
     return k;
   }
   const auto& data = r.value->reply->data;
@@ -109,14 +109,14 @@ TypingSession::Keystroke TypingSession::type(const std::string& text) {
   }
   const long after = probe_ ? static_cast<long>(probe_->count("/search").value_or(SIZE_MAX)) : -1;
   if (before >= 0 && after >= 0) {
-    k.source = after > before ? "network" : "query cache";
+    k.source = after > before ? "network" : "cache";
     if (after > before) {
       if (auto items = probe_->lastItems("/search")) {
         if (auto lc = items->find("lc"); lc != items->end()) k.localCompletion = lc->second;
       }
     }
   } else {
-    k.source = "answered";
+    k.source = "unknown";
   }
   return k;
 }

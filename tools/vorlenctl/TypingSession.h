@@ -26,8 +26,9 @@ class TypingSession {
     std::string text;
     uint64_t queryId = 0;
     double milliseconds = 0;
-    // "network", "query cache", "no answer" (too short, or the bag disabled searching), "error", or
-    // "answered" when no reference service is there to tell network from cache.
+    // A stable token: "network", "cache" (the daemon's query cache), "none" (no answer: too short, or the
+    // bag disabled searching), "error", or "unknown" when no reference service is there to tell network
+    // from cache.
     std::string source;
     std::optional<std::string> completion;
     std::vector<std::string> suggestions;

@@ -1,5 +1,6 @@
-// vorlenctl: the command line of vorlend. Human output by default, --json for scripts; exit status 0 ok,
-// 1 the operation failed, 2 bad usage, 3 the daemon is not reachable or did not answer in time.
+// vorlenctl: the command line of vorlend. Human output by default, --json (pretty) or --json=short (one
+// line per record) for scripts; exit status 0 ok, 1 the operation failed, 2 bad usage, 3 the daemon is not
+// reachable or did not answer in time (CtlHelp::exitStatusText).
 #include <csignal>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "CompletionsCommand.h"
+#include "CtlHelp.h"
 #include "CtlOutput.h"
 #include "DaemonCommands.h"
 #include "DefaultsCommand.h"
@@ -27,12 +29,14 @@ int run(int argc, char** argv) {
   CLI::App app{"vorlenctl: talk to vorlend, edit its preferences, read its counters", "vorlenctl"};
   app.require_subcommand(1);
   app.fallthrough();
+  app.set_version_flag("--version", std::string("vorlenctl ") + VORLEN_VERSION);
 
-  bool json = false;
+  std::string json;
   std::string socket;
   double timeout = 10.0;
   Identity identity;
-  app.add_flag("--json", json, "print one JSON document instead of text");
+  app.add_flag("--json{pretty}", json, "JSON instead of text: pretty, or short (one line per record)")
+      ->check(CLI::IsMember({"pretty", "short"}));
   app.add_option("--socket", socket, "the daemon's socket (default: as the daemon chooses it)");
   app.add_option("--timeout", timeout, "seconds to wait for each answer")->check(CLI::PositiveNumber);
   app.add_option("--id", identity.identifier, "client identifier sent with the configuration");
@@ -111,18 +115,27 @@ int run(int argc, char** argv) {
   }
   auto* cClear = completions->add_subcommand("clear", "forget every engagement");
 
+  CtlHelp::describeGlobals(app);
+  if (std::optional<std::string> unknown = CtlHelp::unknownCommand(app, argc, argv)) {
+    fmt::print(stderr, "vorlenctl: unknown command: {}\nRun with --help for usage.\n", *unknown);
+    return static_cast<int>(ExitCode::Usage);
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
   } catch (const CLI::CallForAllHelp& e) {
     return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
   } catch (const CLI::ParseError& e) {
     fmt::print(stderr, "vorlenctl: {}\nRun with --help for usage.\n", e.what());
     return static_cast<int>(ExitCode::Usage);
   }
 
-  CtlOutput out(json);
+  CtlOutput out(json.empty()      ? CtlOutput::Style::Text
+                : json == "short" ? CtlOutput::Style::ShortJson
+                                  : CtlOutput::Style::PrettyJson);
   Paths paths = Paths::fromEnvironment();
   if (*defaults) {
     DefaultsCommand command(out, paths.configDir);
