@@ -46,7 +46,9 @@ InProcessActivityScheduler::InProcessActivityScheduler(std::shared_ptr<Clock> cl
     : clock_(clock ? std::move(clock) : Clock::system()),
       probes_(std::move(probes)),
       timeScale_(timeScale > 0 ? timeScale : 1.0),
-      queue_(Queue::serial("com.velmo.vorlend.activityscheduler", QueuePriority::Utility, clock_)) {}
+      // The queue takes no clock: calls armed on the clock hold the queue, so a queue holding the clock
+      // would keep both alive for as long as a call is pending.
+      queue_(Queue::serial("com.velmo.vorlend.activityscheduler", QueuePriority::Utility)) {}
 
 void InProcessActivityScheduler::registerActivity(const std::string& identifier,
                                                   std::optional<Value::Dict> criteria,

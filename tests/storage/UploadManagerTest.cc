@@ -82,7 +82,9 @@ class UploadManagerTest : public ::testing::Test {
         std::make_shared<HttpSessions>(assembly->userDefaults, clock, assembly->platform.paths.tempDir);
     Counters::install(assembly->platform.counters);
     UploadManager::Settings settings;
-    settings.requestTimeoutSeconds = 0.5;  // the "never answers" case ends in half a second, not 300
+    // The "never answers" case ends in 5 s, not 300; a sanitizer build of the reference service can take
+    // over a second to check a 2 MiB session before it answers, which must not count as silence.
+    settings.requestTimeoutSeconds = 5;
     manager = UploadManager::create(*assembly, settings);
     installBag(true);
   }
