@@ -77,17 +77,22 @@ class InnerDocumentReader final : public nlohmann::json_sax<nlohmann::json> {
   bool sawApps = false, appsIsObject = false, rootIsObject = false;
   nlohmann::json apps = nlohmann::json::object();
 
-  bool null() override { return scalar(nlohmann::json()); }
-  bool boolean(bool v) override { return scalar(nlohmann::json(v)); }
-  bool number_integer(number_integer_t v) override { return scalar(nlohmann::json(v)); }
-  bool number_unsigned(number_unsigned_t v) override { return scalar(nlohmann::json(v)); }
-  bool number_float(number_float_t v, const string_t&) override { return scalar(nlohmann::json(v)); }
+  bool tooDeep = false;
+
+  // Values are built only where one is kept (an encoding id): the list holds tens of thousands of others.
+  bool null() override { return scalar([] { return nlohmann::json(); }); }
+  bool boolean(bool v) override { return scalar([v] { return nlohmann::json(v); }); }
+  bool number_integer(number_integer_t v) override { return scalar([v] { return nlohmann::json(v); }); }
+  bool number_unsigned(number_unsigned_t v) override { return scalar([v] { return nlohmann::json(v); }); }
+  bool number_float(number_float_t v, const string_t&) override {
+    return scalar([v] { return nlohmann::json(v); });
+  }
   bool string(string_t& v) override {
     if (depth_ == 1 && rootKey_ == kVersion) version = v;
     // A string id is not a number: kept as a non-number so the entry rules reject it.
-    return scalar(nlohmann::json(v.size() < 64 ? v : std::string()));
+    return scalar([&v] { return nlohmann::json(v.size() < 64 ? v : std::string()); });
   }
-  bool binary(binary_t&) override { return scalar(nlohmann::json()); }
+  bool binary(binary_t&) override { return scalar([] { return nlohmann::json(); }); }
   bool start_object(std::size_t) override { return open(true); }
   bool end_object() override { return close(); }
   bool start_array(std::size_t) override { return open(false); }
@@ -113,15 +118,20 @@ class InnerDocumentReader final : public nlohmann::json_sax<nlohmann::json> {
   enum RootKey { kNone, kVersion, kApps, kOther };
 
   // depth_ counts the containers around the value being read.
-  bool scalar(nlohmann::json value) {
+  template <class Make>
+  bool scalar(Make make) {
     if (depth_ == 1 && rootKey_ == kApps) sawApps = true, appsIsObject = false;
     if (depth_ == 2 && app_) apps[*app_] = nullptr;  // not an array
     if (depth_ == 3 && app_ && arrayOpen_) hasElement_ = true, inLastObject_ = false, last_ = nullptr;
-    if (depth_ == 4 && app_ && inLastObject_ && encodingKey_)
-      last_ = nlohmann::json{{"encoding_id", std::move(value)}};
+    if (depth_ == 4 && app_ && inLastObject_ && encodingKey_) last_ = nlohmann::json{{"encoding_id", make()}};
     return true;
   }
   bool open(bool object) {
+    // The nesting limit is kept here, while reading, rather than by a scan of the whole text first.
+    if (depth_ >= kAppWhitelistMaxJsonDepth) {
+      tooDeep = true;
+      return false;
+    }
     if (depth_ == 0) rootIsObject = object;
     if (depth_ == 1) {
       app_.reset();
@@ -361,13 +371,13 @@ std::optional<std::string> processWhitelist(std::span<const uint8_t> file,
   std::unordered_set<std::string_view> wanted;
   for (const InstalledApplication& app : installed)
     if (!app.bundleIdentifier.empty() && !app.bundleVersion.empty()) wanted.insert(app.bundleIdentifier);
-  if (!jsonNestingWithin(innerText, kAppWhitelistMaxJsonDepth)) {
-    log().error("app whitelist {} nests deeper than {} levels", "apps text", kAppWhitelistMaxJsonDepth);
-    return std::nullopt;
-  }
   InnerDocumentReader reader(wanted);
   const bool parsed =
       nlohmann::json::sax_parse(innerText, &reader, nlohmann::json::input_format_t::json, true);
+  if (reader.tooDeep) {
+    log().error("app whitelist {} nests deeper than {} levels", "apps text", kAppWhitelistMaxJsonDepth);
+    return std::nullopt;
+  }
   if (!parsed || !reader.rootIsObject) {
     log().error("app whitelist {} is not a JSON object", "apps text");
     return std::nullopt;
