@@ -80,10 +80,18 @@ class InnerDocumentReader final : public nlohmann::json_sax<nlohmann::json> {
   bool tooDeep = false;
 
   // Values are built only where one is kept (an encoding id): the list holds tens of thousands of others.
-  bool null() override { return scalar([] { return nlohmann::json(); }); }
-  bool boolean(bool v) override { return scalar([v] { return nlohmann::json(v); }); }
-  bool number_integer(number_integer_t v) override { return scalar([v] { return nlohmann::json(v); }); }
-  bool number_unsigned(number_unsigned_t v) override { return scalar([v] { return nlohmann::json(v); }); }
+  bool null() override {
+    return scalar([] { return nlohmann::json(); });
+  }
+  bool boolean(bool v) override {
+    return scalar([v] { return nlohmann::json(v); });
+  }
+  bool number_integer(number_integer_t v) override {
+    return scalar([v] { return nlohmann::json(v); });
+  }
+  bool number_unsigned(number_unsigned_t v) override {
+    return scalar([v] { return nlohmann::json(v); });
+  }
   bool number_float(number_float_t v, const string_t&) override {
     return scalar([v] { return nlohmann::json(v); });
   }
@@ -92,7 +100,9 @@ class InnerDocumentReader final : public nlohmann::json_sax<nlohmann::json> {
     // A string id is not a number: kept as a non-number so the entry rules reject it.
     return scalar([&v] { return nlohmann::json(v.size() < 64 ? v : std::string()); });
   }
-  bool binary(binary_t&) override { return scalar([] { return nlohmann::json(); }); }
+  bool binary(binary_t&) override {
+    return scalar([] { return nlohmann::json(); });
+  }
   bool start_object(std::size_t) override { return open(true); }
   bool end_object() override { return close(); }
   bool start_array(std::size_t) override { return open(false); }
