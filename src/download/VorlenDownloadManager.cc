@@ -80,9 +80,11 @@ VorlenDownloadManager::VorlenDownloadManager(const std::shared_ptr<const Assembl
       _requestFactory(assembly->requestFactory),
       _sessions(assembly->httpSessions),
       _folder(assembly->fileManager().cachesDir / kResourcesFolder),
-      _queue(Queue::serial("com.velmo.vorlen.DownloadManager", QueuePriority::Background, _clock)),
-      _notifyQueue(Queue::serial("com.velmo.vorlen.DownloadManager.notifications", QueuePriority::Background,
-                                 _clock)) {}
+      // The queues take no clock: a delayed download armed on the clock holds the queue, and a queue
+      // holding the clock would keep both alive while one is pending.
+      _queue(Queue::serial("com.velmo.vorlen.DownloadManager", QueuePriority::Background)),
+      _notifyQueue(
+          Queue::serial("com.velmo.vorlen.DownloadManager.notifications", QueuePriority::Background)) {}
 
 VorlenDownloadManager::~VorlenDownloadManager() = default;
 
@@ -316,13 +318,14 @@ void VorlenDownloadManager::_addResource(const std::string& identifier, const st
 
   std::weak_ptr<VorlenDownloadManager> weak = weak_from_this();
   auto keepAlive = std::make_shared<Transaction>("com.velmo.vorlen.DownloadManager.download");
-  _queue->after(_settings.addDelay, [weak, generation = _generation, identifier, url = *url, reason,
-                                     completion = std::move(completion), keepAlive] {
-    auto self = weak.lock();
-    if (!self || self->_generation != generation) return;
-    self->_downloadResource(identifier, url, reason, keepAlive);
-    if (completion) completion(reason);
-  });
+  _clock->scheduleAfter(_settings.addDelay, _queue,
+                        [weak, generation = _generation, identifier, url = *url, reason,
+                         completion = std::move(completion), keepAlive] {
+                          auto self = weak.lock();
+                          if (!self || self->_generation != generation) return;
+                          self->_downloadResource(identifier, url, reason, keepAlive);
+                          if (completion) completion(reason);
+                        });
 }
 
 std::optional<HttpRequest> VorlenDownloadManager::_createDownloadRequest(const std::string& identifier,
