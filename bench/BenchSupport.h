@@ -29,4 +29,11 @@ inline int64_t statusKib(const char* field) {
   return 0;
 }
 
+// Resets the peak (VmHWM) to the current resident size and returns that size in KiB: the start of a
+// peak-extra-memory measurement, ended by statusKib("VmHWM:") less this.
+inline int64_t resetPeakRssKib() {
+  std::ofstream("/proc/self/clear_refs") << "5";
+  return statusKib("VmRSS:");
+}
+
 }  // namespace vorlen::bench

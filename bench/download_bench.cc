@@ -39,19 +39,6 @@ namespace {
 
 constexpr uint64_t kFileBytes = 20u << 20;
 
-// A "VmRSS:" or "VmHWM:" line of /proc/self/status, in kB.
-long statusKb(const std::string& field) {
-  std::ifstream in("/proc/self/status");
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind(field, 0) == 0) return std::strtol(line.c_str() + field.size(), nullptr, 10);
-  }
-  return -1;
-}
-
-void resetPeak() {
-  std::ofstream("/proc/self/clear_refs") << "5";
-}
-
 void BM_Download20MB(benchmark::State& state) {
   auto previousSink = Log::setSink(std::make_shared<bench::DiscardingSink>());
   char pattern[] = "/tmp/vorlen-bench-XXXXXX";
@@ -86,7 +73,7 @@ void BM_Download20MB(benchmark::State& state) {
       c.listed = false;
       server.resources().setControl(hints, c);
     }
-    long growthKb = 0;
+    int64_t growthKb = 0;
     int version = 0;
     for (auto _ : state) {
       state.PauseTiming();
@@ -99,8 +86,7 @@ void BM_Download20MB(benchmark::State& state) {
       Notification n;
       n.name = kVORBagChangeNotification;
       n.object = std::make_shared<const VORBag>(*raw->getDict(), "bench/1");
-      const long before = statusKb("VmRSS:");
-      resetPeak();
+      const int64_t before = bench::resetPeakRssKib();
       state.ResumeTiming();
 
       assembly->notificationCenter->post(n);
@@ -110,7 +96,7 @@ void BM_Download20MB(benchmark::State& state) {
       cv.wait(lock, [&] { return stored == version; });
 
       state.PauseTiming();
-      growthKb = std::max(growthKb, statusKb("VmHWM:") - before);
+      growthKb = std::max(growthKb, bench::statusKib("VmHWM:") - before);
       state.ResumeTiming();
     }
     state.counters["rss_growth_MB"] = static_cast<double>(growthKb) / 1024.0;

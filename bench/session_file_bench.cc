@@ -128,11 +128,7 @@ void BM_ReadBack2MiB(benchmark::State& state) {
   size_t events = 0;
   for (auto _ : state) {
     state.PauseTiming();
-    {
-      std::ofstream reset("/proc/self/clear_refs");
-      reset << "5";
-    }
-    const int64_t before = bench::statusKib("VmRSS:");
+    const int64_t before = bench::resetPeakRssKib();
     state.ResumeTiming();
     auto read = file->read(*folder.assembly);
     state.PauseTiming();

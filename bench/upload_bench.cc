@@ -147,11 +147,7 @@ void BM_Upload2MiBSession(benchmark::State& state) {
   off_t compressedBytes = 0;
   for (auto _ : state) {
     state.PauseTiming();
-    {
-      std::ofstream reset("/proc/self/clear_refs");
-      reset << "5";
-    }
-    const int64_t before = bench::statusKib("VmRSS:");
+    const int64_t before = bench::resetPeakRssKib();
     state.ResumeTiming();
     auto file = manager->uploadJSONFeedback(record, UploadManager::kFeedbackEndpoint);
     if (!file || !manager->waitForUploadsToEnd(std::chrono::seconds(60)))

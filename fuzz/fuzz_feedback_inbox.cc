@@ -2,45 +2,17 @@
 // accepted as a session record, never crash. The first byte picks the path: 0 hands the rest over as the
 // compressed body (the inflater's path; the digest cannot match), anything else deflates the rest and
 // digests it correctly first (the JSON parser's and the record validator's path).
-#include <openssl/evp.h>
-#include <zlib.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
-#include <fmt/format.h>
-
 #include "base/Log.h"
+#include "support/Deflate.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 
-namespace {
-
-std::string deflateRaw(const std::string& in) {
-  z_stream s{};
-  deflateInit2(&s, Z_DEFAULT_COMPRESSION, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
-  std::string out(deflateBound(&s, in.size()) + 16, '\0');
-  s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
-  s.avail_in = static_cast<uInt>(in.size());
-  s.next_out = reinterpret_cast<Bytef*>(out.data());
-  s.avail_out = static_cast<uInt>(out.size());
-  deflate(&s, Z_FINISH);
-  out.resize(s.total_out);
-  deflateEnd(&s);
-  return out;
-}
-
-std::string sha512Hex(const std::string& in) {
-  unsigned char d[64];
-  unsigned int n = 0;
-  EVP_Digest(in.data(), in.size(), d, &n, EVP_sha512(), nullptr);
-  std::string out;
-  for (unsigned i = 0; i < n; ++i) out += fmt::format("{:02x}", d[i]);
-  return out;
-}
-
-}  // namespace
+using vorlen::test::sha512Hex;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool quiet = [] {
@@ -52,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string rest(reinterpret_cast<const char*>(data) + 1, size - 1);
   std::string body = rest, digest = std::string(128, '0');
   if (data[0] != 0) {
-    body = deflateRaw(rest);
+    body = vorlen::test::deflateText(rest);
     digest = sha512Hex(rest);
   }
   const auto check = vorlen::FeedbackInbox::check("feedback", std::string("2"), "deflate", digest, body);

@@ -28,14 +28,7 @@ class DrainProcessTest : public ::testing::Test {
     ASSERT_TRUE(server.start());
     Preferences defaults(dir / "config" / "vorlend", "com.velmo.vorlend");
     ASSERT_TRUE(defaults.set("VORBagURL", Value(server.baseURL() + "/bag")));
-    std::filesystem::create_directories(dir / "run");
-    std::filesystem::create_directories(dir / "tmp");
-    env = {{"XDG_RUNTIME_DIR", (dir / "run").string()},
-           {"XDG_CONFIG_HOME", (dir / "config").string()},
-           {"XDG_CACHE_HOME", (dir / "cache").string()},
-           {"TMPDIR", (dir / "tmp").string()},
-           {"HOME", dir.path().string()},
-           {"VORLEND_SOCKET", (dir / "vorlend.sock").string()}};
+    env = test::privateDaemonEnvironment(dir.path());
   }
 
   // `timeScale` 60: the first drain 5 s after start, then every 10 s. 1: none within a test.

@@ -27,13 +27,7 @@ class FeedbackProcessTest : public ::testing::Test {
     ASSERT_TRUE(server.start());
     Preferences defaults(dir / "config" / "vorlend", "com.velmo.vorlend");
     ASSERT_TRUE(defaults.set("VORBagURL", Value(server.baseURL() + "/bag")));
-    std::filesystem::create_directories(dir / "run");
-    env = {{"XDG_RUNTIME_DIR", (dir / "run").string()},
-           {"XDG_CONFIG_HOME", (dir / "config").string()},
-           {"XDG_CACHE_HOME", (dir / "cache").string()},
-           {"TMPDIR", dir.path().string()},
-           {"HOME", dir.path().string()},
-           {"VORLEND_SOCKET", (dir / "vorlend.sock").string()}};
+    env = test::privateDaemonEnvironment(dir.path());
   }
 
   // Runs vorlenctl with `args` and returns its JSON document.

@@ -45,12 +45,8 @@ class SearchProcessTest : public ::testing::Test {
 
   // Logs at debug level; `extraEnv` adds to the environment.
   std::unique_ptr<test::ChildProcess> startDaemon(const std::map<std::string, std::string>& extraEnv = {}) {
-    std::filesystem::create_directories(dir / "run");
-    std::map<std::string, std::string> env = {
-        {"XDG_RUNTIME_DIR", (dir / "run").string()}, {"XDG_CONFIG_HOME", (dir / "config").string()},
-        {"XDG_CACHE_HOME", (dir / "cache").string()}, {"TMPDIR", dir.path().string()},
-        {"VORLEND_LOG_LEVEL", "debug"},                {"HOME", dir.path().string()},
-        {"VORLEND_SOCKET", (dir / "vorlend.sock").string()}};
+    std::map<std::string, std::string> env = test::privateDaemonEnvironment(dir.path());
+    env["VORLEND_LOG_LEVEL"] = "debug";
     env.insert(extraEnv.begin(), extraEnv.end());
     auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"), std::vector<std::string>{},
                                                        env, dir.path());

@@ -19,15 +19,13 @@ using namespace std::chrono_literals;
 class ServiceProcessTest : public ::testing::Test {
  protected:
   std::map<std::string, std::string> environment() const {
-    return {{"XDG_RUNTIME_DIR", (dir / "run").string()}, {"XDG_CONFIG_HOME", (dir / "config").string()},
-            {"XDG_CACHE_HOME", (dir / "cache").string()}, {"TMPDIR", dir.path().string()},
-            {"VORLEND_LOG_LEVEL", "debug"},                {"HOME", dir.path().string()},
-            {"VORLEND_SOCKET", socket().string()}};
+    auto env = test::privateDaemonEnvironment(dir.path());
+    env["VORLEND_LOG_LEVEL"] = "debug";
+    return env;
   }
   std::filesystem::path socket() const { return dir / "vorlend.sock"; }
 
   std::unique_ptr<test::ChildProcess> startDaemon() {
-    std::filesystem::create_directories(dir / "run");
     auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"), std::vector<std::string>{},
                                                        environment(), dir.path());
     EXPECT_TRUE(daemon->waitForOutput("vorlend started", 20s)) << daemon->stderrText();

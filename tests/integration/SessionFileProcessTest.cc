@@ -42,10 +42,7 @@ class SessionFileProcessTest : public ::testing::Test {
   void prepare(Run& run) {
     Preferences defaults(run.dir / "config" / "vorlend", "com.velmo.vorlend");
     ASSERT_TRUE(defaults.set("VORBagURL", Value(server.baseURL() + "/bag")));
-    std::filesystem::create_directories(run.dir / "run");
-    run.env = {{"XDG_RUNTIME_DIR", (run.dir / "run").string()}, {"XDG_CONFIG_HOME", (run.dir / "config").string()},
-               {"XDG_CACHE_HOME", (run.dir / "cache").string()}, {"TMPDIR", run.dir.path().string()},
-               {"HOME", run.dir.path().string()}, {"VORLEND_SOCKET", (run.dir / "vorlend.sock").string()}};
+    run.env = test::privateDaemonEnvironment(run.dir.path());
   }
 
   // `maxFileKiB`: a file-size limit for the daemon (RLIMIT_FSIZE, with SIGXFSZ ignored): a write past it

@@ -19,6 +19,17 @@ std::filesystem::path builtProgram(const std::string& name) {
   return std::filesystem::path(dir && *dir ? dir : VORLEN_BINARY_DIR) / name;
 }
 
+std::map<std::string, std::string> privateDaemonEnvironment(const std::filesystem::path& root) {
+  std::filesystem::create_directories(root / "run");
+  std::filesystem::create_directories(root / "tmp");
+  return {{"XDG_RUNTIME_DIR", (root / "run").string()},
+          {"XDG_CONFIG_HOME", (root / "config").string()},
+          {"XDG_CACHE_HOME", (root / "cache").string()},
+          {"TMPDIR", (root / "tmp").string()},
+          {"HOME", root.string()},
+          {"VORLEND_SOCKET", (root / "vorlend.sock").string()}};
+}
+
 ChildProcess::ChildProcess(const std::filesystem::path& program, std::vector<std::string> args,
                            std::map<std::string, std::string> env, const std::filesystem::path& outputDir) {
   static int serial = 0;

@@ -16,6 +16,11 @@ namespace vorlen::test {
 // Absolute path of a program built by this build tree (e.g. "vorlend").
 std::filesystem::path builtProgram(const std::string& name);
 
+// The environment of a daemon (or a tool talking to it) whose folders all lie below `root`: runtime
+// folder root/run and temporary folder root/tmp (both created), config root/config, caches root/cache,
+// HOME root, and the service socket root/vorlend.sock.
+std::map<std::string, std::string> privateDaemonEnvironment(const std::filesystem::path& root);
+
 class ChildProcess {
  public:
   // Starts `program` with `args`; `env` entries are added to (and override) the current environment.
