@@ -10,6 +10,7 @@
 #include <limits>
 #include <memory>
 
+#include "base/BinaryPlistReader.h"
 #include "base/BinaryPlistWriter.h"
 #include "base/Log.h"
 #include "base/PlistPrecheck.h"
@@ -274,6 +275,15 @@ std::optional<Value> Archive::decodeBinary(std::span<const uint8_t> bytes, size_
   PlistPrecheck::Limits limits = kLimits;
   limits.maxDecodedBytes = maxDecodedBytes;
   if (!PlistPrecheck::binary(bytes, limits, &why)) return reject(why, error);
+  std::optional<Value> v = BinaryPlistReader::read(bytes, &why);
+  if (!v) return reject(why, error);
+  return v;
+}
+
+std::optional<Value> Archive::decodeBinaryWithLibplistForTesting(std::span<const uint8_t> bytes, std::string* error) {
+  if (bytes.size() > std::numeric_limits<uint32_t>::max()) return reject("property list too large", error);
+  std::string why;
+  if (!PlistPrecheck::binary(bytes, kLimits, &why)) return reject(why, error);
   plist_t root = nullptr;
   plist_from_bin(reinterpret_cast<const char*>(bytes.data()), static_cast<uint32_t>(bytes.size()), &root);
   if (!root) return reject("malformed binary property list", error);

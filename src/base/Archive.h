@@ -1,4 +1,5 @@
-// Archive: the property-list codec over libplist. One coder serves IPC payloads, session-file records,
+// Archive: the property-list codec: binary documents are read and written by hand (BinaryPlistReader,
+// BinaryPlistWriter), XML through libplist. One coder serves IPC payloads, session-file records,
 // preferences files and the bag cache.
 //
 // Decoding never trusts its input: malformed bytes, unsupported node types (UID, bare keys), strings that
@@ -41,6 +42,10 @@ class Archive {
   // into a large tree.
   static std::optional<Value> decodeBinary(std::span<const uint8_t> bytes, size_t maxDecodedBytes,
                                            std::string* error);
+  // The binary decode through libplist's reader, which the XML path uses: the fuzz target checks that both
+  // readers agree on every document both accept.
+  static std::optional<Value> decodeBinaryWithLibplistForTesting(std::span<const uint8_t> bytes,
+                                                                 std::string* error = nullptr);
   static std::optional<Value> decodeXML(std::string_view text, std::string* error = nullptr);
   // Binary when the bytes start with "bplist00", XML otherwise.
   static std::optional<Value> decode(std::span<const uint8_t> bytes, std::string* error = nullptr);

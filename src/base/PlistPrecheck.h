@@ -1,4 +1,5 @@
-// PlistPrecheck: bounds the shape of property-list bytes before libplist parses them.
+// PlistPrecheck: bounds the shape of property-list bytes before they are parsed (binary by
+// BinaryPlistReader or libplist, XML by libplist).
 //
 // libplist 2.2 builds and frees its trees recursively, one stack frame per nesting level and with no
 // limit of its own, and its binary reader expands every shared reference into a separate copy. Untrusted
