@@ -9,49 +9,68 @@ namespace vorlen {
 namespace {
 
 
+// Where a value sits in the record being checked: a chain of links on the stack, written out only when a
+// check fails, so that a record that passes costs no string building.
+struct Path {
+  const Path* parent = nullptr;
+  std::string_view name;  // a field name, or the root's text
+  size_t index = SIZE_MAX;  // an array item's index, when not SIZE_MAX
+
+  std::string text() const {
+    std::string out = parent ? parent->text() : std::string();
+    if (index != SIZE_MAX) return out + fmt::format("[{}]", index);
+    if (parent) out += '.';
+    out.append(name);
+    return out;
+  }
+};
+
 // One validation pass. Every failing check writes its reason and returns false, so the first fault
 // found is the one reported.
 class Validator {
  public:
   Validator(const RecordSchema& schema, std::string* why) : schema_(schema), why_(why) {}
 
-  bool record(const Value& v, std::string_view expected, int depth, const std::string& path) {
-    const std::string& at =
-        path.empty() ? std::string(v.className().empty() ? "record" : v.className()) : path;
+  // `path` null for the root record, which is then named after its class.
+  bool record(const Value& v, std::string_view expected, int depth, const Path* path) {
+    Path root{nullptr, v.className().empty() ? std::string_view("record") : v.className()};
+    const Path& at = path ? *path : root;
     if (depth > RecordCoder::kMaxDepth) return deep(at);
     const Value::Dict* dict = v.getDict();
-    if (!dict) return fail(fmt::format("{}: expected a record, found {}", at, v.typeName()));
+    if (!dict) return fail(fmt::format("{}: expected a record, found {}", at.text(), v.typeName()));
     const Value* cls = v.find("$class");
-    if (!cls) return fail(at + ": record without $class");
+    if (!cls) return fail(at.text() + ": record without $class");
     const std::string* name = cls->getString();
-    if (!name) return fail(fmt::format("{}: $class is a {}, not a string", at, cls->typeName()));
+    if (!name) return fail(fmt::format("{}: $class is a {}, not a string", at.text(), cls->typeName()));
     const ClassDef* def = schema_.find(*name);
-    if (!def) return fail(fmt::format("{}: unknown class {}", at, *name));
-    if (def->abstract) return fail(fmt::format("{}: class {} cannot be used by itself", at, *name));
+    if (!def) return fail(fmt::format("{}: unknown class {}", at.text(), *name));
+    if (def->abstract) return fail(fmt::format("{}: class {} cannot be used by itself", at.text(), *name));
     if (!expected.empty() && !schema_.isKindOf(*name, expected)) {
-      return fail(fmt::format("{}: class {} where {} was expected", at, *name, expected));
+      return fail(fmt::format("{}: class {} where {} was expected", at.text(), *name, expected));
     }
     for (const auto& [key, value] : *dict) {
       if (key == "$class") continue;
       const FieldDef* field = schema_.field(*name, key);
-      if (!field) return fail(fmt::format("{}: unknown field {}", at, key));
-      if (!fieldValue(*field, value, depth + 1, at + "." + key)) return false;
+      if (!field) return fail(fmt::format("{}: unknown field {}", at.text(), key));
+      const Path fieldPath{&at, key};
+      if (!fieldValue(*field, value, depth + 1, fieldPath)) return false;
     }
     for (const FieldDef* field : schema_.allFields(*name)) {
       if (field->required && dict->find(field->name) == dict->end()) {
-        return fail(fmt::format("{}: missing required field {}", at, field->name));
+        return fail(fmt::format("{}: missing required field {}", at.text(), field->name));
       }
     }
     return true;
   }
 
-  bool fieldValue(const FieldDef& f, const Value& v, int depth, const std::string& at) {
+  bool fieldValue(const FieldDef& f, const Value& v, int depth, const Path& at) {
     if (!f.array) return single(f, v, depth, at);
     const Value::Array* items = v.getArray();
-    if (!items) return fail(fmt::format("{}: expected array, found {}", at, v.typeName()));
+    if (!items) return fail(fmt::format("{}: expected array, found {}", at.text(), v.typeName()));
     if (depth > RecordCoder::kMaxDepth) return deep(at);
     for (size_t i = 0; i < items->size(); ++i) {
-      if (!single(f, (*items)[i], depth + 1, fmt::format("{}[{}]", at, i))) return false;
+      const Path item{&at, {}, i};
+      if (!single(f, (*items)[i], depth + 1, item)) return false;
     }
     return true;
   }
@@ -61,23 +80,23 @@ class Validator {
     if (why_) *why_ = std::move(reason);
     return false;
   }
-  bool deep(const std::string& at) {
-    return fail(fmt::format("{}: nesting deeper than {} levels", at, RecordCoder::kMaxDepth));
+  bool deep(const Path& at) {
+    return fail(fmt::format("{}: nesting deeper than {} levels", at.text(), RecordCoder::kMaxDepth));
   }
-  bool mismatch(const FieldDef& f, const Value& v, const std::string& at) {
-    return fail(fmt::format("{}: expected {}, found {}", at, fieldTypeName(f.type), v.typeName()));
+  bool mismatch(const FieldDef& f, const Value& v, const Path& at) {
+    return fail(fmt::format("{}: expected {}, found {}", at.text(), fieldTypeName(f.type), v.typeName()));
   }
 
-  bool single(const FieldDef& f, const Value& v, int depth, const std::string& at) {
+  bool single(const FieldDef& f, const Value& v, int depth, const Path& at) {
     switch (f.type) {
       case FieldType::String:
         return v.isString() || mismatch(f, v, at);
       case FieldType::Int:
-        if (v.isInteger() && !v.getInt()) return fail(at + ": expected integer, found integer above 2^63-1");
+        if (v.isInteger() && !v.getInt()) return fail(at.text() + ": expected integer, found integer above 2^63-1");
         return v.isInteger() || mismatch(f, v, at);
       case FieldType::UInt:
         if (v.isInteger() && !v.getUInt())
-          return fail(at + ": expected unsigned integer, found negative integer");
+          return fail(at.text() + ": expected unsigned integer, found negative integer");
         return v.isInteger() || mismatch(f, v, at);
       case FieldType::Real:
         return v.type() == Value::Type::Real || mismatch(f, v, at);
@@ -90,11 +109,11 @@ class Validator {
       case FieldType::Guid:
         if (!v.isData()) return mismatch(f, v, at);
         if (v.getData()->size() != 16) {
-          return fail(fmt::format("{}: expected a 16-byte GUID, found {} bytes", at, v.getData()->size()));
+          return fail(fmt::format("{}: expected a 16-byte GUID, found {} bytes", at.text(), v.getData()->size()));
         }
         return true;
       case FieldType::Record:
-        return record(v, f.recordClass, depth, at);
+        return record(v, f.recordClass, depth, &at);
       case FieldType::Dict:
         return v.isDict() ? plist(v, depth, at) : mismatch(f, v, at);
       case FieldType::StringMap:
@@ -102,7 +121,7 @@ class Validator {
         if (depth > RecordCoder::kMaxDepth) return deep(at);
         for (const auto& [key, item] : *v.getDict()) {
           if (!item.isString())
-            return fail(fmt::format("{}.{}: expected string, found {}", at, key, item.typeName()));
+            return fail(fmt::format("{}.{}: expected string, found {}", at.text(), key, item.typeName()));
         }
         return true;
       case FieldType::Plist:
@@ -112,7 +131,7 @@ class Validator {
   }
 
   // Any property-list value; only its depth is bounded.
-  bool plist(const Value& v, int depth, const std::string& at) {
+  bool plist(const Value& v, int depth, const Path& at) {
     if (const Value::Array* items = v.getArray()) {
       if (depth > RecordCoder::kMaxDepth) return deep(at);
       for (const Value& item : *items) {
@@ -134,16 +153,17 @@ class Validator {
 }  // namespace
 
 bool RecordCoder::validate(const Value& record, std::string_view expectedClass, std::string* error) {
-  return Validator(RecordSchema::shared(), error).record(record, expectedClass, 1, "");
+  return Validator(RecordSchema::shared(), error).record(record, expectedClass, 1, nullptr);
 }
 
 bool RecordCoder::validateField(std::string_view className, std::string_view fieldName, const Value& value,
                                 std::string* error) {
   const RecordSchema& schema = RecordSchema::shared();
-  std::string at = fmt::format("{}.{}", className, fieldName);
+  const Path owner{nullptr, className};
+  const Path at{&owner, fieldName};
   const FieldDef* field = schema.field(className, fieldName);
   if (!field) {
-    if (error) *error = at + ": no such field";
+    if (error) *error = at.text() + ": no such field";
     return false;
   }
   return Validator(schema, error).fieldValue(*field, value, 2, at);

@@ -71,46 +71,54 @@ const RecordSchema& RecordSchema::shared() {
 RecordSchema::RecordSchema(std::vector<ClassDef> classes) : classes_(std::move(classes)) {
   // The first entry of a name wins; problems() reports the duplicate.
   for (size_t i = 0; i < classes_.size(); ++i) index_.emplace(classes_[i].name, i);
+  superclass_.resize(classes_.size(), kNone);
+  for (size_t i = 0; i < classes_.size(); ++i) {
+    if (!classes_[i].superclass.empty()) superclass_[i] = indexOf(classes_[i].superclass);
+  }
+  // Chains are walked at most class-count steps, so that a cycle in a faulty table cannot loop forever.
+  fields_.resize(classes_.size());
+  for (size_t i = 0; i < classes_.size(); ++i) {
+    std::vector<size_t> chain;
+    for (size_t c = i; c != kNone && chain.size() <= classes_.size(); c = superclass_[c]) chain.push_back(c);
+    for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+      for (const FieldDef& f : classes_[*it].fields) fields_[i].push_back(&f);
+    }
+  }
+  fieldByName_.resize(classes_.size());
+  for (size_t i = 0; i < classes_.size(); ++i) {
+    for (auto it = fields_[i].rbegin(); it != fields_[i].rend(); ++it) fieldByName_[i].emplace((*it)->name, *it);
+  }
+}
+
+size_t RecordSchema::indexOf(std::string_view className) const {
+  auto it = index_.find(className);
+  return it == index_.end() ? kNone : it->second;
 }
 
 const ClassDef* RecordSchema::find(std::string_view className) const {
-  auto it = index_.find(className);
-  return it == index_.end() ? nullptr : &classes_[it->second];
+  size_t i = indexOf(className);
+  return i == kNone ? nullptr : &classes_[i];
 }
 
 bool RecordSchema::isKindOf(std::string_view className, std::string_view base) const {
-  // Bounded by the class count, so that a cycle in a faulty table cannot loop forever.
-  const ClassDef* c = find(className);
-  for (size_t steps = 0; c && steps <= classes_.size(); ++steps) {
-    if (c->name == base) return true;
-    c = c->superclass.empty() ? nullptr : find(c->superclass);
+  size_t c = indexOf(className);
+  for (size_t steps = 0; c != kNone && steps <= classes_.size(); ++steps, c = superclass_[c]) {
+    if (classes_[c].name == base) return true;
   }
   return false;
 }
 
 const FieldDef* RecordSchema::field(std::string_view className, std::string_view fieldName) const {
-  const ClassDef* c = find(className);
-  for (size_t steps = 0; c && steps <= classes_.size(); ++steps) {
-    for (const FieldDef& f : c->fields) {
-      if (f.name == fieldName) return &f;
-    }
-    c = c->superclass.empty() ? nullptr : find(c->superclass);
-  }
-  return nullptr;
+  size_t c = indexOf(className);
+  if (c == kNone) return nullptr;
+  auto it = fieldByName_[c].find(fieldName);
+  return it == fieldByName_[c].end() ? nullptr : it->second;
 }
 
-std::vector<const FieldDef*> RecordSchema::allFields(std::string_view className) const {
-  std::vector<const ClassDef*> chain;
-  const ClassDef* c = find(className);
-  for (size_t steps = 0; c && steps <= classes_.size(); ++steps) {
-    chain.push_back(c);
-    c = c->superclass.empty() ? nullptr : find(c->superclass);
-  }
-  std::vector<const FieldDef*> fields;
-  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
-    for (const FieldDef& f : (*it)->fields) fields.push_back(&f);
-  }
-  return fields;
+const std::vector<const FieldDef*>& RecordSchema::allFields(std::string_view className) const {
+  static const std::vector<const FieldDef*> kEmpty;
+  size_t c = indexOf(className);
+  return c == kNone ? kEmpty : fields_[c];
 }
 
 std::vector<std::string> RecordSchema::classNames() const {

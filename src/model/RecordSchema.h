@@ -9,7 +9,9 @@
 // Threading: the table is built once, on first use, and is read-only afterwards; safe from any thread.
 #pragma once
 
-#include <map>
+#include <cstdint>
+#include <functional>
+#include <unordered_map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,8 +65,9 @@ class RecordSchema {
   bool isKindOf(std::string_view className, std::string_view base) const;
   // The field of that name among the class's fields and its superclasses', or nullptr.
   const FieldDef* field(std::string_view className, std::string_view fieldName) const;
-  // Every field of the class, superclass fields first.
-  std::vector<const FieldDef*> allFields(std::string_view className) const;
+  // Every field of the class, superclass fields first (empty for an unknown class). Computed once, when
+  // the table is built: validation asks for it on every record it checks.
+  const std::vector<const FieldDef*>& allFields(std::string_view className) const;
   // Every class name, in table order.
   std::vector<std::string> classNames() const;
 
@@ -73,8 +76,21 @@ class RecordSchema {
   std::vector<std::string> problems() const;
 
  private:
+  struct NameHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const { return std::hash<std::string_view>()(s); }
+  };
+  static constexpr size_t kNone = SIZE_MAX;
+
+  // The index of the class of that name, or kNone.
+  size_t indexOf(std::string_view className) const;
+
   std::vector<ClassDef> classes_;
-  std::map<std::string, size_t, std::less<>> index_;
+  std::unordered_map<std::string, size_t, NameHash, std::equal_to<>> index_;
+  std::vector<size_t> superclass_;                     // per class: its superclass's index, or kNone
+  std::vector<std::vector<const FieldDef*>> fields_;  // per class: allFields()
+  // per class: field() by name; of a name declared along the chain twice, the subclass's wins
+  std::vector<std::unordered_map<std::string_view, const FieldDef*>> fieldByName_;
 };
 
 }  // namespace vorlen
