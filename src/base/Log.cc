@@ -10,8 +10,10 @@
 
 #include "base/Preferences.h"
 
-#ifdef VORLEN_HAVE_SYSTEMD
+#include <sys/uio.h>
 #include <syslog.h>
+
+#ifdef VORLEN_HAVE_SYSTEMD
 #include <systemd/sd-journal.h>
 #endif
 
@@ -91,15 +93,25 @@ class StderrSink final : public LogSink {
 class JournalSink final : public LogSink {
  public:
   void write(const LogRecord& r) override {
-    static const int priorities[] = {LOG_DEBUG, LOG_INFO, LOG_NOTICE, LOG_ERR, LOG_CRIT};
-    // The program's own name, so that `journalctl -t vorlend` finds the daemon's lines.
-    sd_journal_send("MESSAGE=%s", r.message.c_str(), "PRIORITY=%d", priorities[static_cast<int>(r.level)],
-                    "SYSLOG_IDENTIFIER=%s", program_invocation_short_name, "VORLEN_SUBSYSTEM=%s",
-                    kLogSubsystem, "VORLEN_CATEGORY=%s", r.category.empty() ? "default" : r.category.c_str(),
-                    nullptr);
+    std::vector<std::string> fields = journalFields(r);
+    std::vector<iovec> iov(fields.size());
+    for (size_t i = 0; i < fields.size(); ++i) iov[i] = iovec{fields[i].data(), fields[i].size()};
+    sd_journal_sendv(iov.data(), static_cast<int>(iov.size()));
   }
 };
 #endif
+
+}  // namespace
+
+std::vector<std::string> journalFields(const LogRecord& r) {
+  static const int priorities[] = {LOG_DEBUG, LOG_INFO, LOG_NOTICE, LOG_ERR, LOG_CRIT};
+  return {"MESSAGE=" + r.message, fmt::format("PRIORITY={}", priorities[static_cast<int>(r.level)]),
+          fmt::format("SYSLOG_IDENTIFIER={}", program_invocation_short_name),
+          fmt::format("VORLEN_SUBSYSTEM={}", kLogSubsystem),
+          "VORLEN_CATEGORY=" + (r.category.empty() ? std::string("default") : r.category)};
+}
+
+namespace {
 
 std::shared_ptr<LogSink> automaticSink() {
 #ifdef VORLEN_HAVE_SYSTEMD

@@ -66,6 +66,11 @@ class LogSink {
   virtual void write(const LogRecord& record) = 0;
 };
 
+// The fields the journald sink sends for a record: MESSAGE (multi-line text kept whole), PRIORITY (syslog
+// level), SYSLOG_IDENTIFIER (the program's name, so that `journalctl -t vorlend` finds the daemon's lines),
+// VORLEN_SUBSYSTEM and VORLEN_CATEGORY ("default" for the default log).
+std::vector<std::string> journalFields(const LogRecord& record);
+
 // Collects records in memory; for tests.
 class CapturingSink final : public LogSink {
  public:
