@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds with ninja, runs every test in the default
 # (RelWithDebInfo) build and again under AddressSanitizer + UndefinedBehaviorSanitizer, then runs every
-# fuzz target for FUZZ_SECONDS (30) each (scripts/fuzz.sh).
+# fuzz target for FUZZ_SECONDS (20) each (scripts/fuzz.sh).
 #   scripts/test.sh            both builds and the fuzz run
 #   scripts/test.sh default    one preset only (default, asan or tsan)
 set -euo pipefail
