@@ -13,8 +13,12 @@ namespace vorlen {
 
 namespace {
 
-const Logger& log() { return VorlenLogForCategory(VorlenLogCategoryFlusher); }
-const Logger& sessionLog() { return VorlenLogForCategory(VorlenLogCategorySession); }
+const Logger& log() {
+  return VorlenLogForCategory(VorlenLogCategoryFlusher);
+}
+const Logger& sessionLog() {
+  return VorlenLogForCategory(VorlenLogCategorySession);
+}
 
 constexpr uint64_t kIntentSendingStream = 0;
 constexpr uint64_t kIntentReceivingStream = 1;
@@ -88,10 +92,12 @@ std::optional<IpcEndpoint> VorlenFlusherIPC::endpoint() const {
   return listener_->endpoint();
 }
 
-bool VorlenFlusherIPC::shouldAcceptNewConnection(IpcListener&, const std::shared_ptr<IpcConnection>& connection) {
+bool VorlenFlusherIPC::shouldAcceptNewConnection(IpcListener&,
+                                                 const std::shared_ptr<IpcConnection>& connection) {
   std::weak_ptr<VorlenFlusherIPC> weak = weak_from_this();
   std::weak_ptr<IpcConnection> weakTool = connection;
-  connection->setProxyErrorHandler([](const std::string& reason) { log().error("remote proxy error: {}", reason); });
+  connection->setProxyErrorHandler(
+      [](const std::string& reason) { log().error("remote proxy error: {}", reason); });
   // Each handler removes the proxy it was made for; removing one that is already gone does nothing.
   auto remover = [weak, weakTool](const char* line) {
     return [weak, weakTool, line] {
@@ -122,7 +128,8 @@ bool VorlenFlusherIPC::shouldAcceptNewConnection(IpcListener&, const std::shared
   return true;
 }
 
-void VorlenFlusherIPC::initiateConnectionWithIntent(uint64_t intent, const std::shared_ptr<IpcConnection>& tool) {
+void VorlenFlusherIPC::initiateConnectionWithIntent(uint64_t intent,
+                                                    const std::shared_ptr<IpcConnection>& tool) {
   _flusheripcQueue->assertCurrent();
   switch (intent) {
     case kIntentSendingStream:
@@ -223,6 +230,10 @@ void VorlenFlusherIPC::sendDataToSendingStreamListener(std::vector<MappedFile> p
   _flusheripcQueue->async([weak, held] {
     auto self = weak.lock();
     if (!self || !self->sendingStreamListener_) return;
+    if (!self->sendingStreamListener_->isValid()) {
+      self->_removeProxy(self->sendingStreamListener_);
+      return;
+    }
     Value::Array items;
     items.reserve(held->size());
     for (const MappedFile& payload : *held)
@@ -257,6 +268,12 @@ void VorlenFlusherIPC::sendDataToReceivingStreamListener(const VorlenFeedback& f
     if (!self) return;
     self->pendingDescriptions_.fetch_sub(1);
     if (!self->receivingStreamListener_) return;
+    // A tool cut off meanwhile is removed here, before its invalidation handler runs, so that the events
+    // still queued for it are not each reported as unsendable.
+    if (!self->receivingStreamListener_->isValid()) {
+      self->_removeProxy(self->receivingStreamListener_);
+      return;
+    }
     std::optional<std::string> text = describeForTool(copy);
     if (!text || text->empty()) return;
     // A tool that does not read is closed by its connection (one error line) when too much waits for it.

@@ -69,7 +69,8 @@ class VorlenFlusherIPC final : public FlusherIPC,
   std::optional<IpcEndpoint> endpoint() const override;
 
   // IpcListenerDelegate: accepts every tool (up to kMaxToolConnections at once).
-  bool shouldAcceptNewConnection(IpcListener& listener, const std::shared_ptr<IpcConnection>& connection) override;
+  bool shouldAcceptNewConnection(IpcListener& listener,
+                                 const std::shared_ptr<IpcConnection>& connection) override;
 
   const std::shared_ptr<Queue>& queue() const { return _flusheripcQueue; }
 
