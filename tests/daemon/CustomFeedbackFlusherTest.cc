@@ -72,6 +72,8 @@ TEST_F(CustomFeedbackFlusherTest, WithoutACustomFolderPrivacyReportsAreStillSent
   PrivacyReportFolder reports(platform.paths.cachesDir);
   write(reports.folder() / "report.1", 100);
   write(reports.folder() / "report.2", 200);
+  // The daemon's start registered the maintenance task that makes these runs.
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Default, "Registered CTS task"), 1u);
   flusher->flushStartingOn(clock->now(), clock->now());
   EXPECT_TRUE(capture.sink().contains("No custom feedback found. Nothing to flush."));
   EXPECT_EQ(receivedAt("crowdsourcing").size(), 2u);
