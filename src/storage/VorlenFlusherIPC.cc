@@ -204,6 +204,7 @@ void VorlenFlusherIPC::_workDone(const std::weak_ptr<IpcConnection>& tool) {
 void VorlenFlusherIPC::_setReceiving(std::shared_ptr<IpcConnection> tool) {
   _flusheripcQueue->assertCurrent();
   receivingStreamListener_ = std::move(tool);
+  receivingGeneration_.fetch_add(1);
   hasReceivingListener_.store(receivingStreamListener_ != nullptr);
 }
 
@@ -249,10 +250,13 @@ void VorlenFlusherIPC::sendDataToReceivingStreamListener(const VorlenFeedback& f
     // Only the first refusal of an episode cuts the tool off; the stream is gone until a tool asks again.
     if (hasReceivingListener_.exchange(false)) {
       log().error("receiving stream listener cut off: {} events wait for it", kMaxPendingDescriptions);
+      // Only the listener of now is cut off, not one that a tool sets before this runs.
+      const uint64_t generation = receivingGeneration_.load();
       std::weak_ptr<VorlenFlusherIPC> weak = weak_from_this();
-      _flusheripcQueue->async([weak] {
+      _flusheripcQueue->async([weak, generation] {
         auto self = weak.lock();
-        if (!self || !self->receivingStreamListener_) return;
+        if (!self || !self->receivingStreamListener_ || self->receivingGeneration_.load() != generation)
+          return;
         self->receivingStreamListener_->invalidate();
         self->_setReceiving(nullptr);
       });

@@ -99,6 +99,8 @@ class VorlenFlusherIPC final : public FlusherIPC,
   // on the queue for it.
   std::atomic<bool> hasReceivingListener_{false};
   std::atomic<size_t> pendingDescriptions_{0};
+  // Changes whenever the receiving listener does (written on the queue).
+  std::atomic<uint64_t> receivingGeneration_{0};
 };
 
 }  // namespace vorlen
