@@ -161,7 +161,8 @@ void ClientSessionManager::_acceptFeedback(VorlenFeedback feedback) {
   _sessionQueue->assertCurrent();
   // 1. Every envelope, before any filtering, belongs to the flusher endpoint's listeners: a copy goes
   //    out asynchronously, and only while a tool listens.
-  if (const auto& flusherIPC = _assembly->flusherIPCListener) flusherIPC->sendDataToReceivingStreamListener(feedback);
+  if (const auto& flusherIPC = _assembly->flusherIPCListener)
+    flusherIPC->sendDataToReceivingStreamListener(feedback);
   // 2. The bag may switch feedback off for this agent: the envelope ends here and does not count as
   //    activity (the idle deadline is not renewed).
   if (!_feedbackEnabledForAgent(feedback.userAgent)) return;

@@ -32,7 +32,8 @@ std::string clientIdForPeer(const IpcPeer& peer) {
 
 std::shared_ptr<VorlenService> VorlenService::create(std::shared_ptr<Assembly> assembly,
                                                      ClientConnectionOptions connectionOptions) {
-  auto service = std::shared_ptr<VorlenService>(new VorlenService(std::move(assembly), std::move(connectionOptions)));
+  auto service =
+      std::shared_ptr<VorlenService>(new VorlenService(std::move(assembly), std::move(connectionOptions)));
   service->_createFlusherIPC();
   return service;
 }
@@ -48,13 +49,14 @@ void VorlenService::_createFlusherIPC() {
     if (!self) return out;
     for (const auto& connection : self->getClientConnections()) {
       std::weak_ptr<ClientConnection> weakConnection = connection;
-      out.push_back({connection->userAgent().value_or("(null)"), [weakConnection](std::function<void()> done) {
-                       if (auto c = weakConnection.lock()) {
-                         c->flushSession(std::move(done));
-                       } else if (done) {
-                         done();
-                       }
-                     }});
+      out.push_back(
+          {connection->userAgent().value_or("(null)"), [weakConnection](std::function<void()> done) {
+             if (auto c = weakConnection.lock()) {
+               c->flushSession(std::move(done));
+             } else if (done) {
+               done();
+             }
+           }});
     }
     return out;
   });

@@ -182,8 +182,7 @@ int run(int argc, char** argv) {
   else if (*fWatch || *fFlush || *fPause) {
     FlusherCommands flusher(out, command);
     code = *fWatch ? flusher.watch() : *fFlush ? flusher.flush() : flusher.pause();
-  }
-  else if (*resources) {
+  } else if (*resources) {
     ResourcesCommand resourcesCommand(out, command, paths.configDir);
     code = *rGet ? resourcesCommand.get(resourceId) : resourcesCommand.list();
   }
