@@ -2,13 +2,7 @@
 // service: events shown as a client reports them in a real terminal (a pseudo-terminal here), ended by
 // Ctrl-C; a flush that uploads the open session at once and says what it sent.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pty.h>
-#include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstring>
 
 #include "base/Preferences.h"
 #include "client/VorlenClient.h"
@@ -17,6 +11,7 @@
 #include "model/VORSessionConfiguration.h"
 #include "support/DaemonProcess.h"
 #include "support/TempDir.h"
+#include "support/TerminalProcess.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
 
@@ -65,63 +60,26 @@ class FeedbackToolProcessTest : public ::testing::Test {
 };
 
 TEST_F(FeedbackToolProcessTest, WatchShowsEachEventAsItArrivesAndEndsCleanlyOnCtrlC) {
-  const std::string program = test::builtProgram("vorlenctl").string();
-  const std::string socket = (dir / "vorlend.sock").string();
-  // Everything the child needs is made before the fork: only exec may follow it in a threaded process.
-  const char* argv[] = {program.c_str(), "--socket", socket.c_str(), "feedback", "watch", nullptr};
-  const std::string home = "HOME=" + dir.path().string();
-  const char* envp[] = {home.c_str(), "TERM=dumb", nullptr};
-  int terminal = -1;
-  const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
-  ASSERT_GE(pid, 0) << std::strerror(errno);
-  if (pid == 0) {
-    ::execve(program.c_str(), const_cast<char* const*>(argv), const_cast<char* const*>(envp));
-    ::_exit(127);
-  }
-  std::string transcript;
-  auto readSome = [&](std::chrono::milliseconds wait) {
-    pollfd p{terminal, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(wait.count())) <= 0) return true;
-    char buffer[4096];
-    const ssize_t n = ::read(terminal, buffer, sizeof buffer);
-    if (n <= 0) return false;
-    transcript.append(buffer, static_cast<size_t>(n));
-    return true;
-  };
-  auto waitFor = [&](const std::string& text) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (transcript.find(text) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-      if (!readSome(100ms)) break;
-    }
-    return transcript.find(text) != std::string::npos;
-  };
-
-  ASSERT_TRUE(waitFor("Ctrl-C ends")) << transcript;
+  test::TerminalProcess watch({test::builtProgram("vorlenctl").string(), "--socket",
+                               (dir / "vorlend.sock").string(), "feedback", "watch"},
+                              {"HOME=" + dir.path().string(), "TERM=dumb"});
+  ASSERT_TRUE(watch.started());
+  ASSERT_TRUE(watch.waitFor("Ctrl-C ends")) << watch.transcript();
   ASSERT_TRUE(daemon->waitForOutput("new listener for client feedbacks", 20s)) << daemon->stderrText();
   reportStart(7, "weather in oslo");
-  ASSERT_TRUE(waitFor("input=weather in oslo")) << transcript;
-  const size_t line = transcript.find("search_start");
-  ASSERT_NE(line, std::string::npos) << transcript;
-  EXPECT_NE(transcript.find("Voyant/5.0", line), std::string::npos) << transcript;
-  EXPECT_NE(transcript.find("q=7", line), std::string::npos) << transcript;
+  ASSERT_TRUE(watch.waitFor("input=weather in oslo")) << watch.transcript();
+  const std::string& shown = watch.transcript();
+  const size_t line = shown.find("search_start");
+  ASSERT_NE(line, std::string::npos) << shown;
+  EXPECT_NE(shown.find("Voyant/5.0", line), std::string::npos) << shown;
+  EXPECT_NE(shown.find("q=7", line), std::string::npos) << shown;
   reportStart(8, "weather in bergen");
-  ASSERT_TRUE(waitFor("input=weather in bergen")) << transcript;
+  ASSERT_TRUE(watch.waitFor("input=weather in bergen")) << watch.transcript();
 
-  ASSERT_EQ(::write(terminal, "\x03", 1), 1);  // Ctrl-C: SIGINT to the terminal's foreground process
-  int status = 0;
-  bool exited = false;
-  const auto deadline = std::chrono::steady_clock::now() + 20s;
-  while (!exited && std::chrono::steady_clock::now() < deadline) {
-    exited = ::waitpid(pid, &status, WNOHANG) == pid;
-    if (!exited) readSome(50ms);
-  }
-  if (!exited) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, &status, 0);
-  }
-  ::close(terminal);
-  ASSERT_TRUE(exited) << "vorlenctl did not end on Ctrl-C: " << transcript;
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << transcript;
+  ASSERT_TRUE(watch.type("\x03"));  // Ctrl-C: SIGINT to the terminal's foreground process
+  std::optional<int> status = watch.waitForExit();
+  ASSERT_TRUE(status) << "vorlenctl did not end on Ctrl-C: " << watch.transcript();
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << watch.transcript();
   EXPECT_TRUE(daemon->waitForOutput("Removed receiving stream listener", 20s)) << daemon->stderrText();
 }
 
