@@ -35,22 +35,23 @@ namespace {
 
 using Intent = VorlenFlusherClient::Intent;
 
-// A tool on the flusher endpoint that records what the daemon calls.
+// A tool on the flusher endpoint that records what the daemon calls. The record is shared with the
+// handlers, which may still run while the tool goes away.
 class Tool {
  public:
   explicit Tool(const IpcEndpoint& endpoint) {
     VorlenFlusherClient::Handlers h;
-    h.flushedData = [this](std::vector<Value::Data> payloads) {
-      std::lock_guard lock(mu_);
-      for (auto& p : payloads) payloads_.push_back(std::move(p));
+    h.flushedData = [state = state_](std::vector<Value::Data> payloads) {
+      std::lock_guard lock(state->mu);
+      for (auto& p : payloads) state->payloads.push_back(std::move(p));
     };
-    h.receivedFeedbackDescription = [this](const std::string& d) {
-      std::lock_guard lock(mu_);
-      descriptions_.push_back(d);
+    h.receivedFeedbackDescription = [state = state_](const std::string& d) {
+      std::lock_guard lock(state->mu);
+      state->descriptions.push_back(d);
     };
-    h.workDone = [this] {
-      std::lock_guard lock(mu_);
-      ++workDone_;
+    h.workDone = [state = state_] {
+      std::lock_guard lock(state->mu);
+      ++state->workDone;
     };
     std::string error;
     client = VorlenFlusherClient::connect(endpoint, std::move(h), &error);
@@ -58,21 +59,21 @@ class Tool {
   }
   // The inflated session records received on the sending stream, but the daemon's own (its bag fetches).
   std::vector<nlohmann::json> records() const {
-    std::lock_guard lock(mu_);
+    std::lock_guard lock(state_->mu);
     std::vector<nlohmann::json> out;
-    for (const auto& p : payloads_) {
+    for (const auto& p : state_->payloads) {
       auto record = nlohmann::json::parse(test::inflateRaw(p).value_or("null"));
       if (!record.value("agent", "").ends_with(") Vorlend/1.0")) out.push_back(std::move(record));
     }
     return out;
   }
   std::vector<std::string> descriptions() const {
-    std::lock_guard lock(mu_);
-    return descriptions_;
+    std::lock_guard lock(state_->mu);
+    return state_->descriptions;
   }
   size_t workDone() const {
-    std::lock_guard lock(mu_);
-    return workDone_;
+    std::lock_guard lock(state_->mu);
+    return state_->workDone;
   }
   bool intentAndWaitForWorkDone(uint64_t intent) {
     const size_t before = workDone();
@@ -80,13 +81,17 @@ class Tool {
            test::waitUntil([&] { return workDone() > before; });
   }
 
-  std::shared_ptr<VorlenFlusherClient> client;
-
  private:
-  mutable std::mutex mu_;
-  std::vector<Value::Data> payloads_;
-  std::vector<std::string> descriptions_;
-  size_t workDone_ = 0;
+  struct State {
+    std::mutex mu;
+    std::vector<Value::Data> payloads;
+    std::vector<std::string> descriptions;
+    size_t workDone = 0;
+  };
+  const std::shared_ptr<State> state_ = std::make_shared<State>();
+
+ public:
+  std::shared_ptr<VorlenFlusherClient> client;
 };
 
 class FlusherEndpointTest : public ::testing::Test {
@@ -188,6 +193,32 @@ TEST_F(FlusherEndpointTest, AnUnsupportedIntentIsLoggedAndChangesNothing) {
   EXPECT_TRUE(tool.records().empty());
   EXPECT_TRUE(tool.descriptions().empty());
   EXPECT_EQ(tool.workDone(), 0u);
+}
+
+TEST_F(FlusherEndpointTest, TheReceivingListenerGetsEachEventAsTheClientReportedIt) {
+  startDaemon();
+  auto browser = connectClient("com.example.browser", "Voyant/5.0");
+  Tool first(flusherEndpoint(*browser));
+  Tool second(flusherEndpoint(*browser));
+  ASSERT_TRUE(first.client->initiateConnectionWithIntent(Intent::kReceivingStream));
+  ASSERT_TRUE(test::waitUntil([&] {
+    return test::countLogLines(capture.sink(), LogLevel::Default, "new listener for client feedbacks") == 1;
+  }));
+  reportStart(*browser, 3, "first");
+  ASSERT_TRUE(test::waitUntil([&] { return first.descriptions().size() == 1; }));
+  auto event = nlohmann::json::parse(first.descriptions()[0]);
+  EXPECT_EQ(event["type"], "search_start");
+  EXPECT_EQ(event["input"], "first");
+  EXPECT_EQ(event["query_id"], 3);
+  EXPECT_TRUE(event["agent"].get<std::string>().ends_with(") Voyant/5.0")) << event.dump();
+  // A later tool replaces the earlier one.
+  ASSERT_TRUE(second.client->initiateConnectionWithIntent(Intent::kReceivingStream));
+  ASSERT_TRUE(test::waitUntil([&] {
+    return test::countLogLines(capture.sink(), LogLevel::Default, "new listener for client feedbacks") == 2;
+  }));
+  reportStart(*browser, 4, "second");
+  ASSERT_TRUE(test::waitUntil([&] { return second.descriptions().size() == 1; }));
+  EXPECT_EQ(first.descriptions().size(), 1u);
 }
 
 TEST_F(FlusherEndpointTest, ADumpBeforeAnyListenerMakesTheDumpingToolTheSendingListenerAndDrainsStorage) {
