@@ -3,7 +3,8 @@
 # build, start vorlen-refserver and vorlend (its bag URL pointed at the reference service), type queries
 # letter by letter as a browser would and show where each answer came from (network or query cache, and the
 # local completion a request carried) before and after the user's history holds an engaged completion,
-# then stop both cleanly and show how the daemon ended.
+# engage with a result, upload the feedback session at once (vorlenctl feedback flush) and show what the
+# reference service received, then stop both cleanly and show how the daemon ended.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -82,6 +83,37 @@ ctl feedback stored
 echo "== requests the reference service received"
 curl -s "$ref/_counts" 2>/dev/null || true
 echo
+echo
+echo "== the user engages: they open the result \"new york marathon\" of the last search"
+ctl "${second[@]}" report '{"$class": "QXResultEngagementFeedback", "result": {"$class": "QXSearchResult",
+  "identifier": "r1", "type": 1, "title": "new york marathon", "queryId": 8, "userInput": "new york",
+  "completedQuery": "new york marathon"}}' --query-id 8
+stored_before=$(env -u VORLEND_LOG_LEVEL build/default/vorlenctl feedback stored | awk '/^session\./ {print $1}')
+echo "== uploading now instead of at the next background period: the open session ends, is stored and sent"
+ctl feedback flush
+echo "== what the reference service received, one line per event"
+for _ in $(seq 1 50); do
+  curl -s "$ref/_feedback" | grep -q "result_engagement" && break
+  sleep 0.1
+done
+curl -s "$ref/_feedback" | python3 -c '
+import json, sys
+for r in json.load(sys.stdin)["records"]:
+    rec = r.get("record") or {}
+    agent = rec.get("agent", "?").rsplit(") ", 1)[-1]
+    print("session from %s to /%s, %s, %d events" % (agent, r["endpoint"], "valid" if r["valid"] else "INVALID: " + r["reason"], len(rec.get("fb", []))))
+    for e in rec.get("fb", []):
+        result = e.get("result") if isinstance(e.get("result"), dict) else {}
+        detail = e.get("input") or e.get("reason") or ("result %s" % result["id"] if "id" in result else "")
+        print("  %6s ms  %-24s %s" % (e.get("timestamp"), e.get("type"), detail))
+'
+echo "== and the session files are gone:"
+stored_after=$(env -u VORLEND_LOG_LEVEL build/default/vorlenctl feedback stored | awk '/^session\./ {print $1}')
+for f in $stored_before; do
+  if grep -qx "$f" <<<"$stored_after"; then echo "  $f is still stored"; else echo "  $f: sent and deleted"; fi
+done
+echo "   (a file stored since holds only the record that the flush tool's own connection closed)"
+ctl feedback stored
 
 echo "== stopping it with SIGTERM"
 kill -TERM "$daemon_pid"

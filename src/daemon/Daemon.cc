@@ -29,6 +29,7 @@
 #include "service/VorlenService.h"
 #include "storage/BackgroundActivitiesManager.h"
 #include "storage/UploadManager.h"
+#include "storage/VorlenCustomFeedbackFlusher.h"
 #include "storage/VorlenFeedbackFlusher.h"
 #include "storage/VorlenPersistentStorage.h"
 
@@ -110,6 +111,10 @@ std::shared_ptr<Assembly> Daemon::start() {
   //    it is built.
   if (Value silhouette = defaults->object("silhouette"); !silhouette.isNull())
     assembly->requestFactory->setSilhouetteTopics(silhouette);
+
+  // 8. The custom feedback flusher and its maintenance task (every 12 hours).
+  customFeedbackFlusher_ = VorlenCustomFeedbackFlusher::create(assembly);
+  customFeedbackFlusher_->scheduleMaintenance();
 
   // 9. The service completes the object graph.
   service_ = VorlenService::create(assembly);

@@ -18,6 +18,7 @@ namespace vorlen {
 
 class IpcListener;
 class VorlenService;
+class VorlenCustomFeedbackFlusher;
 class BagController;
 
 struct DaemonOptions {
@@ -54,6 +55,8 @@ class Daemon {
   std::shared_ptr<VorlenService> service_;
   std::shared_ptr<IpcListener> listener_;
   std::shared_ptr<BagController> bagController_;
+  // Not an Assembly slot: kept alive here for its periodic task.
+  std::shared_ptr<VorlenCustomFeedbackFlusher> customFeedbackFlusher_;
 };
 
 }  // namespace vorlen

@@ -15,6 +15,7 @@
 #include "network/UserAgent.h"
 #include "platform/Assembly.h"
 #include "storage/BackgroundFlusher.h"
+#include "storage/FlusherIPC.h"
 
 namespace vorlen {
 
@@ -158,8 +159,10 @@ std::optional<Time> ClientSessionManager::expirationTime() const {
 
 void ClientSessionManager::_acceptFeedback(VorlenFeedback feedback) {
   _sessionQueue->assertCurrent();
-  // 1. Every envelope, before any filtering, belongs to the flusher endpoint's listeners. That endpoint
-  //    is not part of this build (its Assembly slot stays empty), so there is no one to hand it to.
+  // 1. Every envelope, before any filtering, belongs to the flusher endpoint's listeners: a copy goes
+  //    out asynchronously, and only while a tool listens.
+  if (const auto& flusherIPC = _assembly->flusherIPCListener)
+    flusherIPC->sendDataToReceivingStreamListener(feedback);
   // 2. The bag may switch feedback off for this agent: the envelope ends here and does not count as
   //    activity (the idle deadline is not renewed).
   if (!_feedbackEnabledForAgent(feedback.userAgent)) return;

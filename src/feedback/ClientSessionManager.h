@@ -80,7 +80,7 @@ class ClientSessionManager final : public ClientSessionManagerProtocol,
 
   // Ends the open session ("external request"); `callback` (may be empty) runs once the last session has
   // been completed, or at once when none is open.
-  void flushSession(std::function<void()> callback);
+  void flushSession(std::function<void()> callback) override;
 
   // The open session; null when closed.
   std::shared_ptr<ManagedClientSession> session() const;

@@ -32,6 +32,12 @@ class ClientSessionManagerProtocol {
   virtual void flushSessionInvalidationWithAgent(const std::string& agent,
                                                  std::function<void(bool flushed)> callback) = 0;
 
+  // Ends the open session as an external request; `callback` (may be empty) runs once it is written, or
+  // at once when none is open. A manager that keeps no sessions has nothing to end and calls back at once.
+  virtual void flushSession(std::function<void()> callback) {
+    if (callback) callback();
+  }
+
   // The events of the open session in their dictionary form with relative timestamps; empty when no
   // session is open.
   virtual Value::Array currentSessionFeedbacksWithRelativeTimestamp() = 0;

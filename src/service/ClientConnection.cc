@@ -26,6 +26,7 @@
 #include "platform/InteractionDonor.h"
 #include "service/ClientState.h"
 #include "service/ClientStateManager.h"
+#include "storage/FlusherIPC.h"
 
 namespace vorlen {
 
@@ -555,10 +556,26 @@ void ClientConnection::feedback(IpcReplier reply) {
   reply(Value::Array{Value(manager->currentSessionFeedbacksWithRelativeTimestamp()), Value()});
 }
 
-void ClientConnection::listenToFlusher(IpcReplier) {
+void ClientConnection::listenToFlusher(IpcReplier reply) {
   _ensureState();
-  // The flusher endpoint is not part of this build: like any absent component, it answers nothing.
-  connectionLog().debug("listenToFlusher: no flusher endpoint");
+  const auto& flusher = assembly_->flusherIPCListener;
+  std::optional<IpcEndpoint> endpoint = flusher ? flusher->endpoint() : std::nullopt;
+  if (!endpoint) {
+    // Like any absent component, a missing flusher endpoint answers nothing.
+    connectionLog().debug("listenToFlusher: no flusher endpoint");
+    return;
+  }
+  if (reply) reply(Value::Array{endpoint->toValue()});
+}
+
+void ClientConnection::flushSession(std::function<void()> completion) {
+  auto bound = state();
+  auto manager = bound ? bound->sessionManager() : nullptr;
+  if (!manager) {
+    if (completion) completion();
+    return;
+  }
+  manager->flushSession(std::move(completion));
 }
 
 void ClientConnection::listSessions(IpcReplier reply) {

@@ -87,6 +87,10 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   // no session manager.
   void flushSessionInvalidation(std::function<void(bool flushed)> callback);
 
+  // Ends the client's open feedback session (a dump of the flusher endpoint); `completion` runs once it is
+  // written, or at once when there is no state or no session manager.
+  void flushSession(std::function<void()> completion);
+
   // The client query id a feedback event refers to (0 when its class carries none).
   static uint64_t clientQueryIdForFeedback(const QXFeedback& feedback);
 

@@ -13,6 +13,7 @@
 #include "network/VorlenUserGUIDController.h"
 #include "platform/Assembly.h"
 #include "service/ClientState.h"
+#include "storage/VorlenFlusherIPC.h"
 
 namespace vorlen {
 
@@ -31,7 +32,34 @@ std::string clientIdForPeer(const IpcPeer& peer) {
 
 std::shared_ptr<VorlenService> VorlenService::create(std::shared_ptr<Assembly> assembly,
                                                      ClientConnectionOptions connectionOptions) {
-  return std::shared_ptr<VorlenService>(new VorlenService(std::move(assembly), std::move(connectionOptions)));
+  auto service =
+      std::shared_ptr<VorlenService>(new VorlenService(std::move(assembly), std::move(connectionOptions)));
+  service->_createFlusherIPC();
+  return service;
+}
+
+void VorlenService::_createFlusherIPC() {
+  if (assembly_->flusherIPCListener) return;
+  // The endpoint's dump reaches the clients through the live connections; once the service is gone the
+  // list is empty.
+  std::weak_ptr<VorlenService> weak = weak_from_this();
+  assembly_->flusherIPCListener = VorlenFlusherIPC::create(assembly_, [weak] {
+    std::vector<FlusherClientConnection> out;
+    auto self = weak.lock();
+    if (!self) return out;
+    for (const auto& connection : self->getClientConnections()) {
+      std::weak_ptr<ClientConnection> weakConnection = connection;
+      out.push_back(
+          {connection->userAgent().value_or("(null)"), [weakConnection](std::function<void()> done) {
+             if (auto c = weakConnection.lock()) {
+               c->flushSession(std::move(done));
+             } else if (done) {
+               done();
+             }
+           }});
+    }
+    return out;
+  });
 }
 
 VorlenService::VorlenService(std::shared_ptr<Assembly> assembly, ClientConnectionOptions connectionOptions)

@@ -25,7 +25,9 @@ class Assembly;
 class VorlenService : public IpcListenerDelegate, public std::enable_shared_from_this<VorlenService> {
  public:
   // Fills the Assembly's sharedSession ("VORSharedSession", true when unset), guidController,
-  // clientSessionManager (identifier "vorlen") and makeClientSession slots; a slot already filled is kept.
+  // clientSessionManager (identifier "vorlen"), makeClientSession and flusherIPCListener (the flusher
+  // endpoint, whose dump flushes the sessions of the live connections) slots; a slot already filled is
+  // kept.
   static std::shared_ptr<VorlenService> create(std::shared_ptr<Assembly> assembly,
                                                ClientConnectionOptions connectionOptions = {});
 
@@ -38,6 +40,7 @@ class VorlenService : public IpcListenerDelegate, public std::enable_shared_from
 
  private:
   VorlenService(std::shared_ptr<Assembly> assembly, ClientConnectionOptions connectionOptions);
+  void _createFlusherIPC();
   void connectionInvalidated(const std::shared_ptr<ClientConnection>& connection);
 
   std::shared_ptr<Assembly> assembly_;

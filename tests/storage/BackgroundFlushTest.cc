@@ -40,6 +40,9 @@ class CollectingListener final : public FlusherIPC {
     std::lock_guard lock(mu_);
     batches_.push_back(payloads.size());
   }
+  // Only the sending stream is watched here.
+  void sendDataToReceivingStreamListener(const VorlenFeedback&) override {}
+  std::optional<IpcEndpoint> endpoint() const override { return std::nullopt; }
   std::vector<size_t> batches() const {
     std::lock_guard lock(mu_);
     return batches_;

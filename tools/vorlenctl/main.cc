@@ -14,6 +14,7 @@
 #include "DaemonCommands.h"
 #include "DefaultsCommand.h"
 #include "ExitCode.h"
+#include "FlusherCommands.h"
 #include "ResourcesCommand.h"
 #include "StatsCommand.h"
 #include "StoredFeedbackCommand.h"
@@ -73,6 +74,9 @@ int run(int argc, char** argv) {
   auto* fShow = feedback->add_subcommand("show", "one session file as the JSON record it would be uploaded as");
   uint64_t sessionNumber = 0;
   fShow->add_option("N", sessionNumber, "the number of the file session.N")->required();
+  auto* fWatch = feedback->add_subcommand("watch", "print each event as clients report it (Ctrl-C ends)");
+  auto* fFlush = feedback->add_subcommand("flush", "end every session and upload all feedback now");
+  auto* fPause = feedback->add_subcommand("pause", "stop scheduled uploads until the next flush");
 
   auto* defaults = app.add_subcommand("defaults", "read, write or delete a preference");
   defaults->require_subcommand(1);
@@ -175,7 +179,10 @@ int run(int argc, char** argv) {
   else if (*report) code = command.report(eventJson, queryId);
   else if (*fCurrent)
     code = command.feedbackCurrent();
-  else if (*resources) {
+  else if (*fWatch || *fFlush || *fPause) {
+    FlusherCommands flusher(out, command);
+    code = *fWatch ? flusher.watch() : *fFlush ? flusher.flush() : flusher.pause();
+  } else if (*resources) {
     ResourcesCommand resourcesCommand(out, command, paths.configDir);
     code = *rGet ? resourcesCommand.get(resourceId) : resourcesCommand.list();
   }
