@@ -23,6 +23,7 @@
 #include "network/VORNetworkRequestFactory.h"
 #include "platform/Assembly.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 #include "support/WaitCounter.h"
 #include "vorlen-refserver/RefServer.h"
 #include "vorlen-refserver/ResourceFiles.h"
@@ -84,7 +85,7 @@ class DownloadManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server.start());
-    platform = Platform::forTesting(dir / "root", clock);
+    platform = test::platformForTesting(dir / "root", clock);
     Counters::install(platform.counters);
     assembly = std::make_shared<Assembly>(platform);
     assembly->userDefaults = std::make_shared<Preferences>(platform.paths.configDir, "com.velmo.vorlend");
