@@ -280,6 +280,8 @@ TEST_F(SearchProcessTest, SighupAppliesAnEditedLocaleAndTheDaemonServesOn) {
   auto daemon = startDaemon();
   auto client = browser();
   ASSERT_EQ(server.requestCount("/bag"), 1u);
+  // A refresh asked for while the first fetch still holds its gate is dropped: edit after it ended.
+  ASSERT_TRUE(daemon->waitForOutput("transaction bagFetch closed", 20s));
   Preferences defaults(dir / "config" / "vorlend", "com.velmo.vorlend");
   ASSERT_TRUE(defaults.set("VORLocaleOverride", Value("de_AT")));
   ASSERT_TRUE(daemon->signal(SIGHUP));
