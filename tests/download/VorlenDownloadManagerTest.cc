@@ -555,33 +555,3 @@ TEST(DownloadManagerAddressTest, ComparisonFormDropsOnlyTheKey) {
 
 }  // namespace
 }  // namespace vorlen
-
-namespace vorlen {
-namespace {
-
-// The reference service's resource switches refuse what they cannot apply and change nothing then.
-TEST(ResourceFilesTest, ControlDocumentsAreCheckedBeforeTheyApply) {
-  ResourceFiles files({});
-  for (const char* bad : {"[]", "{}", R"({"identifier": "nope"})", R"({"identifier": 7})",
-                          R"({"identifier": "installed_app_whitelist", "mode": "sometimes"})",
-                          R"({"identifier": "installed_app_whitelist", "version": "1/../2"})",
-                          R"({"identifier": "installed_app_whitelist", "status": 42})",
-                          R"({"identifier": "installed_app_whitelist", "size": -1})",
-                          R"({"identifier": "installed_app_whitelist", "delay_ms": 99999999})",
-                          R"({"identifier": "installed_app_whitelist", "listed": "no"})"}) {
-    std::string error;
-    EXPECT_FALSE(files.applyControlDocument(bad, &error)) << bad;
-    EXPECT_FALSE(error.empty()) << bad;
-  }
-  EXPECT_EQ(files.control("installed_app_whitelist")->version, "1");
-  ASSERT_TRUE(files.applyControlDocument(
-      R"({"identifier": "lookup_hints_weekly", "version": "9", "mode": "cut", "listed": false})", nullptr));
-  auto weekly = *files.control("lookup_hints_weekly");
-  EXPECT_EQ(weekly.version, "9");
-  EXPECT_EQ(weekly.mode, ResourceFiles::Mode::Cut);
-  EXPECT_FALSE(weekly.listed);
-  EXPECT_EQ(files.tagOf("lookup_hints_weekly"), "9-all-lookup_hints_weekly");
-}
-
-}  // namespace
-}  // namespace vorlen
