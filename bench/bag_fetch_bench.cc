@@ -22,6 +22,7 @@
 #include "network/VORNetworkRequestFactory.h"
 #include "network/VorlenBagController.h"
 #include "platform/Assembly.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/RefServer.h"
 
 namespace vorlen {
@@ -36,7 +37,7 @@ void runBagFetch(benchmark::State& state, bool diskCache) {
   {
     RefServer server;
     if (!server.start()) return state.SkipWithError("the reference server did not start");
-    auto assembly = std::make_shared<Assembly>(Platform::forTesting(dir, Clock::system()));
+    auto assembly = std::make_shared<Assembly>(test::platformForTesting(dir, Clock::system()));
     assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
     assembly->userDefaults->set(VorlenBagController::kBagURLPreference, server.baseURL() + "/bag");
     assembly->notificationCenter = assembly->platform.notificationCenter;

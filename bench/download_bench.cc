@@ -31,6 +31,7 @@
 #include "network/HttpSessions.h"
 #include "network/VORNetworkRequestFactory.h"
 #include "platform/Assembly.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/RefServer.h"
 #include "vorlen-refserver/ResourceFiles.h"
 
@@ -49,7 +50,7 @@ void BM_Download20MB(benchmark::State& state) {
     RefServer server;
     if (!server.start()) return state.SkipWithError("the reference server did not start");
     auto clock = std::make_shared<ManualClock>();
-    auto assembly = std::make_shared<Assembly>(Platform::forTesting(dir, clock));
+    auto assembly = std::make_shared<Assembly>(test::platformForTesting(dir, clock));
     Counters::install(assembly->platform.counters);
     assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
     assembly->notificationCenter = assembly->platform.notificationCenter;

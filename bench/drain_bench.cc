@@ -25,6 +25,7 @@
 #include "storage/BackgroundActivitiesManager.h"
 #include "storage/UploadManager.h"
 #include "storage/VorlenPersistentStorage.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
 
@@ -47,7 +48,7 @@ void BM_Drain100Sessions(benchmark::State& state) {
     state.SkipWithError("reference service did not start");
     return;
   }
-  auto assembly = std::make_shared<Assembly>(Platform::forTesting(root, Clock::system()));
+  auto assembly = std::make_shared<Assembly>(test::platformForTesting(root, Clock::system()));
   assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
   assembly->notificationCenter = assembly->platform.notificationCenter;
   assembly->requestFactory = VORNetworkRequestFactory::create(*assembly);

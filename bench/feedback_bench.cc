@@ -24,8 +24,8 @@
 #include <chrono>
 #include <filesystem>
 
-#include "base/Counters.h"
 #include "BenchSupport.h"
+#include "base/Counters.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "client/VorlenClient.h"
@@ -42,6 +42,7 @@
 #include "platform/Platform.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -69,7 +70,7 @@ class Stack {
       return;
     }
     dir_ = pattern;
-    platform_ = Platform::forTesting(dir_ / "root", Clock::system());
+    platform_ = test::platformForTesting(dir_ / "root", Clock::system());
     Counters::install(platform_.counters);
     assembly = std::make_shared<Assembly>(platform_);
     assembly->userDefaults = std::make_shared<Preferences>(platform_.paths.configDir, "com.velmo.vorlend");

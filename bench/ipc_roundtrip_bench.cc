@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "RawEcho.h"
 #include "base/Archive.h"
 #include "base/Log.h"
 #include "client/VorlenClient.h"
@@ -29,7 +30,8 @@
 #include "platform/DeviceProperties.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
-#include "RawEcho.h"
+#include "support/PlatformFakes.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -45,7 +47,7 @@ constexpr const char* kAgent = "Bench/1.0";
 
 size_t replyPayloadSize() {
   Value entry = Value::dict({{"identifier", Value(kIdentifier)},
-                             {"agent", Value(*createUserAgentString(kAgent, FakeDeviceProperties()))}});
+                             {"agent", Value(*createUserAgentString(kAgent, test::FakeDeviceProperties()))}});
   IpcMessage reply = IpcMessage::reply({Value(Value::Array{entry})});
   reply.setSerial(1);
   return Archive::encodeBinary(reply.toValue()).size();
@@ -58,7 +60,7 @@ void BM_ClientListSessions(benchmark::State& state) {
   if (!made) return state.SkipWithError("mkdtemp failed");
   std::filesystem::path dir(made);
   std::string error;
-  Platform platform = Platform::forTesting(dir, Clock::system());
+  Platform platform = test::platformForTesting(dir, Clock::system());
   auto assembly = std::make_shared<Assembly>(platform);
   assembly->notificationCenter = platform.notificationCenter;
   assembly->clientStateManager = ClientStateManager::create(assembly);

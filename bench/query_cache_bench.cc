@@ -16,6 +16,7 @@
 #include "model/VORRequest.h"
 #include "network/HttpRequest.h"
 #include "platform/Assembly.h"
+#include "support/TestPlatform.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ struct Fixture {
     Log::setThreshold(LogLevel::Error);  // the info line of every insertion is not what is measured
     char pattern[] = "/tmp/query_cache_bench.XXXXXX";
     root = mkdtemp(pattern);
-    platform = Platform::forTesting(root / "root", Clock::system());
+    platform = test::platformForTesting(root / "root", Clock::system());
     assembly = std::make_shared<Assembly>(platform);
     assembly->notificationCenter = platform.notificationCenter;
     cache = QueryCache::create(*assembly);

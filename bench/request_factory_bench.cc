@@ -14,6 +14,8 @@
 #include "network/VORRequestContext.h"
 #include "platform/Assembly.h"
 #include "platform/LocationProvider.h"
+#include "support/PlatformFakes.h"
+#include "support/TestPlatform.h"
 
 namespace {
 
@@ -23,11 +25,11 @@ struct Fixture {
   Fixture() {
     char templ[] = "/tmp/vorlen-bench-XXXXXX";
     root = mkdtemp(templ);
-    assembly = std::make_shared<Assembly>(Platform::forTesting(root, Clock::system()));
+    assembly = std::make_shared<Assembly>(test::platformForTesting(root, Clock::system()));
     assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
     assembly->userDefaults->set("VORDebugParameters", "exp=1&bucket=7");
     assembly->notificationCenter = assembly->platform.notificationCenter;
-    auto location = std::static_pointer_cast<FakeLocationProvider>(assembly->platform.location);
+    auto location = std::static_pointer_cast<test::FakeLocationProvider>(assembly->platform.location);
     location->setAuthorizationStatus(LocationProvider::kAuthorizedAlways);
     assembly->locationManager = LocationManager::create(*assembly);
     factory = VORNetworkRequestFactory::create(*assembly);

@@ -30,9 +30,10 @@
 #include <thread>
 #include <vector>
 
+#include "BenchSupport.h"
+#include "RawEcho.h"
 #include "base/Archive.h"
 #include "base/Counters.h"
-#include "BenchSupport.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
 #include "cache/EngagedCompletionCache.h"
@@ -48,8 +49,8 @@
 #include "platform/Platform.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/RefServer.h"
-#include "RawEcho.h"
 
 namespace vorlen {
 namespace {
@@ -88,7 +89,7 @@ class Stack {
       return;
     }
     auto clock = Clock::system();
-    platform_ = Platform::forTesting(dir_ / "root", clock);
+    platform_ = test::platformForTesting(dir_ / "root", clock);
     Counters::install(platform_.counters);
     assembly = std::make_shared<Assembly>(platform_);
     assembly->userDefaults = std::make_shared<Preferences>(platform_.paths.configDir, "com.velmo.vorlend");

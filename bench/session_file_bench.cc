@@ -23,8 +23,8 @@
 #include <fstream>
 #include <string>
 
-#include "base/Archive.h"
 #include "BenchSupport.h"
+#include "base/Archive.h"
 #include "base/Log.h"
 #include "base/ManualClock.h"
 #include "base/Preferences.h"
@@ -33,6 +33,7 @@
 #include "model/QXFeedbackFactory.h"
 #include "platform/Assembly.h"
 #include "storage/VorlenPersistentStorage.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -60,7 +61,7 @@ struct Folder {
       std::exit(1);
     }
     root = made;
-    Platform platform = Platform::forTesting(root, std::make_shared<ManualClock>());
+    Platform platform = test::platformForTesting(root, std::make_shared<ManualClock>());
     assembly = std::make_shared<Assembly>(platform);
     assembly->userDefaults = std::make_shared<Preferences>(platform.paths.configDir, "com.velmo.vorlend");
     assembly->userDefaults->set("VORSessionSizeLimit", Value(sizeLimit));

@@ -38,6 +38,7 @@
 #include "storage/CompressedOutputStream.h"
 #include "storage/NullStream.h"
 #include "storage/UploadManager.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/RefServer.h"
 
 namespace vorlen {
@@ -132,7 +133,7 @@ void BM_Upload2MiBSession(benchmark::State& state) {
   RefServer server;
   if (!server.start()) std::exit(1);
   auto clock = std::make_shared<ManualClock>();
-  auto assembly = std::make_shared<Assembly>(Platform::forTesting(root, clock));
+  auto assembly = std::make_shared<Assembly>(test::platformForTesting(root, clock));
   assembly->platform.paths.create();
   assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
   assembly->notificationCenter = assembly->platform.notificationCenter;

@@ -47,16 +47,4 @@ class LinuxDeviceProperties final : public DeviceProperties {
   std::string productType_, productName_, buildVersion_;
 };
 
-// Fixed values, for tests.
-class FakeDeviceProperties final : public DeviceProperties {
- public:
-  std::string type = "TestDevice1,1", name = "TestOS", build = "1A100", inputMode = "en_US";
-  double scale = 2.0;
-  std::string productType() const override { return type; }
-  std::string productName() const override { return name; }
-  std::string buildVersion() const override { return build; }
-  double screenScale() const override { return scale; }
-  std::string keyboardInputMode() const override { return inputMode; }
-};
-
 }  // namespace vorlen

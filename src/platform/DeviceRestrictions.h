@@ -16,8 +16,6 @@
 // Visibility settings (for example whether news may appear in system search) have no reader on this
 // platform besides visibilitySetting(); they are kept in memory.
 //
-// FakeDeviceRestrictions holds settable values; its setters post the same notifications.
-//
 // Threading: every method is safe from any thread.
 #pragma once
 
@@ -81,38 +79,6 @@ class LinuxDeviceRestrictions final : public DeviceRestrictions {
   std::mutex mu_;
   std::string lastSettings_;
   bool lastManaged_ = false;
-};
-
-class FakeDeviceRestrictions final : public DeviceRestrictions {
- public:
-  explicit FakeDeviceRestrictions(std::shared_ptr<NotificationCenter> center = nullptr)
-      : center_(std::move(center)) {}
-
-  int bookStoreSetting() const override;
-  bool isMediaStoreAllowed() const override;
-  bool isAppInstallationAllowed() const override;
-  bool isDiagnosticSubmissionAllowed() const override;
-  bool isManagedAccount() const override;
-
-  // Each posts kPlatformEffectiveSettingsDidChangeNotification ...
-  void setBookStoreSetting(int value);
-  void setMediaStoreAllowed(bool allowed);
-  void setAppInstallationAllowed(bool allowed);
-  void setDiagnosticSubmissionAllowed(bool allowed);
-  // ... and this one kPlatformAccountStoreDidChangeNotification, then
-  // kPlatformAccountCredentialsDidChangeNotification.
-  void setManagedAccount(bool managed);
-
- private:
-  void post(const char* name);
-  // Sets `field` under the lock, then posts `notification`.
-  template <class T>
-  void change(T& field, T value, const char* notification);
-
-  std::shared_ptr<NotificationCenter> center_;
-  mutable std::mutex mu_;
-  int bookStore_ = kNotSet;
-  bool mediaStore_ = true, appInstallation_ = true, diagnostics_ = true, managed_ = false;
 };
 
 }  // namespace vorlen

@@ -67,40 +67,4 @@ void LinuxGeoConfiguration::checkForChanges() {
   if (center_) center_->post(kPlatformCountryCodeDidChangeNotification, this);
 }
 
-// ---- FakeGeoConfiguration ------------------------------------------------------------------------------------
-
-std::optional<std::string> FakeGeoConfiguration::environmentName() const {
-  std::lock_guard lock(mu_);
-  return environment_;
-}
-
-std::vector<uint8_t> FakeGeoConfiguration::clientMetadata() const {
-  std::lock_guard lock(mu_);
-  return metadata_;
-}
-
-std::string FakeGeoConfiguration::countryCode() const {
-  std::lock_guard lock(mu_);
-  return countryCode_;
-}
-
-void FakeGeoConfiguration::setEnvironmentName(std::optional<std::string> name) {
-  std::lock_guard lock(mu_);
-  environment_ = std::move(name);
-}
-
-void FakeGeoConfiguration::setClientMetadata(std::vector<uint8_t> metadata) {
-  std::lock_guard lock(mu_);
-  metadata_ = std::move(metadata);
-}
-
-void FakeGeoConfiguration::setCountryCode(std::string code) {
-  {
-    std::lock_guard lock(mu_);
-    if (code == countryCode_) return;
-    countryCode_ = std::move(code);
-  }
-  if (center_) center_->post(kPlatformCountryCodeDidChangeNotification, this);
-}
-
 }  // namespace vorlen

@@ -12,8 +12,6 @@
 // country code differs from the one it saw last; the platform's change monitor calls it periodically and
 // after a locale change.
 //
-// FakeGeoConfiguration holds settable values; setCountryCode() posts the notification when the code changes.
-//
 // Threading: every method is safe from any thread.
 #pragma once
 
@@ -62,27 +60,6 @@ class LinuxGeoConfiguration final : public GeoConfiguration {
   std::shared_ptr<NotificationCenter> center_;
   std::mutex mu_;
   std::string lastCountryCode_;
-};
-
-class FakeGeoConfiguration final : public GeoConfiguration {
- public:
-  explicit FakeGeoConfiguration(std::shared_ptr<NotificationCenter> center = nullptr) : center_(std::move(center)) {}
-
-  std::optional<std::string> environmentName() const override;
-  std::vector<uint8_t> clientMetadata() const override;
-  std::string countryCode() const override;
-
-  void setEnvironmentName(std::optional<std::string> name);
-  void setClientMetadata(std::vector<uint8_t> metadata);
-  // Posts kPlatformCountryCodeDidChangeNotification when `code` differs from the current one.
-  void setCountryCode(std::string code);
-
- private:
-  std::shared_ptr<NotificationCenter> center_;
-  mutable std::mutex mu_;
-  std::optional<std::string> environment_ = std::string("test");
-  std::vector<uint8_t> metadata_ = {'m', 'e', 't', 'a'};
-  std::string countryCode_ = "US";
 };
 
 }  // namespace vorlen

@@ -2,8 +2,7 @@
 // ("X-Velmo-GeoSession") so that the search service can tie together the requests of one session.
 //
 // LinuxGeoSession keeps a random UUID in memory, made at construction; userSessionEntity(true) replaces it
-// first. Nothing is stored: a restarted daemon starts a new session. FakeGeoSession answers a settable
-// entity, including one that cannot give its id.
+// first. Nothing is stored: a restarted daemon starts a new session.
 //
 // Threading: every method is safe from any thread.
 #pragma once
@@ -48,31 +47,6 @@ class LinuxGeoSession final : public GeoSession {
  private:
   std::mutex mu_;
   Uuid id_;
-};
-
-class FakeGeoSession final : public GeoSession {
- public:
-  GeoSessionEntity userSessionEntity(bool reset) override {
-    std::lock_guard lock(mu_);
-    if (reset) {
-      ++resets_;
-      if (entity_.sessionId) entity_.sessionId = Uuid::random();
-    }
-    return entity_;
-  }
-  void setEntity(GeoSessionEntity entity) {
-    std::lock_guard lock(mu_);
-    entity_ = std::move(entity);
-  }
-  int resetCount() const {
-    std::lock_guard lock(mu_);
-    return resets_;
-  }
-
- private:
-  mutable std::mutex mu_;
-  GeoSessionEntity entity_{Uuid::random()};
-  int resets_ = 0;
 };
 
 }  // namespace vorlen

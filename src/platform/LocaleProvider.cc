@@ -238,25 +238,4 @@ std::string LinuxLocaleProvider::snapshot() const {
   return s;
 }
 
-// ---- FakeLocaleProvider --------------------------------------------------------------------------------------
-
-FakeLocaleProvider::Values FakeLocaleProvider::values() const {
-  std::lock_guard lock(mu_);
-  return values_;
-}
-
-void FakeLocaleProvider::setValues(Values values) {
-  std::lock_guard lock(mu_);
-  values_ = std::move(values);
-}
-
-void FakeLocaleProvider::change(Values values) {
-  setValues(std::move(values));
-  notifyChanged();
-}
-
-void FakeLocaleProvider::notifyChanged() {
-  if (center_) center_->post(kPlatformCurrentLocaleDidChangeNotification, this);
-}
-
 }  // namespace vorlen

@@ -25,8 +25,6 @@
 // also watches the time zone: when TZ, the target of /etc/localtime or that file itself (device, inode,
 // modification time, size) changed, it posts kPlatformTimeZoneDidChangeNotification.
 //
-// FakeLocaleProvider holds settable values for tests; its notifyChanged() posts the same notification.
-//
 // Threading: every method is safe from any thread.
 #pragma once
 
@@ -104,46 +102,6 @@ class LinuxLocaleProvider final : public LocaleProvider {
   std::mutex mu_;
   std::string lastSnapshot_;
   std::string lastTimeZoneSnapshot_;
-};
-
-class FakeLocaleProvider final : public LocaleProvider {
- public:
-  explicit FakeLocaleProvider(std::shared_ptr<NotificationCenter> center = nullptr) : center_(std::move(center)) {}
-
-  struct Values {
-    std::string localeIdentifier = "en_US";
-    std::vector<std::string> preferredLanguages = {"en-US"};
-    std::string calendarIdentifier = "gregorian";
-    std::string measurementSystem = "U.S.";
-    std::optional<std::string> preferredTemperatureUnit;
-    std::string localeTemperatureUnit = "Fahrenheit";
-    std::string hourFormatPattern = "h:mm a";
-    std::string timeZoneName = "America/Los_Angeles";
-    std::string effectiveSystemLanguage = "en";
-    std::string regionCode = "US";
-  };
-
-  Values values() const;
-  void setValues(Values values);
-  // Changes the values and posts the change notification.
-  void change(Values values);
-
-  std::string localeIdentifier() const override { return values().localeIdentifier; }
-  std::vector<std::string> preferredLanguages() const override { return values().preferredLanguages; }
-  std::string calendarIdentifier() const override { return values().calendarIdentifier; }
-  std::string measurementSystem() const override { return values().measurementSystem; }
-  std::optional<std::string> preferredTemperatureUnit() const override { return values().preferredTemperatureUnit; }
-  std::string localeTemperatureUnit() const override { return values().localeTemperatureUnit; }
-  std::string hourFormatPattern() const override { return values().hourFormatPattern; }
-  std::string timeZoneName() const override { return values().timeZoneName; }
-  std::string effectiveSystemLanguage() const override { return values().effectiveSystemLanguage; }
-  std::string regionCode() const override { return values().regionCode; }
-  void notifyChanged() override;
-
- private:
-  std::shared_ptr<NotificationCenter> center_;
-  mutable std::mutex mu_;
-  Values values_;
 };
 
 }  // namespace vorlen

@@ -14,12 +14,9 @@
 // status is 2 (denied) and a start delivers nothing. checkForChanges() re-reads the preference and, when the
 // status changed, tells the delegate and posts kPlatformLocationAuthorizationDidChangeNotification.
 //
-// FakeLocationProvider lets a test set the status and push fixes, failures and status changes to the
-// delegate by hand.
-//
 // Threading: every method is safe from any thread. Delegate calls run on the thread that caused them (the
-// caller of startUpdatingLocation(), checkForChanges() or of a fake's push); delegates hop onto their own
-// queue. The delegate is held weakly.
+// caller of startUpdatingLocation() or checkForChanges()); delegates hop onto their own queue. The delegate
+// is held weakly.
 #pragma once
 
 #include <cstdint>
@@ -100,35 +97,6 @@ class LinuxLocationProvider final : public LocationProvider {
   std::weak_ptr<LocationDelegate> delegate_;
   bool updating_ = false;
   int lastStatus_ = kNotDetermined;
-};
-
-class FakeLocationProvider final : public LocationProvider {
- public:
-  int authorizationStatus() const override;
-  bool locationServicesEnabled() const override;
-  void setDelegate(std::weak_ptr<LocationDelegate> delegate) override;
-  void startUpdatingLocation() override;
-  void stopUpdatingLocation() override;
-  bool isUpdating() const override;
-
-  void setAuthorizationStatus(int status);
-  void setLocationServicesEnabled(bool enabled);
-  // Deliveries to the delegate (nothing when there is none).
-  void pushLocations(const std::vector<LocationFix>& locations);
-  void pushFailure(const std::string& error);
-  void pushAuthorizationStatus(int status);  // sets the status, then tells the delegate
-  int startCount() const;
-  int stopCount() const;
-
- private:
-  std::shared_ptr<LocationDelegate> delegate() const;
-
-  mutable std::mutex mu_;
-  std::weak_ptr<LocationDelegate> delegate_;
-  int status_ = kNotDetermined;
-  bool enabled_ = true;
-  bool updating_ = false;
-  int starts_ = 0, stops_ = 0;
 };
 
 }  // namespace vorlen

@@ -58,8 +58,7 @@ struct Platform {
   std::shared_ptr<BackgroundActivityScheduler> activityScheduler;
   // The installed-applications registry (posts kPlatformInstalledApplicationsDidChangeNotification), the
   // TV-provider subscription registry, the media store's account status and storefront, and the
-  // data-detector service of look-up hints. Null in forTesting() except the data-detector store (real
-  // files under the test's caches folder); tests that need the others set fakes.
+  // data-detector service of look-up hints. Tests set fakes where they need them.
   std::shared_ptr<InstalledApplications> installedApplications;
   std::shared_ptr<SubscriptionRegistry> subscriptionRegistry;
   std::shared_ptr<MediaStore> mediaStore;
@@ -68,8 +67,6 @@ struct Platform {
   // Linux services for the given folders (which must exist). The counters persist to
   // <caches>/counters.plist.
   static Platform forLinux(const Paths& paths);
-  // Fakes below a private root folder (created), with the given clock.
-  static Platform forTesting(const std::filesystem::path& root, std::shared_ptr<Clock> clock);
 };
 
 }  // namespace vorlen

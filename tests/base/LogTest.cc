@@ -9,24 +9,10 @@
 #include <regex>
 
 #include "base/FileUtil.h"
-#include "base/Preferences.h"
 #include "support/TempDir.h"
 
 namespace vorlen {
 namespace {
-
-TEST(LogTest, CategoriesAreTheSubsystemsTwentyOne) {
-  EXPECT_STREQ(VorlenLogForCategory(0).category(), "Vorlen");
-  EXPECT_STREQ(VorlenLogForCategory(VorlenLogCategoryConnection).category(), "Vorlen_Connection");
-  EXPECT_STREQ(VorlenLogForCategory(17).category(), "Vorlen_Feedback_Errors");
-  EXPECT_STREQ(VorlenLogForCategory(20).category(), "Vorlen_UploadManager");
-  // Same handle every time: the table is built once.
-  EXPECT_EQ(&VorlenLogForCategory(5), &VorlenLogForCategory(5));
-}
-
-TEST(LogDeathTest, CategoryOutOfRangeAborts) {
-  EXPECT_DEATH(VorlenLogForCategory(21), "category < VorlenLoggingCategoryCount");
-}
 
 TEST(LogTest, CaptureRecordsLevelCategoryAndFormattedText) {
   ScopedLogCapture capture;
@@ -86,14 +72,6 @@ TEST(LogTest, StderrLinesStartWithTheTimeAndKeepAMessageOnOneLine) {
   EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z vorlend\[\d+\] )"
                                                 R"(<error> Vorlen_Bag: first\\nsecond\\r\\x01third\n)")))
       << text;
-}
-
-TEST(LogTest, TracingSetupLogsTheFlag) {
-  test::TempDir dir;
-  Preferences prefs(dir.path(), "com.velmo.vorlend");
-  ScopedLogCapture capture;
-  VORTracingSetup(prefs);
-  EXPECT_TRUE(capture.sink().contains(LogLevel::Debug, "", "VORTraceEnabled flag set to 0"));
 }
 
 }  // namespace

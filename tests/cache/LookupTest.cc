@@ -14,6 +14,7 @@
 #include "support/FakeDownloadManager.h"
 #include "support/PlatformFakes.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -114,7 +115,7 @@ TEST(LookupResultFilterTest, AnswersThatAreNotArraysOfSectionsAreLeftAlone) {
 class LookupTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    assembly = std::make_shared<Assembly>(Platform::forTesting(dir.path(), clock));
+    assembly = std::make_shared<Assembly>(test::platformForTesting(dir.path(), clock));
     assembly->notificationCenter = assembly->platform.notificationCenter;
     downloads = std::make_shared<test::FakeDownloadManager>(dir / "resources", assembly->notificationCenter);
     assembly->downloadManager = downloads;

@@ -13,6 +13,7 @@
 #include "platform/MemoryPressureSource.h"
 #include "platform/PlatformNotifications.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -32,7 +33,7 @@ struct EntryParams {
 class QueryCacheTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform = Platform::forTesting(dir / "root", clock);
+    platform = test::platformForTesting(dir / "root", clock);
     assembly = std::make_shared<Assembly>(platform);
     assembly->notificationCenter = platform.notificationCenter;
     cache = QueryCache::create(*assembly);

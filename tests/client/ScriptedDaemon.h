@@ -88,7 +88,7 @@ class ScriptedDaemon {
     return ops;
   }
   bool waitForCalls(size_t n) const {
-    return waitUntil([&] { return calls().size() >= n; });
+    return eventually([&] { return calls().size() >= n; });
   }
   const IpcEndpoint& endpoint() const { return endpoint_; }
 

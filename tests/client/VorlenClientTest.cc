@@ -94,7 +94,7 @@ TEST_F(VorlenClientTest, AfterThePeerClosesTheNextCallReconnectsAndConfiguresFir
 
   // The daemon closes the connection (idle time-out, restart): the client notices.
   daemon->server->waitAccepted(0)->invalidate();
-  ASSERT_TRUE(waitUntil([&] { return !client->isConnected(); }));
+  ASSERT_TRUE(eventually([&] { return !client->isConnected(); }));
 
   ClientResult<std::vector<SessionInfo>> sessions = client->listSessions();
   ASSERT_TRUE(sessions.ok()) << sessions.errorText();
@@ -104,7 +104,7 @@ TEST_F(VorlenClientTest, AfterThePeerClosesTheNextCallReconnectsAndConfiguresFir
 
   // A whole daemon restart on the same socket path is survived the same way.
   daemon.reset();
-  ASSERT_TRUE(waitUntil([&] { return !client->isConnected(); }));
+  ASSERT_TRUE(eventually([&] { return !client->isConnected(); }));
   ClientResult<BagReply> down = client->bag();
   ASSERT_FALSE(down.ok());
   EXPECT_EQ(down.error->kind, ClientError::Kind::Unreachable);
@@ -124,7 +124,7 @@ TEST_F(VorlenClientTest, CallPendingWhenThePeerClosesEndsWithConnectionLost) {
   daemon->neverAnswer("bag:");
   auto closer = std::thread([&] {
     auto c = daemon->server->waitAccepted(0);
-    waitUntil([&] { return daemon->calls().size() == 1; });
+    eventually([&] { return daemon->calls().size() == 1; });
     c->invalidate();
   });
   ClientResult<BagReply> bag = client->bag();
@@ -153,7 +153,7 @@ TEST_F(VorlenClientTest, UnansweredCallTimesOutAndALateReplyIsDropped) {
   client = makeClient(clock);
   daemon->neverAnswer("request:reply:");
   auto advancer = std::thread([&] {
-    waitUntil([&] { return client->pendingCallCount() == 1 && daemon->calls().size() == 1; });
+    eventually([&] { return client->pendingCallCount() == 1 && daemon->calls().size() == 1; });
     clock->advance(seconds(9));  // not yet
     clock->advance(seconds(1.5));
   });
@@ -363,7 +363,7 @@ TEST_F(VorlenClientTest, DestroyingTheClientEndsItsPendingCallbacks) {
   daemon->neverAnswer("bag:");
   Inbox<ClientError::Kind> ended;
   client->bag([&](ClientResult<BagReply> r) { ended.put(r.error ? r.error->kind : ClientError::Kind::TimedOut); });
-  ASSERT_TRUE(waitUntil([&] { return client->pendingCallCount() == 1; }));
+  ASSERT_TRUE(eventually([&] { return client->pendingCallCount() == 1; }));
   client.reset();
   ASSERT_TRUE(ended.waitFor(1));
   EXPECT_EQ(ended.items()[0], ClientError::Kind::ConnectionLost);

@@ -22,6 +22,7 @@
 #include "storage/UploadFile.h"
 #include "storage/UploadManager.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
 
@@ -34,7 +35,7 @@ class BackgroundDrainTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server.start());
-    platform = Platform::forTesting(dir.path(), clock);
+    platform = test::platformForTesting(dir.path(), clock);
     Preferences(platform.paths.configDir, "com.velmo.vorlend")
         .set("VORBagURL", Value(server.baseURL() + "/bag"));
     daemon.emplace(platform);
@@ -87,7 +88,7 @@ TEST_F(BackgroundDrainTest, ATypedAndEngagedSessionReachesTheFeedbackEndpointAtT
   configuration.identifier = "com.example.browser";
   configuration.userAgent = kBrowserAgent;
   ASSERT_TRUE(browser->configure(configuration).ok());
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     auto bag = browser->bag();
     return bag.ok() && bag.value->bag.has_value();
   }));
@@ -108,7 +109,7 @@ TEST_F(BackgroundDrainTest, ATypedAndEngagedSessionReachesTheFeedbackEndpointAtT
   engagement.set("result", result.toRecord());
   ASSERT_TRUE(browser->reportEvent("engage", 2, engagement.toRecord()).ok());
   // Time moves only once the open session holds the engagement.
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     for (const Value& e : assembly->clientSessionManager->currentSessionFeedbacksWithRelativeTimestamp())
       if (const Value* type = e.find("type");
           type && type->getString() && *type->getString() == "result_engagement")
@@ -122,9 +123,9 @@ TEST_F(BackgroundDrainTest, ATypedAndEngagedSessionReachesTheFeedbackEndpointAtT
   advanceTo(300);
   EXPECT_TRUE(browserRecords().empty());
   advanceTo(900);
-  ASSERT_TRUE(test::waitUntil([&] { return browserSessionStored() || !browserRecords().empty(); }));
+  ASSERT_TRUE(test::eventually([&] { return browserSessionStored() || !browserRecords().empty(); }));
   advanceTo(1500);
-  ASSERT_TRUE(test::waitUntil([&] { return !browserRecords().empty(); }));
+  ASSERT_TRUE(test::eventually([&] { return !browserRecords().empty(); }));
   ASSERT_TRUE(assembly->uploadManager->waitForUploadsToEnd(std::chrono::seconds(30)));
   auto records = browserRecords();
   ASSERT_EQ(records.size(), 1u);

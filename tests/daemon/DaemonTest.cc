@@ -13,6 +13,7 @@
 #include "network/VorlenSubscriptionManager.h"
 #include "support/PlatformFakes.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -23,31 +24,8 @@ class DaemonTest : public ::testing::Test {
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
 };
 
-TEST_F(DaemonTest, RegisteredDefaultsLoseToStoredValues) {
-  Platform platform = Platform::forTesting(dir.path(), clock);
-  {
-    Preferences user(platform.paths.configDir, "com.velmo.vorlend");
-    user.set("VORSessionIdleTimeOverride", Value(int64_t{30}));
-  }
-  Daemon daemon(platform);
-  auto assembly = daemon.start();
-  auto& d = *assembly->userDefaults;
-  EXPECT_TRUE(assembly->useQuintara());
-  EXPECT_TRUE(d.boolForKey("VORSharedSession"));
-  EXPECT_EQ(d.unsignedForKey("VORSessionSizeLimit"), 2097152u);
-  EXPECT_EQ(d.unsignedForKey("VORSessionMaxAge"), 172800u);
-  EXPECT_EQ(d.integerForKey("VORSessionSoftLimitOverride"), 600);
-  EXPECT_EQ(d.integerForKey("VORSessionIdleTimeOverride"), 30);
-  // Registered defaults are never written to the domain file.
-  Preferences fresh(platform.paths.configDir, "com.velmo.vorlend");
-  EXPECT_EQ(fresh.storedValues().size(), 1u);
-
-  d.set("VORUseQuintara", Value(false));
-  EXPECT_FALSE(assembly->useQuintara());  // read at each call
-}
-
 TEST_F(DaemonTest, StartCountsTheLaunchAndAnnouncesStartupOnce) {
-  Platform platform = Platform::forTesting(dir.path(), clock);
+  Platform platform = test::platformForTesting(dir.path(), clock);
   std::mutex mu;
   std::condition_variable cv;
   int startups = 0;
@@ -71,7 +49,7 @@ TEST_F(DaemonTest, StartCountsTheLaunchAndAnnouncesStartupOnce) {
 }
 
 TEST_F(DaemonTest, SubscriptionsLookUpAndTheAppAllowListJoinTheGraph) {
-  Platform platform = Platform::forTesting(dir.path(), clock);
+  Platform platform = test::platformForTesting(dir.path(), clock);
   auto store = std::make_shared<test::FakeMediaStore>(platform.notificationCenter);
   store->setStorefront("143441-1,29");
   platform.mediaStore = store;

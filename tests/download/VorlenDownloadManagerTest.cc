@@ -23,6 +23,7 @@
 #include "network/VORNetworkRequestFactory.h"
 #include "platform/Assembly.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 #include "support/WaitCounter.h"
 #include "vorlen-refserver/RefServer.h"
 #include "vorlen-refserver/ResourceFiles.h"
@@ -84,7 +85,7 @@ class DownloadManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server.start());
-    platform = Platform::forTesting(dir / "root", clock);
+    platform = test::platformForTesting(dir / "root", clock);
     Counters::install(platform.counters);
     assembly = std::make_shared<Assembly>(platform);
     assembly->userDefaults = std::make_shared<Preferences>(platform.paths.configDir, "com.velmo.vorlend");
@@ -550,36 +551,6 @@ TEST(DownloadManagerAddressTest, ComparisonFormDropsOnlyTheKey) {
       {"/relative?key=1", std::nullopt},
   };
   for (const auto& [in, out] : cases) EXPECT_EQ(VorlenDownloadManager::urlForCompare(in), out) << in;
-}
-
-}  // namespace
-}  // namespace vorlen
-
-namespace vorlen {
-namespace {
-
-// The reference service's resource switches refuse what they cannot apply and change nothing then.
-TEST(ResourceFilesTest, ControlDocumentsAreCheckedBeforeTheyApply) {
-  ResourceFiles files({});
-  for (const char* bad : {"[]", "{}", R"({"identifier": "nope"})", R"({"identifier": 7})",
-                          R"({"identifier": "installed_app_whitelist", "mode": "sometimes"})",
-                          R"({"identifier": "installed_app_whitelist", "version": "1/../2"})",
-                          R"({"identifier": "installed_app_whitelist", "status": 42})",
-                          R"({"identifier": "installed_app_whitelist", "size": -1})",
-                          R"({"identifier": "installed_app_whitelist", "delay_ms": 99999999})",
-                          R"({"identifier": "installed_app_whitelist", "listed": "no"})"}) {
-    std::string error;
-    EXPECT_FALSE(files.applyControlDocument(bad, &error)) << bad;
-    EXPECT_FALSE(error.empty()) << bad;
-  }
-  EXPECT_EQ(files.control("installed_app_whitelist")->version, "1");
-  ASSERT_TRUE(files.applyControlDocument(
-      R"({"identifier": "lookup_hints_weekly", "version": "9", "mode": "cut", "listed": false})", nullptr));
-  auto weekly = *files.control("lookup_hints_weekly");
-  EXPECT_EQ(weekly.version, "9");
-  EXPECT_EQ(weekly.mode, ResourceFiles::Mode::Cut);
-  EXPECT_FALSE(weekly.listed);
-  EXPECT_EQ(files.tagOf("lookup_hints_weekly"), "9-all-lookup_hints_weekly");
 }
 
 }  // namespace

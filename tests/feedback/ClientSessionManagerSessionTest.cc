@@ -17,6 +17,7 @@
 #include "network/VorlenUserGUIDController.h"
 #include "platform/Assembly.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -92,7 +93,7 @@ class SessionManagerTest : public ::testing::Test {
 
   test::TempDir dir;
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-  Platform platform = Platform::forTesting(dir.path() / "root", clock);
+  Platform platform = test::platformForTesting(dir.path() / "root", clock);
   std::shared_ptr<Assembly> assembly = std::make_shared<Assembly>(platform);
   std::shared_ptr<VorlenUserGUIDController> guids;
   std::shared_ptr<ClientSessionManager> manager;

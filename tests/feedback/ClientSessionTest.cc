@@ -17,6 +17,7 @@
 #include "network/VorlenUserGUIDController.h"
 #include "platform/Assembly.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -56,7 +57,7 @@ class ClientSessionTest : public ::testing::Test {
   // Noon, so that an hour later is the same calendar day in any time zone.
   std::shared_ptr<ManualClock> clock =
       std::make_shared<ManualClock>(fromUnixSeconds(1767225600.0 + 12 * 3600));
-  Platform platform = Platform::forTesting(dir.path() / "root", clock);
+  Platform platform = test::platformForTesting(dir.path() / "root", clock);
   std::shared_ptr<Assembly> assembly = std::make_shared<Assembly>(platform);
 };
 

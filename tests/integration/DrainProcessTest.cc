@@ -60,7 +60,7 @@ class DrainProcessTest : public ::testing::Test {
       start.set("input", Value(marker + " " + std::to_string(i)));
       ASSERT_TRUE(browser->reportEvent("e", static_cast<uint64_t>(i), start.toRecord()).ok());
     }
-    ASSERT_TRUE(test::waitUntil([&] { return fileHolding(marker); }));
+    ASSERT_TRUE(test::eventually([&] { return fileHolding(marker); }));
   }
 
   // Whether a session file holds an event with `marker` (its bytes, not decoded).
@@ -107,7 +107,7 @@ TEST_F(DrainProcessTest, KilledDuringAnUploadTheNextRunDrainsWhatRemainsAndSends
   server.feedbackInbox().setControl({.delayMs = 3000});
   startDaemon(60);
   reportSearches("after", 4);
-  ASSERT_TRUE(test::waitUntil([&] { return recordsHolding("before") == 1; }));
+  ASSERT_TRUE(test::eventually([&] { return recordsHolding("before") == 1; }));
   kill();
   EXPECT_FALSE(fileHolding("before"));
   const std::set<std::string> leftByTheKill = uploadFiles();
@@ -115,8 +115,8 @@ TEST_F(DrainProcessTest, KilledDuringAnUploadTheNextRunDrainsWhatRemainsAndSends
 
   server.feedbackInbox().setControl({});
   startDaemon(60);
-  ASSERT_TRUE(test::waitUntil([&] { return recordsHolding("after") == 1; }));
-  ASSERT_TRUE(test::waitUntil([&] { return uploadFiles() == leftByTheKill; }));
+  ASSERT_TRUE(test::eventually([&] { return recordsHolding("after") == 1; }));
+  ASSERT_TRUE(test::eventually([&] { return uploadFiles() == leftByTheKill; }));
   EXPECT_FALSE(fileHolding("after"));
   EXPECT_EQ(recordsHolding("before"), 1u);
   for (const auto& r : server.feedbackInbox().received()) {

@@ -69,7 +69,7 @@ TEST_F(FeedbackProcessTest, TypingAndAnEngagementBuildTheOpenSessionAndTheLocalH
   configuration.identifier = "com.example.browser";
   configuration.userAgent = "Voyant/5.0";
   ASSERT_TRUE(browser->configure(configuration).ok());
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     auto bag = browser->bag();
     return bag.ok() && bag.value->bag.has_value();
   }));
@@ -119,7 +119,7 @@ TEST_F(FeedbackProcessTest, TypingAndAnEngagementBuildTheOpenSessionAndTheLocalH
     }
     return out;
   };
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     engaged = browserEvents(currentSession());
     return !engaged.empty() && engaged.back().value("type", "") == "result_engagement";
   })) << engaged.dump();
@@ -135,7 +135,7 @@ TEST_F(FeedbackProcessTest, TypingAndAnEngagementBuildTheOpenSessionAndTheLocalH
 
   // The engaged completion is in the browser's local history now.
   nlohmann::json found;
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     found = ctl({"completions", "lookup", "new y", "--client", "browser"});
     return found.is_object() && found["completion"] == "new york marathon";
   })) << found.dump();

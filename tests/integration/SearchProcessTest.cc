@@ -1,7 +1,7 @@
 // The real vorlend against the reference search service on loopback, driven through libvorlen-client as an
 // application would: the bag arrives, typing is answered from the network and then from the query cache
-// (with the user's own engaged completion once the history holds one),
-// a newer search overtakes an older one in flight, and a restarted daemon serves its disk bag at once.
+// (with the user's own engaged completion once the history holds one), and a newer search overtakes an
+// older one in flight.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
@@ -64,7 +64,7 @@ class SearchProcessTest : public ::testing::Test {
     configuration.userAgent = "Voyant/5.0";
     EXPECT_TRUE(client->configure(configuration).ok());
     // The daemon fetches its bag at start-up; until it has one, the bag call answers the time-out error.
-    EXPECT_TRUE(test::waitUntil([&] {
+    EXPECT_TRUE(test::eventually([&] {
       auto bag = client->bag();
       return bag.ok() && bag.value->bag.has_value();
     }));
@@ -253,10 +253,10 @@ TEST_F(SearchProcessTest, ANewerSearchOvertakesOneStillInFlight) {
   auto daemon = startDaemon();
   auto client = browser();
   VORSearchRequest five = search(5, "football");
-  five.queryItems = {queryItem("ref_delay_ms", "500")};
+  five.queryItems = {queryItem("ref_hold", "1")};
   auto fiveAnswer = std::make_shared<test::Inbox<ClientResult<RequestReply>>>();
   client->request(five, [fiveAnswer](ClientResult<RequestReply> r) { fiveAnswer->put(std::move(r)); });
-  ASSERT_TRUE(test::waitUntil([&] { return server.requestCount("/search") == 1; }));
+  ASSERT_TRUE(test::eventually([&] { return server.requestCount("/search") == 1; }));
 
   auto six = client->request(search(6, "fo"));
   ASSERT_TRUE(six.ok()) << six.errorText();
@@ -264,6 +264,7 @@ TEST_F(SearchProcessTest, ANewerSearchOvertakesOneStillInFlight) {
   EXPECT_EQ(body(*six.value)["query"], "football");
   EXPECT_EQ(fiveAnswer->size(), 0u) << daemon->stderrText();  // 6 is answered while 5 is still on its way
 
+  server.releaseHeld();
   ASSERT_TRUE(fiveAnswer->waitFor(1));
   const auto overtaken = fiveAnswer->items()[0];
   ASSERT_TRUE(overtaken.ok()) << overtaken.errorText();
@@ -272,24 +273,30 @@ TEST_F(SearchProcessTest, ANewerSearchOvertakesOneStillInFlight) {
   EXPECT_FALSE(overtaken.value->error);
 }
 
-TEST_F(SearchProcessTest, ARestartedDaemonServesItsDiskBagWithoutFetching) {
+// SIGHUP re-reads the platform settings: an edited locale reaches the requests, and the bag, whose address
+// carries the locale, is fetched again. (The periodic check would find the edit too; the signal makes it
+// happen now, and must not end the daemon.)
+TEST_F(SearchProcessTest, SighupAppliesAnEditedLocaleAndTheDaemonServesOn) {
   auto daemon = startDaemon();
-  ASSERT_TRUE(browser());
-  EXPECT_EQ(server.requestCount("/bag"), 1u);
-  const auto bagFile = dir / "cache" / "com.velmo.vorlend" / "bag.plist";
-  ASSERT_TRUE(std::filesystem::exists(bagFile));
-  EXPECT_EQ(std::filesystem::status(bagFile).permissions() & std::filesystem::perms::all,
-            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-  ASSERT_TRUE(daemon->signal(SIGTERM));
-  ASSERT_EQ(daemon->wait(20s), 0);
-
-  server.clearRequests();
-  daemon = startDaemon();
   auto client = browser();
-  auto answer = client->request(search(1, "we"));
-  ASSERT_TRUE(answer.ok()) << answer.errorText();
-  EXPECT_EQ(body(*answer.value)["query"], "weather");
-  EXPECT_EQ(server.requestCount("/bag"), 0u);
+  ASSERT_EQ(server.requestCount("/bag"), 1u);
+  // A refresh asked for while the first fetch still holds its gate is dropped: edit after it ended.
+  ASSERT_TRUE(daemon->waitForOutput("transaction bagFetch closed", 20s));
+  Preferences defaults(dir / "config" / "vorlend", "com.velmo.vorlend");
+  ASSERT_TRUE(defaults.set("VORLocaleOverride", Value("de_AT")));
+  ASSERT_TRUE(daemon->signal(SIGHUP));
+  EXPECT_TRUE(daemon->waitForOutput("SIGHUP: re-reading platform settings", 20s));
+  ASSERT_TRUE(test::eventually([&] { return server.requestCount("/bag") == 2; })) << daemon->stderrText();
+  EXPECT_NE(server.requests().back().rawQuery.find("de_AT"), std::string::npos)
+      << server.requests().back().rawQuery;
+
+  ASSERT_TRUE(client->request(search(1, "news")).ok());
+  std::string searched;
+  for (const auto& r : server.requests())
+    if (r.path == "/search") searched = r.rawQuery;
+  EXPECT_NE(searched.find("de_AT"), std::string::npos) << searched;
+  ASSERT_TRUE(daemon->signal(SIGTERM));
+  EXPECT_EQ(daemon->wait(20s), 0);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 namespace vorlen {
 namespace {
 
-using test::waitUntil;
+using test::eventually;
 
 constexpr size_t kCap = 8;
 // 1 KiB each: more than one read of the connection takes, less than the socket holds.
@@ -95,7 +95,7 @@ class IpcBacklogTest : public test::IpcFixture {
 
 TEST_F(IpcBacklogTest, AFastSenderWaitsInItsOwnSocketAtTheCapAndLosesNothing) {
   sendHeldCalls();
-  ASSERT_TRUE(waitUntil([&] { return serverSide->incomingBacklog() >= kCap; }));
+  ASSERT_TRUE(eventually([&] { return serverSide->incomingBacklog() >= kCap; }));
   // The connection stopped reading at the cap: the rest stays in the sender's socket, not in our memory.
   EXPECT_EQ(serverSide->incomingBacklog(), kCap);
   EXPECT_GT(unreadByServer(), 0u);
@@ -114,15 +114,15 @@ TEST_F(IpcBacklogTest, WorkHandedOnKeepsCountingUntilItsHoldIsReleased) {
   ASSERT_TRUE(raw->write(bytes));
   // Every served call still holds its place: the connection stops at the cap as if nothing had been served.
   ASSERT_TRUE(recordedCalls.waitFor(static_cast<int>(kCap)));
-  ASSERT_TRUE(waitUntil([&] { return serverSide->incomingBacklog() == kCap; }));
+  ASSERT_TRUE(eventually([&] { return serverSide->incomingBacklog() == kCap; }));
   EXPECT_EQ(recordedCalls.value(), static_cast<int>(kCap));
   // Releasing the holds lets the rest in, a cap's worth at a time.
-  ASSERT_TRUE(waitUntil([&] {
+  ASSERT_TRUE(eventually([&] {
     releaseHolds();
     return recordedCalls.value() == static_cast<int>(kCalls);
   }));
   releaseHolds();
-  ASSERT_TRUE(waitUntil([&] { return serverSide->incomingBacklog() == 0; }));
+  ASSERT_TRUE(eventually([&] { return serverSide->incomingBacklog() == 0; }));
 }
 
 TEST_F(IpcBacklogTest, CallsThatWantAReplyAreDroppedOnceThePeerHungUpAndOthersStillRun) {

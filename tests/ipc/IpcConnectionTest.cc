@@ -10,8 +10,8 @@
 namespace vorlen {
 namespace {
 
+using test::eventually;
 using test::Inbox;
-using test::waitUntil;
 using Reason = IpcConnection::CloseReason;
 
 class IpcConnectionTest : public test::IpcFixture {};
@@ -74,7 +74,7 @@ TEST_F(IpcConnectionTest, ClosingEitherSideRunsEachInvalidationHandlerOnceAndInt
   a->invalidate();
   EXPECT_EQ(server->waitClosed(serverA), Reason::PeerClosed);
   EXPECT_EQ(server->interruptions(serverA), 1);
-  ASSERT_TRUE(waitUntil([&] { return *clientInvalidations[0] == 1; }));
+  ASSERT_TRUE(eventually([&] { return *clientInvalidations[0] == 1; }));
   EXPECT_EQ(a->closeReason(), Reason::Invalidated);
 
   auto b = connectClient(server);
@@ -85,7 +85,7 @@ TEST_F(IpcConnectionTest, ClosingEitherSideRunsEachInvalidationHandlerOnceAndInt
   serverB->invalidate();
   serverB->invalidate();
   EXPECT_EQ(server->waitClosed(serverB), Reason::Invalidated);
-  ASSERT_TRUE(waitUntil([&] { return *clientInvalidations[1] == 1; }));
+  ASSERT_TRUE(eventually([&] { return *clientInvalidations[1] == 1; }));
   EXPECT_EQ(b->closeReason(), Reason::PeerClosed);
   EXPECT_EQ(*interrupted, 1);
   EXPECT_EQ(server->interruptions(serverB), 0);
@@ -109,11 +109,11 @@ TEST_F(IpcConnectionTest, PendingRepliesAreDroppedWhenTheConnectionClosesAndRepo
   auto count = [replies](const IpcMessage&) { ++*replies; };
   ASSERT_TRUE(client->call("ignore:reply:", {}, count));
   ASSERT_TRUE(client->call("ignore:reply:", {}, count));
-  ASSERT_TRUE(waitUntil([&] { return recorded->ignored == 2; }));
+  ASSERT_TRUE(eventually([&] { return recorded->ignored == 2; }));
   EXPECT_EQ(client->pendingReplyCount(), 2u);
 
   serverSide->invalidate();
-  ASSERT_TRUE(waitUntil([&] { return *clientInvalidations[0] == 1; }));
+  ASSERT_TRUE(eventually([&] { return *clientInvalidations[0] == 1; }));
   EXPECT_EQ(errors->size(), 2u);
   EXPECT_EQ(client->pendingReplyCount(), 0u);
 

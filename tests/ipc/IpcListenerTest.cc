@@ -15,8 +15,8 @@
 namespace vorlen {
 namespace {
 
+using test::eventually;
 using test::RawClient;
-using test::waitUntil;
 
 // A socket bound at `path` (listening unless told otherwise), as a service manager would pass it.
 UniqueFd boundSocket(const std::filesystem::path& path, bool listen = true) {
@@ -160,7 +160,7 @@ TEST_F(IpcListenerTest, ConnectionsBeyondTheCapAreRefusedUntilOneCloses) {
   EXPECT_EQ(echo(a, "a"), Value("a"));
 
   b->invalidate();
-  ASSERT_TRUE(waitUntil([&] { return server->listener->connectionCount() == 1; }));
+  ASSERT_TRUE(eventually([&] { return server->listener->connectionCount() == 1; }));
   auto c = connectClient(server);
   ASSERT_TRUE(server->waitAccepted(2));
   EXPECT_EQ(echo(c, "c"), Value("c"));
@@ -208,7 +208,7 @@ TEST_F(IpcListenerTest, OneProcessIsHeldToItsOwnLimitAndOthersStillGetIn) {
 
   // Below its limit again, this process gets in.
   b->invalidate();
-  ASSERT_TRUE(waitUntil([&] { return server->listener->connectionCount() == 1; }));  // a alone
+  ASSERT_TRUE(eventually([&] { return server->listener->connectionCount() == 1; }));  // a alone
   auto c = connectClient(server);
   ASSERT_TRUE(server->waitAccepted(3));
   EXPECT_EQ(echo(c, "c"), Value("c"));
@@ -240,7 +240,7 @@ TEST_F(IpcListenerTest, RunningOutOfDescriptorsPausesAcceptingWithOneLine) {
   for (auto& fd : clients)
     ASSERT_EQ(::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
   const bool paused =
-      waitUntil([&] { return test::countLogLines(capture.sink(), LogLevel::Error, "retrying every") > 0; });
+      eventually([&] { return test::countLogLines(capture.sink(), LogLevel::Error, "retrying every") > 0; });
   clock->advance(seconds(1));  // one more failed attempt: no second line
   clock->advance(seconds(1));
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
@@ -255,9 +255,9 @@ TEST_F(IpcListenerTest, ARefusingDelegateClosesTheConnection) {
   ASSERT_TRUE(server);
   server->refuseAll = true;
   auto refused = connectClient(server);
-  ASSERT_TRUE(waitUntil([&] { return *clientInvalidations[0] == 1; }));
+  ASSERT_TRUE(eventually([&] { return *clientInvalidations[0] == 1; }));
   EXPECT_EQ(refused->closeReason(), IpcConnection::CloseReason::PeerClosed);
-  EXPECT_TRUE(waitUntil([&] { return server->listener->connectionCount() == 0; }));
+  EXPECT_TRUE(eventually([&] { return server->listener->connectionCount() == 0; }));
 }
 
 }  // namespace

@@ -21,20 +21,10 @@
 #include "ipc/IpcConnection.h"
 #include "ipc/IpcListener.h"
 #include "ipc/IpcRuntime.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 
 namespace vorlen::test {
-
-// Waits until `pred` holds. The bound only keeps a broken build from hanging; no test relies on it.
-template <class Pred>
-bool waitUntil(Pred pred) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 inline size_t countLogLines(const CapturingSink& sink, LogLevel level, std::string_view containing) {
   size_t n = 0;
@@ -60,7 +50,7 @@ class Inbox {
     return items_.size();
   }
   bool waitFor(size_t n) const {
-    return waitUntil([&] { return size() >= n; });
+    return eventually([&] { return size() >= n; });
   }
   std::vector<T> items() const {
     std::lock_guard lock(mu_);
@@ -85,6 +75,19 @@ inline std::optional<Value::Array> callAndWait(const std::shared_ptr<IpcConnecti
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return inbox->items()[0];
+}
+
+// Sends each of `calls` on `c`, then `barrier`, and waits for the barrier's reply. One connection serves its
+// calls in order, so by then every earlier call has been served: the answer is how many of them were
+// answered (nullopt when the barrier itself was not). No waiting for silence.
+inline std::optional<size_t> answeredBefore(const std::shared_ptr<IpcConnection>& c,
+                                            std::vector<std::pair<std::string, Value::Array>> calls,
+                                            std::pair<std::string, Value::Array> barrier) {
+  auto inbox = std::make_shared<Inbox<Value::Array>>();
+  for (auto& [op, args] : calls)
+    c->call(std::move(op), std::move(args), [inbox](const IpcMessage& m) { inbox->put(m.args()); });
+  if (!callAndWait(c, std::move(barrier.first), std::move(barrier.second))) return std::nullopt;
+  return inbox->size();
 }
 
 // A socket client that writes whatever bytes it is told to.
@@ -168,7 +171,7 @@ class TestServer : public IpcListenerDelegate, public std::enable_shared_from_th
   }
 
   std::shared_ptr<IpcConnection> waitAccepted(size_t i) const {
-    EXPECT_TRUE(waitUntil([&] { return acceptedCount() > i; }));
+    EXPECT_TRUE(eventually([&] { return acceptedCount() > i; }));
     std::lock_guard lock(mu_);
     return i < accepted_.size() ? accepted_[i] : nullptr;
   }
@@ -180,7 +183,7 @@ class TestServer : public IpcListenerDelegate, public std::enable_shared_from_th
   int interruptions(const std::shared_ptr<IpcConnection>& c) const { return ending(c).interruptions; }
   // Waits until `c` has ended and returns why.
   std::optional<IpcConnection::CloseReason> waitClosed(const std::shared_ptr<IpcConnection>& c) const {
-    if (!waitUntil([&] { return invalidations(c) > 0; })) return std::nullopt;
+    if (!eventually([&] { return invalidations(c) > 0; })) return std::nullopt;
     return ending(c).reason;
   }
 
@@ -248,7 +251,7 @@ class IpcFixture : public ::testing::Test {
     for (auto& c : clients) c->invalidate();
     clients.clear();
     // Everything that used the runtime lets go of it once its sockets are closed: nothing leaks.
-    EXPECT_TRUE(waitUntil([&] { return runtime.use_count() == 1; })) << runtime.use_count();
+    EXPECT_TRUE(eventually([&] { return runtime.use_count() == 1; })) << runtime.use_count();
   }
 
   IpcConnectionOptions connectionOptions() const {
@@ -307,7 +310,7 @@ class IpcFixture : public ::testing::Test {
   // Advances the manual clock past the stall timeout until `c` has closed on the server.
   std::optional<IpcConnection::CloseReason> advanceUntilClosed(const std::shared_ptr<TestServer>& s,
                                                                const std::shared_ptr<IpcConnection>& c) {
-    waitUntil([&] {
+    eventually([&] {
       clock->advance(seconds(6));
       return s->invalidations(c) > 0;
     });

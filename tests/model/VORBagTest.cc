@@ -128,24 +128,9 @@ TEST(VORBagTest, ValuesOfTheWrongTypeReadAsAbsent) {
   EXPECT_TRUE(odd.resources().empty());
 }
 
-TEST(VORBagTest, AnEmptyBagAnswersTheDefaults) {
-  VORBag bag({}, "");
-  EXPECT_EQ(bag.clientName(), "");
-  EXPECT_FALSE(bag.isEnabled());
-  EXPECT_FALSE(bag.feedbackEnabled());
-  EXPECT_FALSE(bag.sendGeoEnvironmentHeader());
-  EXPECT_EQ(bag.searchURL(), std::nullopt);
-  EXPECT_EQ(bag.subscriptionProviderBundleIdentifierWhitelist(), std::nullopt);
-  EXPECT_EQ(bag.subscriptionTTL(), 0.0);
-  EXPECT_EQ(bag.smartHistoryTimeout(), 0u);
-  EXPECT_DOUBLE_EQ(bag.minThresholdToSend(), 0.0);
-  EXPECT_DOUBLE_EQ(bag.voyantLast1hour(), 10.0);
-  EXPECT_DOUBLE_EQ(bag.voyantLast1week(), 0.1);
-  EXPECT_DOUBLE_EQ(bag.voyantLast1month(), 0.01);
-  EXPECT_DOUBLE_EQ(bag.voyantAll(), 0.001);
-  EXPECT_DOUBLE_EQ(bag.voyantMostRecent(), 1.0);
-
-  // An empty list is present, which differs from a missing one.
+// An empty list is present, which differs from a missing one.
+TEST(VORBagTest, AnEmptyAllowListIsNotAMissingOne) {
+  EXPECT_EQ(VORBag({}, "").subscriptionProviderDomainWhitelist(), std::nullopt);
   VORBag lists(*Value::dict({{K::kSubscriptionProviderDomainWhitelist, Value::array({})},
                              {K::kSubscriptionProviderBundleIdentifierWhitelist, Value::array({"com.a"})}})
                     .getDict(),

@@ -12,6 +12,7 @@
 #include "support/FakeDownloadManager.h"
 #include "support/PlatformFakes.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -29,7 +30,7 @@ const std::string kList = allowList("0a1b", R"({"org.example.Notes": [{"encoding
 class AppWhitelistControllerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    assembly = std::make_shared<Assembly>(Platform::forTesting(dir.path(), clock));
+    assembly = std::make_shared<Assembly>(test::platformForTesting(dir.path(), clock));
     assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
     assembly->notificationCenter = assembly->platform.notificationCenter;
     apps = std::make_shared<test::FakeInstalledApplications>(assembly->notificationCenter);

@@ -1,5 +1,5 @@
 // The reference service's upload endpoints: what a body must be to count as a valid session record, and
-// how the endpoint answers and shows what it received.
+// the reasons given for the rest.
 #include <gtest/gtest.h>
 #include <httplib.h>
 
@@ -104,51 +104,6 @@ TEST(FeedbackInboxTest, ChecksEncodingDigestAndRecordFormat) {
       EXPECT_NE(got.reason.find(c.reason), std::string::npos) << got.reason;
     }
   }
-}
-
-TEST(FeedbackInboxTest, EndpointAnswersWithTheReasonAndShowsWhatItReceived) {
-  RefServer server;
-  ASSERT_TRUE(server.start());
-  httplib::Client client("127.0.0.1", server.port());
-  const std::string text = validRecord().dump();
-  httplib::Headers good = {{"Content-Encoding", "deflate"}, {"X-Velmo-Digest", sha512Hex(text)}};
-  httplib::Headers bad = {{"Content-Encoding", "deflate"}, {"X-Velmo-Digest", sha512Hex("other")}};
-
-  auto ok = client.Post("/feedback?v=2&type=voyant", good, deflateText(text), "application/octet-stream");
-  ASSERT_TRUE(ok);
-  EXPECT_EQ(ok->status, 200);
-  auto refused = client.Post("/crowdsourcing", bad, deflateText(text), "application/octet-stream");
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->status, 400);
-  EXPECT_EQ(Json::parse(refused->body)["error"], "X-Velmo-Digest does not match the inflated body");
-
-  auto shown = client.Get("/_feedback");
-  ASSERT_TRUE(shown);
-  Json view = Json::parse(shown->body);
-  EXPECT_EQ(view["received"], 2);
-  ASSERT_EQ(view["records"].size(), 2u);
-  EXPECT_EQ(view["records"][0]["endpoint"], "feedback");
-  EXPECT_EQ(view["records"][0]["type"], "voyant");
-  EXPECT_EQ(view["records"][0]["valid"], true);
-  EXPECT_EQ(view["records"][0]["record"], validRecord());
-  EXPECT_EQ(view["records"][1]["endpoint"], "crowdsourcing");
-  EXPECT_EQ(view["records"][1]["valid"], false);
-  EXPECT_EQ(view["records"][1]["record"], nullptr);
-
-  // The switch answers a forced status; a control document it cannot read changes nothing.
-  auto set = client.Post("/_control/feedback", R"({"status": 503})", "application/json");
-  ASSERT_TRUE(set);
-  EXPECT_EQ(set->status, 200);
-  auto refusedControl = client.Post("/_control/feedback", R"({"status": "soon"})", "application/json");
-  ASSERT_TRUE(refusedControl);
-  EXPECT_EQ(refusedControl->status, 400);
-  auto forced = client.Post("/feedback?v=2", good, deflateText(text), "application/octet-stream");
-  ASSERT_TRUE(forced);
-  EXPECT_EQ(forced->status, 503);
-  EXPECT_TRUE(server.feedbackInbox().received().back().valid);
-
-  ASSERT_TRUE(client.Delete("/_feedback"));
-  EXPECT_EQ(server.feedbackInbox().receivedCount(), 0u);
 }
 
 }  // namespace

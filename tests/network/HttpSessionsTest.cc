@@ -16,36 +16,6 @@ class HttpSessionsTest : public ::testing::Test {
   std::shared_ptr<Preferences> defaults = std::make_shared<Preferences>(temp.path(), "com.velmo.vorlend");
 };
 
-TEST_F(HttpSessionsTest, EachSessionIsMadeOnceWithItsSettings) {
-  HttpSessions sessions(defaults, nullptr, temp.path());
-  auto url = sessions.urlSession();
-  EXPECT_EQ(sessions.urlSession(), url);
-  EXPECT_EQ(sessions.bagSession(), sessions.bagSession());
-  EXPECT_NE(sessions.bagSession(), url);
-
-  const auto& q = url->settings();
-  EXPECT_EQ(q.responseCacheBytes, 4194304u);
-  ASSERT_NE(url->responseCache(), nullptr);
-  EXPECT_TRUE(q.tcpFastOpen);
-  EXPECT_TRUE(q.tlsSessionReuse);
-  EXPECT_TRUE(q.http2Multiplexing);
-  EXPECT_EQ(q.idleConnectionMaxAgeSeconds, 10.0);
-
-  const auto& b = sessions.bagSession()->settings();
-  EXPECT_EQ(sessions.bagSession()->responseCache(), nullptr);
-  EXPECT_EQ(b.idleConnectionMaxAgeSeconds, 10.0);
-  EXPECT_FALSE(b.background);
-
-  auto upload = sessions.uploadURLSession(nullptr)->settings();
-  EXPECT_TRUE(upload.background);
-  EXPECT_EQ(upload.backgroundIdentifier, "com.velmo.vorlend.flusher.httpsession");
-  EXPECT_EQ(upload.requestTimeoutSeconds, 300.0);
-  EXPECT_EQ(upload.resourceTimeoutSeconds, 604800.0);
-  EXPECT_EQ(sessions.uploadURLSession(nullptr)->responseCache(), nullptr);
-  EXPECT_EQ(sessions.downloadURLSession(nullptr)->settings().backgroundIdentifier, "com.velmo.vorlend");
-  EXPECT_EQ(sessions.downloadURLSession(nullptr)->settings().temporaryDirectory, temp.path());
-}
-
 TEST_F(HttpSessionsTest, NoParallaxIsReadWhenTheQuerySessionIsMade) {
   defaults->set("VORNoParallax", true);
   HttpSessions sessions(defaults, nullptr, temp.path());

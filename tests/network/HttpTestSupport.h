@@ -19,21 +19,12 @@
 #include "network/HttpSession.h"
 #include "network/HttpSessionDelegate.h"
 #include "network/HttpTask.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 
 namespace vorlen::test {
 
 inline constexpr auto kPatience = std::chrono::seconds(30);
-
-// Polls `done` until it holds or kPatience has passed.
-inline bool eventually(const std::function<bool()>& done) {
-  auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
 
 inline std::string text(const std::vector<uint8_t>& bytes) {
   return std::string(bytes.begin(), bytes.end());

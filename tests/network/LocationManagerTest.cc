@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/GeoConfiguration.h"
+#include "support/PlatformFakes.h"
 
 namespace vorlen {
 namespace {
@@ -16,9 +17,9 @@ class CountingDelegate final : public LocationDelegate {
 };
 
 TEST(LocationManagerTest, TheFirstStartChoosesTheDelegateForGood) {
-  auto provider = std::make_shared<FakeLocationProvider>();
-  auto manager = LocationManager::create(provider, std::make_shared<FakeGeoSession>(),
-                                         std::make_shared<FakeGeoConfiguration>());
+  auto provider = std::make_shared<test::FakeLocationProvider>();
+  auto manager = LocationManager::create(provider, std::make_shared<test::FakeGeoSession>(),
+                                         std::make_shared<test::FakeGeoConfiguration>());
   auto first = std::make_shared<CountingDelegate>();
   auto second = std::make_shared<CountingDelegate>();
   manager->stopUpdatingLocation();  // no client yet: nothing to stop
@@ -36,9 +37,9 @@ TEST(LocationManagerTest, TheFirstStartChoosesTheDelegateForGood) {
 }
 
 TEST(LocationManagerTest, GeoValuesAndTheirAbsence) {
-  auto geo = std::make_shared<FakeGeoConfiguration>();
-  auto session = std::make_shared<FakeGeoSession>();
-  auto manager = LocationManager::create(std::make_shared<FakeLocationProvider>(), session, geo);
+  auto geo = std::make_shared<test::FakeGeoConfiguration>();
+  auto session = std::make_shared<test::FakeGeoSession>();
+  auto manager = LocationManager::create(std::make_shared<test::FakeLocationProvider>(), session, geo);
   geo->setClientMetadata({'a', 'b', 'c', 'd'});
   EXPECT_EQ(manager->getMapsClientMetadata(), "YWJjZA==");
   geo->setClientMetadata({});

@@ -21,6 +21,8 @@
 #include "platform/LocaleProvider.h"
 #include "platform/LocationProvider.h"
 #include "platform/PlatformNotifications.h"
+#include "support/PlatformFakes.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/RefServer.h"
 
 namespace vorlen {
@@ -78,14 +80,14 @@ class RequestFactoryTest : public ::testing::Test {
     HttpRequest ping;
     ping.url = server.baseURL() + "/_echo";
     send(ping);
-    assembly = std::make_shared<Assembly>(Platform::forTesting(dir.path(), clock));
+    assembly = std::make_shared<Assembly>(test::platformForTesting(dir.path(), clock));
     assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
     assembly->notificationCenter = assembly->platform.notificationCenter;
-    locale = std::static_pointer_cast<FakeLocaleProvider>(assembly->platform.locale);
-    location = std::static_pointer_cast<FakeLocationProvider>(assembly->platform.location);
-    geo = std::static_pointer_cast<FakeGeoConfiguration>(assembly->platform.geo);
-    restrictions = std::static_pointer_cast<FakeDeviceRestrictions>(assembly->platform.restrictions);
-    FakeLocaleProvider::Values v;
+    locale = std::static_pointer_cast<test::FakeLocaleProvider>(assembly->platform.locale);
+    location = std::static_pointer_cast<test::FakeLocationProvider>(assembly->platform.location);
+    geo = std::static_pointer_cast<test::FakeGeoConfiguration>(assembly->platform.geo);
+    restrictions = std::static_pointer_cast<test::FakeDeviceRestrictions>(assembly->platform.restrictions);
+    test::FakeLocaleProvider::Values v;
     v.localeIdentifier = "en_GB";
     v.preferredLanguages = {"en-GB", "fr-FR", "de", "es", "it"};
     v.measurementSystem = "U.K.";
@@ -147,10 +149,10 @@ class RequestFactoryTest : public ::testing::Test {
   RefServer server;
   std::shared_ptr<HttpSession> session;
   std::shared_ptr<Assembly> assembly;
-  std::shared_ptr<FakeLocaleProvider> locale;
-  std::shared_ptr<FakeLocationProvider> location;
-  std::shared_ptr<FakeGeoConfiguration> geo;
-  std::shared_ptr<FakeDeviceRestrictions> restrictions;
+  std::shared_ptr<test::FakeLocaleProvider> locale;
+  std::shared_ptr<test::FakeLocationProvider> location;
+  std::shared_ptr<test::FakeGeoConfiguration> geo;
+  std::shared_ptr<test::FakeDeviceRestrictions> restrictions;
   std::shared_ptr<VORNetworkRequestFactory> factory;
 };
 

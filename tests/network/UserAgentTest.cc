@@ -3,12 +3,13 @@
 #include <gtest/gtest.h>
 
 #include "platform/DeviceProperties.h"
+#include "support/PlatformFakes.h"
 
 namespace vorlen {
 namespace {
 
 TEST(UserAgentTest, ClientTextIsWrappedWithNameVersionAndDevice) {
-  FakeDeviceProperties device;
+  test::FakeDeviceProperties device;
   device.type = "Pocket7,2";
   device.name = "Vorlen OS";
   device.build = "23A55";
@@ -20,7 +21,7 @@ TEST(UserAgentTest, ClientTextIsWrappedWithNameVersionAndDevice) {
 }
 
 TEST(UserAgentTest, EmptyOrAlreadyBuiltTextsAreNotWrapped) {
-  FakeDeviceProperties device;
+  test::FakeDeviceProperties device;
   EXPECT_EQ(createUserAgentString("", device), std::nullopt);
   std::string built = *createUserAgentString("news/1.0", device);
   EXPECT_EQ(createUserAgentString(built, device), built);

@@ -10,6 +10,7 @@
 #include "platform/Assembly.h"
 #include "support/PlatformFakes.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -33,7 +34,7 @@ class RecordingDelegate final : public SubscriptionManagerDelegate {
 class SubscriptionManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    assembly = std::make_shared<Assembly>(Platform::forTesting(dir.path(), clock));
+    assembly = std::make_shared<Assembly>(test::platformForTesting(dir.path(), clock));
     assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
     assembly->notificationCenter = assembly->platform.notificationCenter;
     registry = std::make_shared<test::FakeSubscriptionRegistry>(assembly->notificationCenter);

@@ -6,6 +6,7 @@
 #include "platform/LocaleProvider.h"
 #include "platform/LocationProvider.h"
 #include "platform/PlatformNotifications.h"
+#include "support/PlatformFakes.h"
 #include "support/TempDir.h"
 
 namespace vorlen {
@@ -87,7 +88,7 @@ TEST_F(PlatformPreferencesTest, AFixedLocationAuthorisesAndIsDeliveredOncePerSta
 
 TEST_F(PlatformPreferencesTest, CountryCodeComesFromThePreferenceElseTheLocale) {
   record(kPlatformCountryCodeDidChangeNotification);
-  auto locale = std::make_shared<FakeLocaleProvider>();
+  auto locale = std::make_shared<test::FakeLocaleProvider>();
   auto v = locale->values();
   v.regionCode = "CH";
   locale->setValues(v);

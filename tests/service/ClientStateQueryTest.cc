@@ -2,6 +2,11 @@
 // real service, bag controller, request factory, query cache and completion database, and the reference
 // service on loopback answering over HTTP.
 #include <fstream>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <httplib.h>
 
 #include <nlohmann/json.hpp>
 
@@ -377,8 +382,112 @@ TEST_F(ClientStateQueryTest, UnsendableRequestsAndHttpFailuresAnswerAsTheNetwork
   EXPECT_EQ(countOf("QXErrorFeedback"), 5u);
 }
 
+// A search service that answers what the reference one never does: bodies that are not JSON objects, and
+// header values that cannot be read. Cards and more results ("/card", "/more") get "not json" and "[1, 2]";
+// a search gets a JSON object, with the query text choosing a flaw: "timing" an unreadable server-timing
+// header, "force" a force-fetch header that is not a dictionary, "down" status 503 with an error body.
+class FlawedSearchService {
+ public:
+  FlawedSearchService() {
+    server_.Get(".*", [this](const httplib::Request& req, httplib::Response& res) {
+      const std::string q = req.get_param_value("q");
+      {
+        std::lock_guard lock(mu_);
+        ++hits_[req.path + "?" + q];
+      }
+      std::string body = R"({"query": "news", "suggestions": []})";
+      if (req.path == "/card") body = "not json";
+      if (req.path == "/more") body = "[1, 2]";
+      if (q == "timing") res.set_header("X-Velmo-Server-Timing", "{oops");
+      if (q == "force") res.set_header("X-Velmo-ForceFetch", "[1]");
+      if (q == "down") {
+        res.status = 503;
+        body = R"({"status": "ERROR"})";
+      }
+      res.set_content(body, "application/json");
+    });
+    // One request per connection: an idle kept-alive one would hold stop() for the keep-alive time-out.
+    server_.set_keep_alive_max_count(1);
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // A stop() before the accept loop runs would never end it.
+    EXPECT_TRUE(eventually([this] { return server_.is_running(); }));
+  }
+  ~FlawedSearchService() {
+    server_.stop();
+    thread_.join();
+  }
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+  // Requests that reached `path` with query text `q`.
+  int hits(const std::string& path, const std::string& q) {
+    std::lock_guard lock(mu_);
+    return hits_[path + "?" + q];
+  }
+
+ private:
+  httplib::Server server_;
+  std::mutex mu_;
+  std::map<std::string, int> hits_;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+// Answers the state cannot use fail their query as a failed search (end event, then an error event), except
+// for a search, whose body goes to the client uncached; headers that cannot be read are logged and ignored.
+TEST_F(ClientStateQueryTest, FlawedAnswersFailOrPassThroughAndUnreadableHeadersAreIgnored) {
+  FlawedSearchService flawed;
+  switchBag(R"({"card_url": ")" + flawed.url("/card") + R"(", "more_results_url": ")" + flawed.url("/more") +
+            R"(", "search_url": ")" + flawed.url("/search") + R"("})");
+  auto c = configured();
+  ScopedLogCapture capture;
+  VORCardRequest card;
+  card.queryId = 1;
+  VORMoreResultsRequest more;
+  more.queryId = 2;
+  more.queryItems.push_back(queryItem("q", "news"));
+  for (auto [request, why] : {std::pair<const VORRequest*, const char*>{&card, "not JSON"},
+                              std::pair<const VORRequest*, const char*>{&more, "not a JSON object"}}) {
+    SCOPED_TRACE(why);
+    auto answer = ask(c, *request);
+    ASSERT_TRUE(answer.error);
+    EXPECT_EQ(answer.error->code, 500);
+    EXPECT_EQ(answer.error->reason(), "invalid response body");
+    EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, std::string("Error: ") + why), 1u);
+  }
+  EXPECT_EQ(countOf("QXErrorFeedback"), 2u);
+  EXPECT_EQ(countOf("QXEndNetworkSearchFeedback"), 2u);
+
+  // A 503 with an error body reaches the client as it came and is never served from the query cache.
+  for (uint64_t id : {3u, 4u}) {
+    auto down = ask(c, search(id, "down"));
+    EXPECT_FALSE(down.error);
+    EXPECT_EQ(body(down)["status"], "ERROR");
+  }
+  EXPECT_EQ(flawed.hits("/search", "down"), 2);
+
+  auto timed = ask(c, search(5, "timing"));
+  EXPECT_EQ(body(timed)["query"], "news");
+  EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error, "unreadable server timing record: {oops"),
+            1u);
+  EXPECT_EQ(countOf("VOREndNetworkSearchFeedback"), 0u);
+
+  // The force-fetch header is read after the client has its answer.
+  auto forced = ask(c, search(6, "force"));
+  EXPECT_EQ(body(forced)["query"], "news");
+  EXPECT_TRUE(eventually([&] {
+    return test::countLogLines(
+               capture.sink(), LogLevel::Error,
+               "Failed to deserialize X-Velmo-ForceFetch header data into a dictionary: [1]") == 1;
+  }));
+  EXPECT_EQ(countOf("QXErrorFeedback"), 2u);  // none of the searches failed
+}
+
+// The deadline is the bag's and runs on the wall clock of the HTTP engine: the answer that must arrive gets
+// a deadline no loaded machine misses, and the one that must not is held back until the test ends.
 TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
-  switchBag(R"({"search_render_timeout": 0.3})");
+  switchBag(R"({"search_render_timeout": 60})");
   auto c = configured();
   VORLookupRequest lookup;
   lookup.queryId = 1;
@@ -388,7 +497,9 @@ TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
   EXPECT_EQ(body(answer)[0]["query"], "serendipity");
   EXPECT_EQ(countOf("VORLookupStartNetworkSearchFeedback"), 1u);
 
-  lookup.queryItems.push_back(queryItem("ref_delay_ms", "2000"));
+  switchBag(R"({"search_render_timeout": 0.3})");
+  lookup.queryId = 2;
+  lookup.queryItems.push_back(queryItem("ref_hold", "1"));
   auto late = ask(c, lookup);
   ASSERT_TRUE(late.error);
   EXPECT_EQ(late.error->code, HttpError::kTimedOut);

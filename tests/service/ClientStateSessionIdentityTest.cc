@@ -11,6 +11,7 @@
 #include "platform/Assembly.h"
 #include "service/ClientState.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -33,7 +34,7 @@ class ClientStateSessionIdentityTest : public ::testing::Test {
 
   test::TempDir dir;
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-  Platform platform = Platform::forTesting(dir.path() / "root", clock);
+  Platform platform = test::platformForTesting(dir.path() / "root", clock);
   std::shared_ptr<Assembly> assembly = std::make_shared<Assembly>(platform);
   std::shared_ptr<CapturingSink> sink = std::make_shared<CapturingSink>();
 };

@@ -15,6 +15,7 @@
 #include "platform/Assembly.h"
 #include "service/ClientStateManager.h"
 #include "service/VorlenService.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen::test {
 
@@ -58,7 +59,7 @@ class ServiceFixture : public ::testing::Test {
   }
 
   void start(bool persist = false) {
-    platform = Platform::forTesting(dir / "root", clock);
+    platform = test::platformForTesting(dir / "root", clock);
     Counters::install(platform.counters);
     assembly = std::make_shared<Assembly>(platform);
     assembly->userDefaults = std::make_shared<Preferences>(platform.paths.configDir, "com.velmo.vorlend");

@@ -24,6 +24,7 @@
 #include "storage/VorlenFeedbackFlusher.h"
 #include "storage/VorlenPersistentStorage.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
 
@@ -57,7 +58,7 @@ class BackgroundFlushTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server.start());
-    assembly = std::make_shared<Assembly>(Platform::forTesting(dir.path(), clock));
+    assembly = std::make_shared<Assembly>(test::platformForTesting(dir.path(), clock));
     assembly->userDefaults = std::make_shared<Preferences>(assembly->platform.paths.configDir, kServiceName);
     assembly->notificationCenter = assembly->platform.notificationCenter;
     assembly->requestFactory = VORNetworkRequestFactory::create(*assembly);

@@ -19,14 +19,6 @@ TEST(PeriodicTaskTest, PeriodHasAFloorOfFiveSecondsAndNameAndHandlerAreRequired)
   }
   EXPECT_FALSE(VorlenPeriodicTask::taskWithName("", 60, [] {}));
   EXPECT_FALSE(VorlenPeriodicTask::taskWithName("t", 60, nullptr));
-  auto task = VorlenPeriodicTask::taskWithName("t", 60, [] {});
-  const Value::Dict& c = task->executionCriteria();
-  EXPECT_EQ(c.at(kActivityRepeating).getBool(), true);
-  EXPECT_EQ(*c.at(kActivityPriority).getString(), kActivityPriorityMaintenance);
-  EXPECT_EQ(c.at(kActivityRequireScreenSleep).getBool(), true);
-  EXPECT_EQ(c.at(kActivityRequiresClassC).getBool(), true);
-  EXPECT_FALSE(c.contains(kActivityDelay));
-  EXPECT_FALSE(c.contains(kActivityAllowBattery));
 }
 
 class PeriodicTaskManagerTest : public ::testing::Test {

@@ -19,6 +19,7 @@
 #include "storage/VorlenPersistentStorage.h"
 #include "support/FaultInjectingFileSystem.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 
 namespace vorlen {
 namespace {
@@ -51,7 +52,7 @@ class SessionFileTest : public ::testing::Test {
   void SetUp() override { start(); }
 
   void start(int64_t sizeLimit = 0) {
-    platform = Platform::forTesting(dir / "root", clock);
+    platform = test::platformForTesting(dir / "root", clock);
     platform.fileSystem = faults;
     Counters::install(platform.counters);
     assembly = std::make_shared<Assembly>(platform);

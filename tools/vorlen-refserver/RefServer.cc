@@ -184,6 +184,7 @@ struct RefServer::Impl {
   mutable std::mutex mu;
   std::condition_variable wake;
   bool stopping = false;
+  bool holdsReleased = false;
   BagControl control;
   SearchControl searchControl;
   std::vector<RecordedRequest> recorded;
@@ -299,6 +300,10 @@ struct RefServer::Impl {
     }
     auto number = [&](const char* name, long fallback) { return integerParam(req, name, fallback); };
     pause(static_cast<int>(number("ref_delay_ms", c.delayMs)));
+    if (number("ref_hold", 0) != 0) {
+      std::unique_lock lock(mu);
+      wake.wait(lock, [this] { return stopping || holdsReleased; });
+    }
     if (number("ref_drop", 0) != 0) {
       drop(req);
       return;
@@ -579,6 +584,14 @@ std::string RefServer::bagBody() const {
 void RefServer::setSearchControl(SearchControl control) {
   std::lock_guard lock(impl_->mu);
   impl_->searchControl = std::move(control);
+}
+
+void RefServer::releaseHeld() {
+  {
+    std::lock_guard lock(impl_->mu);
+    impl_->holdsReleased = true;
+  }
+  impl_->wake.notify_all();
 }
 
 RefServer::SearchControl RefServer::searchControl() const {

@@ -15,8 +15,9 @@
 //   GET  /flight              flight status for "q" of the form CARRIER-NUMBER.
 //   GET  /warm                an empty 200: a request that only opens a connection.
 //   The search-type answers (/search, /more, /card, /lookup, /flight) follow SearchControl, set by
-//   POST /_control/search, and per request the query items "ref_status=N", "ref_delay_ms=N" and
-//   "ref_drop=1" (which a daemon sends when told to through its debug parameters).
+//   POST /_control/search, and per request the query items "ref_status=N", "ref_delay_ms=N",
+//   "ref_drop=1" (which a daemon sends when told to through its debug parameters) and "ref_hold=1" (the
+//   answer waits for releaseHeld() or stop(): a request kept in flight without a race against a timer).
 // Endpoints for tests and tools (paths beginning with "/_"):
 //   POST   /_control/bag      {"mode": "ok"|"status"|"empty"|"array"|"slow"|"drop", "status": 503,
 //                             "delay_ms": 2000, "version": "10", "extra": {...}}; omitted fields keep their
@@ -24,10 +25,10 @@
 //                             over the served bag key by key. A body that is not such an object is
 //                             refused with 400 and a log line.
 //   POST   /_control/search   {"status": 200, "delay_ms": 0, "max_age": 300, "force_fetch": "{\"bag\": 10}",
-//                             "server_timing": false}; omitted fields take these defaults. "force_fetch", when
-//                             not empty, is sent as the header "X-Velmo-ForceFetch"; "server_timing" adds the
-//                             header "X-Velmo-Server-Timing": a JSON array of one record with "status",
-//                             "duration" (milliseconds) and "partial_client_ip".
+//                             "server_timing": false}; omitted fields take these defaults. "force_fetch",
+//                             when not empty, is sent as the header "X-Velmo-ForceFetch"; "server_timing"
+//                             adds the header "X-Velmo-Server-Timing": a JSON array of one record with
+//                             "status", "duration" (milliseconds) and "partial_client_ip".
 //   GET    /_requests         every request recorded so far, as JSON (requests to /_control, /_requests
 //                             and /_counts are neither recorded nor counted).
 //   DELETE /_requests         forgets them and resets the per-path counts.
@@ -120,6 +121,8 @@ class RefServer {
 
   void setSearchControl(SearchControl control);
   SearchControl searchControl() const;
+  // Lets the answers held by "ref_hold=1" go, and every later one at once.
+  void releaseHeld();
 
   // The feedback and crowdsourcing endpoints: what they received, and their switches.
   FeedbackInbox& feedbackInbox();
