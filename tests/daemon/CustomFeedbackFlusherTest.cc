@@ -16,7 +16,9 @@
 #include "platform/PrivacyReportFolder.h"
 #include "storage/UploadManager.h"
 #include "storage/VorlenCustomFeedbackFlusher.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
 
@@ -29,14 +31,14 @@ class CustomFeedbackFlusherTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server.start());
-    platform = Platform::forTesting(dir.path(), clock);
+    platform = test::platformForTesting(dir.path(), clock);
     Preferences(platform.paths.configDir, "com.velmo.vorlend")
         .set("VORBagURL", Value(server.baseURL() + "/bag"));
     daemon.emplace(platform);
     assembly = daemon->start();
     ASSERT_TRUE(assembly);
-    ASSERT_TRUE(test::waitUntil([&] { return assembly->bagController->cachedBagState().has_value(); }));
-    ASSERT_TRUE(test::waitUntil([&] { return assembly->uploadManager->feedbackEndpoint().has_value(); }));
+    ASSERT_TRUE(test::eventually([&] { return assembly->bagController->cachedBagState().has_value(); }));
+    ASSERT_TRUE(test::eventually([&] { return assembly->uploadManager->feedbackEndpoint().has_value(); }));
     flusher = VorlenCustomFeedbackFlusher::create(assembly);
   }
   void TearDown() override {

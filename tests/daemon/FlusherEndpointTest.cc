@@ -26,7 +26,9 @@
 #include "storage/PersistentStorage.h"
 #include "storage/UploadManager.h"
 #include "support/Deflate.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
+#include "support/TestPlatform.h"
 #include "vorlen-refserver/FeedbackInbox.h"
 #include "vorlen-refserver/RefServer.h"
 
@@ -78,7 +80,7 @@ class Tool {
   bool intentAndWaitForWorkDone(uint64_t intent) {
     const size_t before = workDone();
     return client->initiateConnectionWithIntent(intent) &&
-           test::waitUntil([&] { return workDone() > before; });
+           test::eventually([&] { return workDone() > before; });
   }
 
  private:
@@ -104,7 +106,7 @@ class FlusherEndpointTest : public ::testing::Test {
     Counters::install(nullptr);
   }
   void startDaemon(bool sharedSession = true) {
-    platform = Platform::forTesting(dir.path(), clock);
+    platform = test::platformForTesting(dir.path(), clock);
     Preferences defaults(platform.paths.configDir, "com.velmo.vorlend");
     defaults.set("VORBagURL", Value(server.baseURL() + "/bag"));
     defaults.set("VORSharedSession", Value(sharedSession));
@@ -120,7 +122,7 @@ class FlusherEndpointTest : public ::testing::Test {
     configuration.identifier = identifier;
     configuration.userAgent = agent;
     EXPECT_TRUE(client->configure(configuration).ok());
-    EXPECT_TRUE(test::waitUntil([&] {
+    EXPECT_TRUE(test::eventually([&] {
       auto bag = client->bag();
       return bag.ok() && bag.value->bag.has_value();
     }));
@@ -157,8 +159,8 @@ class FlusherEndpointTest : public ::testing::Test {
     std::dynamic_pointer_cast<ClientSessionManager>(assembly->clientSessionManager)->flushSession([&] {
       done = true;
     });
-    ASSERT_TRUE(test::waitUntil([&] { return done.load(); }));
-    ASSERT_TRUE(test::waitUntil([&] { return storedHolding(marker); }));
+    ASSERT_TRUE(test::eventually([&] { return done.load(); }));
+    ASSERT_TRUE(test::eventually([&] { return storedHolding(marker); }));
   }
   void dumpWithTwoClients(bool shared);
   void advanceTo(double s) {
@@ -181,15 +183,15 @@ TEST_F(FlusherEndpointTest, AnUnsupportedIntentIsLoggedAndChangesNothing) {
   auto browser = connectClient("com.example.browser", "Voyant/5.0");
   Tool tool(flusherEndpoint(*browser));
   ASSERT_TRUE(tool.client->initiateConnectionWithIntent(7));
-  ASSERT_TRUE(test::waitUntil([&] { return capture.sink().contains("Unsupported command yet: 7"); }));
+  ASSERT_TRUE(test::eventually([&] { return capture.sink().contains("Unsupported command yet: 7"); }));
   EXPECT_FALSE(assembly->backgroundFlusher->stopFlushing());
   // Not a listener of either stream: a stored session drained now reaches the server, not the tool.
   reportStart(*browser, 1, "seven");
   endSharedSession("seven");
   std::atomic<bool> drained{false};
   assembly->backgroundFlusher->insertFlushActivity([&] { drained = true; });
-  ASSERT_TRUE(test::waitUntil([&] { return drained.load(); }));
-  ASSERT_TRUE(test::waitUntil([&] { return !server.feedbackInbox().received().empty(); }));
+  ASSERT_TRUE(test::eventually([&] { return drained.load(); }));
+  ASSERT_TRUE(test::eventually([&] { return !server.feedbackInbox().received().empty(); }));
   EXPECT_TRUE(tool.records().empty());
   EXPECT_TRUE(tool.descriptions().empty());
   EXPECT_EQ(tool.workDone(), 0u);
@@ -201,11 +203,11 @@ TEST_F(FlusherEndpointTest, TheReceivingListenerGetsEachEventAsTheClientReported
   Tool first(flusherEndpoint(*browser));
   Tool second(flusherEndpoint(*browser));
   ASSERT_TRUE(first.client->initiateConnectionWithIntent(Intent::kReceivingStream));
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     return test::countLogLines(capture.sink(), LogLevel::Default, "new listener for client feedbacks") == 1;
   }));
   reportStart(*browser, 3, "first");
-  ASSERT_TRUE(test::waitUntil([&] { return first.descriptions().size() == 1; }));
+  ASSERT_TRUE(test::eventually([&] { return first.descriptions().size() == 1; }));
   auto event = nlohmann::json::parse(first.descriptions()[0]);
   EXPECT_EQ(event["type"], "search_start");
   EXPECT_EQ(event["input"], "first");
@@ -213,11 +215,11 @@ TEST_F(FlusherEndpointTest, TheReceivingListenerGetsEachEventAsTheClientReported
   EXPECT_TRUE(event["agent"].get<std::string>().ends_with(") Voyant/5.0")) << event.dump();
   // A later tool replaces the earlier one.
   ASSERT_TRUE(second.client->initiateConnectionWithIntent(Intent::kReceivingStream));
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     return test::countLogLines(capture.sink(), LogLevel::Default, "new listener for client feedbacks") == 2;
   }));
   reportStart(*browser, 4, "second");
-  ASSERT_TRUE(test::waitUntil([&] { return second.descriptions().size() == 1; }));
+  ASSERT_TRUE(test::eventually([&] { return second.descriptions().size() == 1; }));
   EXPECT_EQ(first.descriptions().size(), 1u);
 }
 
@@ -225,7 +227,7 @@ TEST_F(FlusherEndpointTest, ADumpBeforeAnyListenerMakesTheDumpingToolTheSendingL
   startDaemon();
   auto browser = connectClient("com.example.browser", "Voyant/5.0");
   reportStart(*browser, 1, "dump me");
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     return !assembly->clientSessionManager->currentSessionFeedbacksWithRelativeTimestamp().empty();
   }));
   Tool tool(flusherEndpoint(*browser));
@@ -264,7 +266,7 @@ TEST_F(FlusherEndpointTest, AfterAStopScheduledRunsDoNothingUntilADumpCompletes)
     EXPECT_EQ(r.record.dump().find("held back"), std::string::npos);
   // A tool that goes away does not lift the stop.
   tool.client->close();
-  ASSERT_TRUE(test::waitUntil([&] { return capture.sink().contains("Removed remote listener"); }));
+  ASSERT_TRUE(test::eventually([&] { return capture.sink().contains("Removed remote listener"); }));
   EXPECT_TRUE(assembly->backgroundFlusher->stopFlushing());
 
   Tool dumper(flusherEndpoint(*browser));
@@ -280,7 +282,7 @@ TEST_F(FlusherEndpointTest, AfterAStopScheduledRunsDoNothingUntilADumpCompletes)
   endSharedSession("after the dump");
   advanceTo(1500);
   advanceTo(2100);
-  EXPECT_TRUE(test::waitUntil([&] { return !storedHolding("after the dump"); }));
+  EXPECT_TRUE(test::eventually([&] { return !storedHolding("after the dump"); }));
 }
 
 // Two clients with one event each; a dump; what the dump flushed.
@@ -292,7 +294,7 @@ void FlusherEndpointTest::dumpWithTwoClients(bool shared) {
   reportStart(*news, 1, "news");
   // Sent is not arrived: each client's open session must hold its event before the dump.
   for (auto* client : {browser.get(), news.get()}) {
-    ASSERT_TRUE(test::waitUntil([&] {
+    ASSERT_TRUE(test::eventually([&] {
       auto current = client->feedback();
       return current.ok() && !current.value->events.empty();
     }));
@@ -301,12 +303,12 @@ void FlusherEndpointTest::dumpWithTwoClients(bool shared) {
   // One workDone per flushed connection.
   ASSERT_TRUE(tool.intentAndWaitForWorkDone(Intent::kDump));
   if (!shared) {
-    ASSERT_TRUE(test::waitUntil([&] { return tool.workDone() == 2; }));
+    ASSERT_TRUE(test::eventually([&] { return tool.workDone() == 2; }));
   }
   EXPECT_EQ(dumpFlushLines(), shared ? 1u : 2u);
   // Either way every event is in what the tool received: the shared session holds both clients'.
   std::string all;
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     all.clear();
     for (const auto& r : tool.records()) all += r.dump();
     return all.find("browser") != std::string::npos && all.find("news") != std::string::npos;
@@ -368,11 +370,11 @@ TEST_F(FlusherEndpointTest, AToolThatNeverReadsDoesNotDelaySearchesAndIsCutOff) 
   ASSERT_TRUE(stalled.connected());
   ASSERT_TRUE(stalled.write(
       IpcFraming::encode(IpcMessage::call("initiateConnectionWithIntent:", {Value(1)}).toValue())));
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     return test::countLogLines(capture.sink(), LogLevel::Default, "new listener for client feedbacks") > 0;
   }));
   const double with = p99(cacheHitSearches(300));
-  ASSERT_TRUE(test::waitUntil([&] { return capture.sink().contains("Removed receiving stream listener"); }));
+  ASSERT_TRUE(test::eventually([&] { return capture.sink().contains("Removed receiving stream listener"); }));
   stop = true;
   events.join();
   std::printf(
