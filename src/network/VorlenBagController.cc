@@ -221,8 +221,7 @@ void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<s
   if (!request || !session) {
     bagLog().error("Error fetching bag: no bag request could be made");
     VorlenDiagnosticDataReporter::addValue(1, kFetchesFailedCounter);
-    if (completion) completion(std::nullopt, VORError::make(kBagErrorCode, "no request"));
-    _fetchInProgress.store(false);
+    _finishFetch(std::nullopt, VORError::make(kBagErrorCode, "no request"), completion);
     return;
   }
   VorlenLogForCategory(VorlenLogCategoryProtocol)
@@ -302,14 +301,36 @@ void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<s
       VorlenDiagnosticDataReporter::addValue(1, kFetchesFailedCounter);
     }
     if (feedbackSession) feedbackSession->sessionComplete();
-    if (completion) completion(bag, error);
-    self->_fetchInProgress.store(false);
+    self->_finishFetch(bag, error, completion);
     taskHolder->reset();
   };
 
   VORRetryableNetworkRequest retryable(std::move(*request), std::nullopt, /*delayOnFail=*/true);
   *taskHolder = dataTaskWithRetryableRequest(session, retryable, 1, kBagFetchRetries, std::move(onDone));
   (*taskHolder)->resume();
+}
+
+void VorlenBagController::_finishFetch(const std::optional<VORBag>& bag, const std::optional<VORError>& error,
+                                       const FetchCompletion& completion) {
+  if (completion) completion(bag, error);
+  std::vector<FetchCompletion> waiters;
+  {
+    std::lock_guard lock(_refreshWaitersMutex);
+    waiters.swap(_refreshWaiters);
+    _fetchInProgress.store(false);
+  }
+  for (const FetchCompletion& waiter : waiters) waiter(bag, error);
+}
+
+void VorlenBagController::refreshBag(RefreshCompletion done) {
+  bagLog().notice("bag refresh requested");
+  bool opened = false;
+  {
+    std::lock_guard lock(_refreshWaitersMutex);
+    if (done) _refreshWaiters.push_back(std::move(done));
+    opened = !_fetchInProgress.exchange(true);
+  }
+  if (opened) _fetchBagStateWithVersionUngated(std::nullopt, {});
 }
 
 // ---- Installing ------------------------------------------------------------------------------------------

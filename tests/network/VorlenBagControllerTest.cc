@@ -406,6 +406,35 @@ TEST_F(BagControllerTest, ConcurrentTriggersMakeOneFetch) {
   EXPECT_TRUE(c->currentBag());
 }
 
+// A refresh joins the fetch in flight (no second request) and is told its outcome; with none in flight it
+// starts one.
+TEST_F(BagControllerTest, ARefreshJoinsTheFetchInFlightOrStartsOne) {
+  setBag(RefServer::BagMode::Slow, "1", 300);
+  auto c = VorlenBagController::create(makeAssembly());
+  EXPECT_FALSE(c->currentBag());
+  std::mutex mu;
+  std::vector<std::string> told;
+  auto record = [&](const std::optional<VORBag>& bag, const std::optional<VORError>& error) {
+    std::lock_guard lock(mu);
+    told.push_back(bag ? bag->version().value_or("?") : error ? error->describe() : "nothing");
+  };
+  c->refreshBag(record);
+  waitForFetches(c, 1);
+  EXPECT_EQ(server.requestCount("/bag"), 1u);
+
+  setBag(RefServer::BagMode::Ok, "2");
+  c->refreshBag(record);
+  waitForFetches(c, 2);
+  EXPECT_EQ(server.requestCount("/bag"), 2u);
+  // Callers are told after the gate reopens (so one may refresh again from its callback).
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(mu);
+    return told.size() == 2;
+  }));
+  std::lock_guard lock(mu);
+  EXPECT_EQ(told, (std::vector<std::string>{"1", "2"}));
+}
+
 TEST_F(BagControllerTest, ForceFetchAsksForANumericallyNewerVersionOnly) {
   setBag(RefServer::BagMode::Ok, "9");
   auto c = VorlenBagController::create(makeAssembly());
