@@ -223,6 +223,23 @@ class InnerDocumentReader final : public nlohmann::json_sax<nlohmann::json> {
   nlohmann::json last_;
 };
 
+// Runs `reader` over the JSON text [begin, end); false, after one error line naming `what`, when the text
+// nests too deep, is not JSON or is not an object.
+template <class Reader>
+bool readObject(const char* begin, const char* end, Reader& reader, const char* what) {
+  const bool parsed =
+      nlohmann::json::sax_parse(begin, end, &reader, nlohmann::json::input_format_t::json, true);
+  if (reader.tooDeep) {
+    log().error("app whitelist {} nests deeper than {} levels", what, kAppWhitelistMaxJsonDepth);
+    return false;
+  }
+  if (!parsed || !reader.rootIsObject) {
+    log().error("app whitelist {} is not a JSON object", what);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool jsonNestingWithin(std::string_view text, int maxDepth) {
@@ -406,16 +423,7 @@ std::optional<std::string> processWhitelist(std::span<const uint8_t> file,
                                             const std::vector<InstalledApplication>& installed) {
   OuterDocumentReader outer;
   const char* text = reinterpret_cast<const char*>(file.data());
-  const bool outerParsed =
-      nlohmann::json::sax_parse(text, text + file.size(), &outer, nlohmann::json::input_format_t::json, true);
-  if (outer.tooDeep) {
-    log().error("app whitelist {} nests deeper than {} levels", "file", kAppWhitelistMaxJsonDepth);
-    return std::nullopt;
-  }
-  if (!outerParsed || !outer.rootIsObject) {
-    log().error("app whitelist {} is not a JSON object", "file");
-    return std::nullopt;
-  }
+  if (!readObject(text, text + file.size(), outer, "file")) return std::nullopt;
   if (!outer.apps || !outer.compressionIsRLE || !outer.encodingIsBitmap) {
     log().error("app whitelist needs an \"apps\" text with \"compression\" RLE and \"encoding\" bitmap");
     return std::nullopt;
@@ -427,16 +435,8 @@ std::optional<std::string> processWhitelist(std::span<const uint8_t> file,
   for (const InstalledApplication& app : installed)
     if (!app.bundleIdentifier.empty() && !app.bundleVersion.empty()) wanted.insert(app.bundleIdentifier);
   InnerDocumentReader reader(wanted);
-  const bool parsed =
-      nlohmann::json::sax_parse(innerText, &reader, nlohmann::json::input_format_t::json, true);
-  if (reader.tooDeep) {
-    log().error("app whitelist {} nests deeper than {} levels", "apps text", kAppWhitelistMaxJsonDepth);
+  if (!readObject(innerText.data(), innerText.data() + innerText.size(), reader, "apps text"))
     return std::nullopt;
-  }
-  if (!parsed || !reader.rootIsObject) {
-    log().error("app whitelist {} is not a JSON object", "apps text");
-    return std::nullopt;
-  }
   if (!reader.version || !reader.sawApps || !reader.appsIsObject) {
     log().error("app whitelist apps text needs a \"version\" text and an \"apps\" object");
     return std::nullopt;
