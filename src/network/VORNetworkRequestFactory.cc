@@ -50,6 +50,67 @@ std::optional<VorlenURLRequestBuilder> builderFor(const std::optional<std::strin
   return builder;
 }
 
+// The query kinds, as sets of bits for the context table below.
+constexpr unsigned kSearch = 1, kZeroKeyword = 2, kMoreResults = 4, kCard = 8, kLookup = 16, kFlight = 32,
+                   kEveryKind = 63;
+
+// What a query request's context items are made from besides the context itself.
+struct QueryInputs {
+  const VORRequest& query;
+  const VORBag& bag;
+  const Uuid& userGuid;
+  const VORRequestClient& client;
+};
+
+// The context items and headers that several query kinds share, with the kinds that carry each: one row
+// per item, so what sets one kind's request apart reads across the table. Every item has a name of its
+// own and is added with default semantics, so the order of the rows does not change a request. What only
+// one kind sends, and a search's location (sent only once a fix is held), stays with that kind's request.
+struct ContextRow {
+  unsigned kinds;
+  void (*add)(const VORRequestContext& c, VorlenURLRequestBuilder& b, const QueryInputs& in);
+};
+constexpr unsigned kTyped = kSearch | kZeroKeyword;  // the type-ahead kinds: the whole locale context
+constexpr ContextRow kContextRows[] = {
+    {kEveryKind, [](auto& c, auto& b, auto&) { c._addSecretKeyQueryItem(b); }},
+    {kEveryKind, [](auto& c, auto& b, auto&) { c._addLocaleQueryItem(b); }},
+    {kEveryKind, [](auto& c, auto& b, auto&) { c._addEffectiveSystemLanguageQueryItem(b); }},
+    {kEveryKind, [](auto& c, auto& b, auto&) { c._addHttpRequestPreferredLanguages(b); }},
+    {kTyped | kLookup | kFlight,
+     [](auto& c, auto& b, auto& in) { c._addKeyboardInputModeQueryItem(b, in.query.keyboardInputMode); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addCalendarQueryItem(b); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addTimeZoneQueryItem(b); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addTemperatureUnitsQueryItem(b); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addTempUnitPreferenceQueryItem(b, c._tempUnits); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._add24hDateFormatQueryItem(b); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addSilhouetteTopics(b); }},
+    {kTyped | kCard | kLookup | kFlight,
+     [](auto& c, auto& b, auto&) { c._addDeviceCountryCodeQueryItem(b); }},
+    {kTyped | kCard | kLookup | kFlight, [](auto& c, auto& b, auto&) { c._addHttpGeoClientMetadata(b); }},
+    {kZeroKeyword | kMoreResults | kCard | kLookup | kFlight,
+     [](auto& c, auto& b, auto&) { c._addLocationQueryItem(b); }},
+    {kZeroKeyword | kMoreResults | kCard | kLookup | kFlight,
+     [](auto& c, auto& b, auto&) { c._addLocationSourceQueryItem(b); }},
+    {kSearch | kMoreResults | kCard | kLookup | kFlight,
+     [](auto& c, auto& b, auto&) { c._addHttpAppWhitelistSignature(b); }},
+    {kTyped | kMoreResults | kLookup, [](auto& c, auto& b, auto&) { c._addManagedAccountQueryItem(b); }},
+    {kTyped | kMoreResults | kCard | kLookup, [](auto& c, auto& b, auto&) { c._addStoreFrontQueryItem(b); }},
+    {kTyped | kMoreResults | kCard | kLookup,
+     [](auto& c, auto& b, auto&) { c._addHttpRequestSubscriptionInfo(b); }},
+    {kEveryKind, [](auto& c, auto& b, auto& in) { c._addHttpRequestUserGuid(b, in.userGuid); }},
+    {kEveryKind, [](auto& c, auto& b, auto& in) { c._addHttpRequestUserAgent(b, in.client.userAgent); }},
+    {kEveryKind, [](auto& c, auto& b, auto& in) { c._addHttpRequestUIScale(b, in.query.scale); }},
+    {kTyped | kCard, [](auto& c, auto& b, auto& in) { c._addHttpMapsEnvironmentName(b, in.bag); }},
+    {kTyped | kCard | kLookup | kFlight, [](auto& c, auto& b, auto&) { c._addHttpRequestMapsSessionId(b); }},
+};
+
+// Adds the rows of kContextRows that `kind` carries.
+void addSharedContext(unsigned kind, const VORRequestContext& c, VorlenURLRequestBuilder& b,
+                      const QueryInputs& in) {
+  for (const ContextRow& row : kContextRows)
+    if (row.kinds & kind) row.add(c, b, in);
+}
+
 }  // namespace
 
 struct VORNetworkRequestFactory::Impl {
@@ -103,6 +164,19 @@ struct VORNetworkRequestFactory::Impl {
   }
 
   bool useQuintara() const { return defaults && defaults->boolForKey(kUseQuintaraKey); }
+
+  // What the bag fetch and the bag-cache request share, with the debug items read afresh: the version,
+  // the debug items, locale, language, country and the alternate endpoint switch.
+  void _addBagContext(VorlenURLRequestBuilder& b, const std::optional<std::string>& version, bool quintara) {
+    _contextAccessQueue->assertCurrent();
+    _refreshDebugParameters();
+    context._addVersionQueryItem(b, version);
+    context._addDebugQueryItems(b);
+    context._addLocaleQueryItem(b);
+    context._addEffectiveSystemLanguageQueryItem(b);
+    context._addDeviceCountryCodeQueryItem(b);
+    b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
+  }
 
   // Starts location updates when the bag wants location with requests and the user allows it (search).
   void _startLocationIfNeeded(const VORBag& bag, const std::shared_ptr<VORNetworkRequestFactory>& self) {
@@ -442,36 +516,15 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
     if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    c._addSecretKeyQueryItem(b);
+    addSharedContext(kSearch, c, b, {query, bag, userGuid, client});
     c._addCardQueryItem(b);
     c._addHttpRequestTopTopics(b, query.topTopics);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
-    c._addCalendarQueryItem(b);
-    c._addTimeZoneQueryItem(b);
-    c._addTemperatureUnitsQueryItem(b);
-    c._addTempUnitPreferenceQueryItem(b, c._tempUnits);
-    c._add24hDateFormatQueryItem(b);
     c._addl2l3modelVersions(b, bag.l2version(), bag.l3version());
     c._addSuggestionStrings(b, query);
-    c._addSilhouetteTopics(b);
-    c._addHttpGeoClientMetadata(b);
     if (c._geoLocation) {
       c._addLocationQueryItem(b);
       c._addLocationSourceQueryItem(b);
     }
-    c._addHttpAppWhitelistSignature(b);
-    c._addManagedAccountQueryItem(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpRequestSubscriptionInfo(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpMapsEnvironmentName(b, bag);
-    c._addHttpRequestMapsSessionId(b);
   };
   return d.compose(*builder, client.requestTimeout, fill);
 }
@@ -489,29 +542,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VO
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
     if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
-    c._addCalendarQueryItem(b);
-    c._addTimeZoneQueryItem(b);
-    c._addTempUnitPreferenceQueryItem(b, c._tempUnits);
-    c._addTemperatureUnitsQueryItem(b);
-    c._add24hDateFormatQueryItem(b);
-    c._addSilhouetteTopics(b);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addHttpGeoClientMetadata(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpRequestSubscriptionInfo(b);
-    c._addManagedAccountQueryItem(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpMapsEnvironmentName(b, bag);
-    c._addHttpRequestMapsSessionId(b);
+    addSharedContext(kZeroKeyword, c, b, {query, bag, userGuid, client});
   };
   return d.compose(*builder, client.requestTimeout, fill);
 }
@@ -529,19 +560,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VO
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
     if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addHttpAppWhitelistSignature(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpRequestSubscriptionInfo(b);
-    c._addManagedAccountQueryItem(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
+    addSharedContext(kMoreResults, c, b, {query, bag, userGuid, client});
   };
   return d.compose(*builder, client.requestTimeout, fill);
 }
@@ -554,22 +573,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRe
   auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpGeoClientMetadata(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpAppWhitelistSignature(b);
-    c._addHttpRequestMapsSessionId(b);
-    c._addHttpMapsEnvironmentName(b, bag);
-    c._addHttpRequestSubscriptionInfo(b);
+    addSharedContext(kCard, c, b, {query, bag, userGuid, client});
   };
   return d.compose(*builder, client.requestTimeout, fill);
 }
@@ -585,28 +589,12 @@ std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLook
     b.forceQueryItemWithName("q", query.queryString);
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addHttpGeoClientMetadata(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpRequestSubscriptionInfo(b);
+    addSharedContext(kLookup, c, b, {query, bag, userGuid, client});
     c._addClientContextQueryItem(b, query.appBundleIdentifier);
     c._addLookupHintDomainQueryItem(b, query.hintDomain);
     c._addLookupSelectionType(b, query.lookupSelectionType);
     c._addQueryLanguageQueryItem(b, query.queryString);
     c._addLookupContextLanguageQueryItem(b, query.lookupContext);
-    c._addManagedAccountQueryItem(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpAppWhitelistSignature(b);
-    c._addHttpRequestMapsSessionId(b);
   };
   return d.compose(*builder, client.requestTimeout, fill);
 }
@@ -624,20 +612,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const V
     b.forceQueryItemWithName("timestamp", fmt::format("{}", now));
     b.forceQueryItemsFromArray(queryItemsOf(query));
     c._addDebugQueryItems(b);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addHttpGeoClientMetadata(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpAppWhitelistSignature(b);
-    c._addHttpRequestMapsSessionId(b);
+    addSharedContext(kFlight, c, b, {query, bag, userGuid, client});
     c._forceProtobuf(b);
   };
   return d.compose(*builder, client.requestTimeout, fill);
@@ -673,18 +648,11 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagFetchRequest(const BagCo
   const bool quintara = d.useQuintara();
   std::optional<HttpRequest> out;
   d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
     VorlenURLRequestBuilder& b = *builder;
-    c._addVersionQueryItem(b, version);
-    c._addSecretKeyQueryItem(b);
-    c._addDebugQueryItems(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addHttpRequestUserAgent(b, userAgent);
-    b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
+    d._addBagContext(b, version, quintara);
+    d.context._addSecretKeyQueryItem(b);
+    d.context._addHttpRequestPreferredLanguages(b);
+    d.context._addHttpRequestUserAgent(b, userAgent);
     out = b.createMutableUrlRequest();
     out->cachePolicy = HttpCachePolicy::ReloadIgnoringLocalCacheData;
   });
@@ -713,16 +681,9 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagCo
   if (!builder) return std::nullopt;
   const bool quintara = d.useQuintara();
   d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
     VorlenURLRequestBuilder& b = *builder;
-    c._addVersionQueryItem(b, version);
-    c._addDebugQueryItems(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addAgentQueryItem(b, userAgent);
-    b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
+    d._addBagContext(b, version, quintara);
+    d.context._addAgentQueryItem(b, userAgent);
     out = b.createMutableUrlRequest();
     // Kept under the inputs read before building: if any changed meanwhile, the next ask rebuilds.
     d.lastBagCacheRequest.emplace(inputs, *out);
