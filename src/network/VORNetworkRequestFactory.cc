@@ -104,6 +104,9 @@ constexpr ContextRow kContextRows[] = {
     {kTyped | kCard | kLookup | kFlight, [](auto& c, auto& b, auto&) { c._addHttpRequestMapsSessionId(b); }},
 };
 
+// For a query kind with nothing forced or nothing of its own to add.
+constexpr auto kNothing = [](auto&...) {};
+
 // Adds the rows of kContextRows that `kind` carries.
 void addSharedContext(unsigned kind, const VORRequestContext& c, VorlenURLRequestBuilder& b,
                       const QueryInputs& in) {
@@ -203,6 +206,23 @@ struct VORNetworkRequestFactory::Impl {
       out->timeoutSeconds = timeout;
     });
     return out;
+  }
+
+  // Fills a query request of `kind`: the kind's own forced items (`forced`, first, so that the query's own
+  // items can replace them), the query's items, the debug items (which replace anything), the field mask,
+  // the kind's rows of the shared context, and last what only this kind sends (`extra`).
+  template <class Forced, class Extra>
+  std::optional<HttpRequest> composeQuery(VorlenURLRequestBuilder& b, unsigned kind, const QueryInputs& in,
+                                          const std::optional<std::string>& fieldMask, Forced&& forced,
+                                          Extra&& extra) {
+    return compose(b, in.client.requestTimeout, [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
+      forced(b);
+      b.forceQueryItemsFromArray(queryItemsOf(in.query));
+      c._addDebugQueryItems(b);
+      if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
+      addSharedContext(kind, c, b, in);
+      extra(c, b);
+    });
   }
 };
 
@@ -496,7 +516,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocationIfNeeded(bag, shared_from_this());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
+  auto forced = [&](VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.queryString);
     switch (query.triggerEvent) {
       case 8:
@@ -513,20 +533,19 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
       default:
         break;
     }
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    addSharedContext(kSearch, c, b, {query, bag, userGuid, client});
+  };
+  auto extra = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     c._addCardQueryItem(b);
     c._addHttpRequestTopTopics(b, query.topTopics);
     c._addl2l3modelVersions(b, bag.l2version(), bag.l3version());
     c._addSuggestionStrings(b, query);
+    // Only a held fix: a search never sends the reason there is none.
     if (c._geoLocation) {
       c._addLocationQueryItem(b);
       c._addLocationSourceQueryItem(b);
     }
   };
-  return d.compose(*builder, client.requestTimeout, fill);
+  return d.composeQuery(*builder, kSearch, {query, bag, userGuid, client}, fieldMask, forced, extra);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VORZeroKeywordRequest& query,
@@ -537,14 +556,9 @@ std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VO
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocation(shared_from_this());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
-    b.forceQueryItemWithName("qtype", "zkw");
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    addSharedContext(kZeroKeyword, c, b, {query, bag, userGuid, client});
-  };
-  return d.compose(*builder, client.requestTimeout, fill);
+  // The query's own items may ask for another type.
+  auto forced = [](VorlenURLRequestBuilder& b) { b.forceQueryItemWithName("qtype", "zkw"); };
+  return d.composeQuery(*builder, kZeroKeyword, {query, bag, userGuid, client}, fieldMask, forced, kNothing);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VORMoreResultsRequest& query,
@@ -556,13 +570,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VO
   if (!builder) return std::nullopt;
   // A URL that already carries a position needs none of ours.
   if (!builder->containsQueryItemWithName("latlng")) d._startLocation(shared_from_this());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    addSharedContext(kMoreResults, c, b, {query, bag, userGuid, client});
-  };
-  return d.compose(*builder, client.requestTimeout, fill);
+  return d.composeQuery(*builder, kMoreResults, {query, bag, userGuid, client}, fieldMask, kNothing,
+                        kNothing);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRequest& query, const VORBag& bag,
@@ -570,12 +579,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRe
   Impl& d = *impl_;
   auto builder = builderFor(bag.cardURL(), "card");
   if (!builder) return std::nullopt;
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    addSharedContext(kCard, c, b, {query, bag, userGuid, client});
-  };
-  return d.compose(*builder, client.requestTimeout, fill);
+  return d.composeQuery(*builder, kCard, {query, bag, userGuid, client}, std::nullopt, kNothing, kNothing);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLookupRequest& query, const VORBag& bag,
@@ -585,18 +589,15 @@ std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLook
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocation(shared_from_this());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
-    b.forceQueryItemWithName("q", query.queryString);
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    addSharedContext(kLookup, c, b, {query, bag, userGuid, client});
+  auto extra = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     c._addClientContextQueryItem(b, query.appBundleIdentifier);
     c._addLookupHintDomainQueryItem(b, query.hintDomain);
     c._addLookupSelectionType(b, query.lookupSelectionType);
     c._addQueryLanguageQueryItem(b, query.queryString);
     c._addLookupContextLanguageQueryItem(b, query.lookupContext);
   };
-  return d.compose(*builder, client.requestTimeout, fill);
+  auto forced = [&](VorlenURLRequestBuilder& b) { b.forceQueryItemWithName("q", query.queryString); };
+  return d.composeQuery(*builder, kLookup, {query, bag, userGuid, client}, std::nullopt, forced, extra);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const VORFlightSearchRequest& query,
@@ -607,15 +608,12 @@ std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const V
   if (!builder) return std::nullopt;
   d._startLocation(shared_from_this());
   const double now = toUnixSeconds(d.clock->now());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
+  auto forced = [&](VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.flightQuery);
     b.forceQueryItemWithName("timestamp", fmt::format("{}", now));
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    addSharedContext(kFlight, c, b, {query, bag, userGuid, client});
-    c._forceProtobuf(b);
   };
-  return d.compose(*builder, client.requestTimeout, fill);
+  auto extra = [](const VORRequestContext& c, VorlenURLRequestBuilder& b) { c._forceProtobuf(b); };
+  return d.composeQuery(*builder, kFlight, {query, bag, userGuid, client}, std::nullopt, forced, extra);
 }
 
 // ---- Other requests ----------------------------------------------------------------------------------------
