@@ -13,7 +13,8 @@
 // disk bag at construction (it is installed first and served meanwhile); "VORBagRefreshRequired" posted by
 // the request factory; forceFetchBag() naming a numerically higher version; refreshBag() (a client asking
 // for the bag now). Every trigger goes through one single-flight gate: while a fetch is in flight, further
-// triggers are dropped, not queued; a refreshBag() caller is told the outcome of the fetch in flight.
+// triggers are dropped, not queued; a refreshBag() that finds a fetch in flight waits for it and then has
+// one more fetch made for every refresh that asked meanwhile, so its answer is from a fetch begun after it.
 //
 // A failed fetch leaves the installed bag as it was, logs in "Vorlen_Bag", counts
 // "com.velmo.vorlend.bag.fetchesfailed" and records an error event in the fetch's feedback session; a
@@ -119,7 +120,8 @@ class VorlenBagController final : public BagController,
   bool _fetchBagStateWithVersion(const std::optional<std::string>& version, FetchCompletion completion = {});
   void _fetchBagStateWithVersionUngated(const std::optional<std::string>& version,
                                         FetchCompletion completion);
-  // Ends a fetch: tells `completion` and every refreshBag() caller waiting, and reopens the gate.
+  // Ends a fetch: tells `completion` and the refreshBag() callers of this fetch, then reopens the gate or,
+  // when refreshes asked meanwhile, starts their fetch.
   void _finishFetch(const std::optional<VORBag>& bag, const std::optional<VORError>& error,
                     const FetchCompletion& completion);
   bool _isRefreshRequiredForCachedBag(const Value::Dict& rawBag);
@@ -133,10 +135,12 @@ class VorlenBagController final : public BagController,
   const std::shared_ptr<const Assembly> _assembly;
   std::optional<std::string> _userAgent;
   std::atomic<bool> _fetchInProgress{false};
-  // refreshBag() callers waiting for the fetch in flight. Queued and taken under the mutex together with
-  // the gate's change, so a caller either joins a fetch that will tell it or opens the gate itself.
+  // refreshBag() callers: those the fetch in flight will tell, and those that asked while it ran, who
+  // share the fetch that follows it (one begun before they asked may use a bag URL they just changed).
+  // Changed under the mutex together with the gate, so no caller is left without a fetch to tell it.
   std::mutex _refreshWaitersMutex;
   std::vector<FetchCompletion> _refreshWaiters;
+  std::vector<FetchCompletion> _refreshWaitersForNextFetch;
 
   // Guards _inMemoryBag: shared for reads, exclusive for the swap of an install (the barrier writes of
   // the access queue "com.velmo.vorlend.bagcontroller.cacheaccess").
