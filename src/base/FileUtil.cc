@@ -20,27 +20,28 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const uint
   static thread_local std::mt19937_64 rng{std::random_device{}()};
   std::filesystem::path tmp = path;
   tmp += ".tmp." + std::to_string(rng() & 0xffffffff);
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0) {
+  UniqueFd fd(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!fd) {
     if (error) *error = "open " + tmp.string() + ": " + errnoText(errno);
     return false;
   }
-  ::fchmod(fd, 0600);  // the umask could only have narrowed it; keep it exact
+  ::fchmod(fd.get(), 0600);  // the umask could only have narrowed it; keep it exact
   const uint8_t* p = bytes.data();
   size_t left = bytes.size();
   while (left > 0) {
-    ssize_t n = ::write(fd, p, left);
+    ssize_t n = ::write(fd.get(), p, left);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       if (error) *error = "write " + tmp.string() + ": " + errnoText(errno);
-      ::close(fd);
+      fd.reset();
       ::unlink(tmp.c_str());
       return false;
     }
     p += n;
     left -= static_cast<size_t>(n);
   }
-  if (::fsync(fd) != 0 || ::close(fd) != 0) {
+  // close() is checked here, not left to the owner: a failed close can mean the data did not reach the disk.
+  if (::fsync(fd.get()) != 0 || ::close(fd.release()) != 0) {
     if (error) *error = "sync " + tmp.string() + ": " + errnoText(errno);
     ::unlink(tmp.c_str());
     return false;
@@ -73,30 +74,27 @@ bool writeFileAtomically(const std::filesystem::path& path, std::string_view tex
 
 std::optional<std::vector<uint8_t>> readWholeFile(const std::filesystem::path& path, size_t maxBytes,
                                                   std::string* error) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) {
     if (error) *error = errnoText(errno);
     return std::nullopt;
   }
   std::vector<uint8_t> out;
   uint8_t buf[65536];
   for (;;) {
-    ssize_t n = ::read(fd, buf, sizeof buf);
+    ssize_t n = ::read(fd.get(), buf, sizeof buf);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
       if (error) *error = errnoText(errno);
-      ::close(fd);
       return std::nullopt;
     }
     if (n == 0) break;
     if (out.size() + static_cast<size_t>(n) > maxBytes) {
       if (error) *error = "file larger than " + std::to_string(maxBytes) + " bytes";
-      ::close(fd);
       return std::nullopt;
     }
     out.insert(out.end(), buf, buf + n);
   }
-  ::close(fd);
   return out;
 }
 

@@ -1,6 +1,7 @@
 #include "client/ClientCallbackInterface.h"
 
 #include "base/Log.h"
+#include "model/Operations.h"
 
 namespace vorlen {
 
@@ -25,21 +26,22 @@ bool decodeOptional(const Value& v, const char* op, std::optional<R>* out) {
 std::shared_ptr<IpcExportedInterface> ClientCallbackInterface::make(Handlers handlers) {
   using Arg = IpcExportedInterface::Arg;
   auto shared = std::make_shared<const Handlers>(std::move(handlers));
-  auto iface = std::make_shared<IpcExportedInterface>(kName);
-  iface->add(kBagDidLoad, {Arg::record({VORBag::kClassName}).orNull(), Arg::record({VORError::kClassName}).orNull()},
+  auto iface = std::make_shared<IpcExportedInterface>(op::kClientInterface);
+  iface->add(op::kBagDidLoad,
+             {Arg::record({VORBag::kClassName}).orNull(), Arg::record({VORError::kClassName}).orNull()},
              [shared](const IpcMessage& call, IpcReplier) {
                std::optional<VORBag> bag;
                std::optional<VORError> error;
-               if (!decodeOptional(call.arg(0), kBagDidLoad, &bag) ||
-                   !decodeOptional(call.arg(1), kBagDidLoad, &error)) {
+               if (!decodeOptional(call.arg(0), op::kBagDidLoad, &bag) ||
+                   !decodeOptional(call.arg(1), op::kBagDidLoad, &error)) {
                  return;
                }
                if (shared->bagDidLoad) shared->bagDidLoad(std::move(bag), std::move(error));
              });
-  iface->add(kDidDownloadResource, {Arg::string()}, [shared](const IpcMessage& call, IpcReplier) {
+  iface->add(op::kDidDownloadResource, {Arg::string()}, [shared](const IpcMessage& call, IpcReplier) {
     if (shared->didDownloadResource) shared->didDownloadResource(*call.arg(0).getString());
   });
-  iface->add(kDidDeleteResource, {Arg::string()}, [shared](const IpcMessage& call, IpcReplier) {
+  iface->add(op::kDidDeleteResource, {Arg::string()}, [shared](const IpcMessage& call, IpcReplier) {
     if (shared->didDeleteResource) shared->didDeleteResource(*call.arg(0).getString());
   });
   return iface;

@@ -22,11 +22,6 @@ namespace vorlen {
 
 class ClientCallbackInterface {
  public:
-  static constexpr const char* kName = "VORClientIPC";
-  static constexpr const char* kBagDidLoad = "bagDidLoad:error:";
-  static constexpr const char* kDidDownloadResource = "didDownloadResource:";
-  static constexpr const char* kDidDeleteResource = "didDeleteResource:";
-
   struct Handlers {
     std::function<void(std::optional<VORBag>, std::optional<VORError>)> bagDidLoad;
     std::function<void(const std::string& identifier)> didDownloadResource;

@@ -89,8 +89,8 @@ ClientResult<IpcEndpoint> ClientReplyDecoder::endpoint(const IpcMessage& reply, 
   return r.finish(endpoint.value_or(IpcEndpoint{}));
 }
 
-ClientResult<BagReply> ClientReplyDecoder::bag(const IpcMessage& reply) {
-  Reader r(reply, "bag:", 2);
+ClientResult<BagReply> ClientReplyDecoder::bag(const IpcMessage& reply, const char* op) {
+  Reader r(reply, op, 2);
   BagReply out;
   r.record(0, &out.bag);
   r.record(1, &out.error);
@@ -107,7 +107,7 @@ ClientResult<RequestReply> ClientReplyDecoder::request(const IpcMessage& reply, 
 }
 
 ClientResult<FeedbackReply> ClientReplyDecoder::feedback(const IpcMessage& reply) {
-  Reader r(reply, "feedback:reply:", 2);
+  Reader r(reply, op::kFeedback, 2);
   FeedbackReply out;
   if (const Value::Array* events = r.array(0)) {
     for (size_t i = 0; i < events->size() && r.ok(); ++i) {
@@ -121,7 +121,7 @@ ClientResult<FeedbackReply> ClientReplyDecoder::feedback(const IpcMessage& reply
 }
 
 ClientResult<std::vector<SessionInfo>> ClientReplyDecoder::sessions(const IpcMessage& reply) {
-  Reader r(reply, "listSessions:", 1);
+  Reader r(reply, op::kListSessions, 1);
   std::vector<SessionInfo> out;
   if (const Value::Array* items = r.array(0)) {
     for (size_t i = 0; i < items->size() && r.ok(); ++i) {
@@ -140,7 +140,7 @@ ClientResult<std::vector<SessionInfo>> ClientReplyDecoder::sessions(const IpcMes
 }
 
 ClientResult<ResourceFile> ClientReplyDecoder::resourceFile(const IpcMessage& reply) {
-  Reader r(reply, "fileHandleAndAttributesForResource:completion:", 3);
+  Reader r(reply, op::kFileHandleForResource, 3);
   ResourceFile out;
   if (r.ok() && !r.arg(0).isNull()) {
     if (!IpcMessage::fileHandleIndex(r.arg(0))) {
@@ -156,7 +156,7 @@ ClientResult<ResourceFile> ClientReplyDecoder::resourceFile(const IpcMessage& re
 }
 
 ClientResult<Value::Dict> ClientReplyDecoder::imageMap(const IpcMessage& reply) {
-  Reader r(reply, "getImageMap:", 1);
+  Reader r(reply, op::kGetImageMap, 1);
   Value::Dict out;
   r.dict(0, &out, false);
   return r.finish(std::move(out));

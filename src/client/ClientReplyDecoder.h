@@ -21,17 +21,18 @@
 #include "client/ClientResult.h"
 #include "ipc/IpcEndpoint.h"
 #include "ipc/IpcMessage.h"
+#include "model/Operations.h"
 
 namespace vorlen {
 
-// bag: -> (VORBag?, VORError?)
 class ClientReplyDecoder {
  public:
   // configure:reply: and listenToFlusher: -> (Endpoint); `op` names the operation in the error.
   static ClientResult<IpcEndpoint> endpoint(const IpcMessage& reply, const char* op);
-  static ClientResult<BagReply> bag(const IpcMessage& reply);
+  // bag: and refreshBag: -> (VORBag?, VORError?)
+  static ClientResult<BagReply> bag(const IpcMessage& reply, const char* op = op::kBag);
   // `op`: request:reply: or request:configuration:reply:, for the error text.
-  static ClientResult<RequestReply> request(const IpcMessage& reply, const char* op = "request:reply:");
+  static ClientResult<RequestReply> request(const IpcMessage& reply, const char* op = op::kRequest);
   static ClientResult<FeedbackReply> feedback(const IpcMessage& reply);
   static ClientResult<std::vector<SessionInfo>> sessions(const IpcMessage& reply);
   static ClientResult<ResourceFile> resourceFile(const IpcMessage& reply);

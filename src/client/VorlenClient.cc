@@ -50,6 +50,12 @@ void VorlenClient::bag(Callback<BagReply> done) {
 ClientResult<BagReply> VorlenClient::bag() {
   return core_->bag();
 }
+void VorlenClient::refreshBag(Callback<BagReply> done) {
+  core_->refreshBag(std::move(done));
+}
+ClientResult<BagReply> VorlenClient::refreshBag() {
+  return core_->refreshBag();
+}
 void VorlenClient::request(const VORRequest& request, Callback<RequestReply> done) {
   core_->request(request, std::move(done));
 }

@@ -9,6 +9,7 @@
 #include "base/Paths.h"
 #include "client/ClientCallbackInterface.h"
 #include "ipc/IpcRuntime.h"
+#include "model/Operations.h"
 #include "model/QXFeedback.h"
 #include "model/RecordCoder.h"
 
@@ -18,21 +19,7 @@ namespace {
 
 const Logger& connectionLog() { return VorlenLogForCategory(VorlenLogCategoryConnection); }
 
-constexpr const char* kConfigure = "configure:reply:";
-constexpr const char* kBag = "bag:";
-constexpr const char* kRequest = "request:reply:";
-constexpr const char* kReportEvent = "reportEvent:queryId:feedback:";
-constexpr const char* kFeedback = "feedback:reply:";
-constexpr const char* kListenToFlusher = "listenToFlusher:";
-constexpr const char* kListSessions = "listSessions:";
-constexpr const char* kFileHandle = "fileHandleAndAttributesForResource:completion:";
-constexpr const char* kClearCompletions = "clearEngagedCompletionsFromDate:toDate:";
-constexpr const char* kAddCompletion = "addCompletion:forInput:";
-constexpr const char* kUpdateParameters =
-    "updateParameters:voyantLast1day:voyantLast1week:voyantLast1month:voyantAll:voyantMostRecent:"
-    "minThresholdToSend:";
-constexpr const char* kGetImageMap = "getImageMap:";
-constexpr const char* kEndpointRequest = "request:configuration:reply:";
+using namespace op;
 
 ClientError lost(std::string message) { return {ClientError::Kind::ConnectionLost, std::move(message)}; }
 
@@ -47,6 +34,12 @@ ClientResult<IpcEndpoint> decodeConfigure(const IpcMessage& m) {
 }
 ClientResult<IpcEndpoint> decodeFlusher(const IpcMessage& m) {
   return ClientReplyDecoder::endpoint(m, kListenToFlusher);
+}
+ClientResult<BagReply> decodeBag(const IpcMessage& m) {
+  return ClientReplyDecoder::bag(m);
+}
+ClientResult<BagReply> decodeRefreshBag(const IpcMessage& m) {
+  return ClientReplyDecoder::bag(m, kRefreshBag);
 }
 ClientResult<RequestReply> decodeRequest(const IpcMessage& m) { return ClientReplyDecoder::request(m); }
 ClientResult<RequestReply> decodeEndpointRequest(const IpcMessage& m) {
@@ -342,9 +335,18 @@ ClientResult<IpcEndpoint> VorlenClientCore::configure(VORSessionConfiguration co
   });
 }
 
-void VorlenClientCore::bag(Callback<BagReply> done) { callService(kBag, {}, &ClientReplyDecoder::bag, std::move(done)); }
+void VorlenClientCore::bag(Callback<BagReply> done) {
+  callService(kBag, {}, &decodeBag, std::move(done));
+}
 ClientResult<BagReply> VorlenClientCore::bag() {
   return wait<BagReply>(kBag, [&](Callback<BagReply> done) { bag(std::move(done)); });
+}
+
+void VorlenClientCore::refreshBag(Callback<BagReply> done) {
+  callService(kRefreshBag, {}, &decodeRefreshBag, std::move(done));
+}
+ClientResult<BagReply> VorlenClientCore::refreshBag() {
+  return wait<BagReply>(kRefreshBag, [&](Callback<BagReply> done) { refreshBag(std::move(done)); });
 }
 
 void VorlenClientCore::request(const VORRequest& request, Callback<RequestReply> done) {
@@ -396,19 +398,20 @@ ClientResult<std::vector<SessionInfo>> VorlenClientCore::listSessions() {
 }
 
 void VorlenClientCore::fileHandleForResource(std::string identifier, Callback<ResourceFile> done) {
-  callService(kFileHandle, {Value(std::move(identifier))}, &ClientReplyDecoder::resourceFile, std::move(done));
+  callService(kFileHandleForResource, {Value(std::move(identifier))}, &ClientReplyDecoder::resourceFile,
+              std::move(done));
 }
 ClientResult<ResourceFile> VorlenClientCore::fileHandleForResource(std::string identifier) {
-  return wait<ResourceFile>(kFileHandle, [&](Callback<ResourceFile> done) {
+  return wait<ResourceFile>(kFileHandleForResource, [&](Callback<ResourceFile> done) {
     fileHandleForResource(std::move(identifier), std::move(done));
   });
 }
 
 void VorlenClientCore::clearEngagedCompletions(Time from, Time to, Callback<Sent> done) {
-  sendService(kClearCompletions, {Value(from), Value(to)}, std::move(done));
+  sendService(kClearEngagedCompletions, {Value(from), Value(to)}, std::move(done));
 }
 ClientResult<Sent> VorlenClientCore::clearEngagedCompletions(Time from, Time to) {
-  return wait<Sent>(kClearCompletions,
+  return wait<Sent>(kClearEngagedCompletions,
                     [&](Callback<Sent> done) { clearEngagedCompletions(from, to, std::move(done)); });
 }
 

@@ -71,6 +71,10 @@ class VorlenClientCore : public std::enable_shared_from_this<VorlenClientCore> {
 
   void bag(Callback<BagReply> done);
   ClientResult<BagReply> bag();
+  // refreshBag: -> the bag the daemon fetched for this call (or the fetch in flight ended with), seen
+  // with this client's agent, or the fetch's error. Waits for the network, up to the call time-out.
+  void refreshBag(Callback<BagReply> done);
+  ClientResult<BagReply> refreshBag();
 
   // Any VORRequest subclass. The daemon never answers a request of a class it does not serve: such a
   // call ends with TimedOut.

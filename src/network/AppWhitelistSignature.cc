@@ -49,20 +49,60 @@ std::optional<uint64_t> encodingIdOf(const nlohmann::json& value) {
   return std::nullopt;
 }
 
-std::optional<nlohmann::json> parseObject(std::string_view text, const char* what,
-                                          nlohmann::json::parser_callback_t callback = nullptr) {
-  if (!jsonNestingWithin(text, kAppWhitelistMaxJsonDepth)) {
-    log().error("app whitelist {} nests deeper than {} levels", what, kAppWhitelistMaxJsonDepth);
-    return std::nullopt;
+// Reads the outer document ({"apps": text, "compression": "RLE", "encoding": "bitmap"}) in one pass and keeps
+// the nesting limit while reading. The "apps" text is moved out of the parser's buffer, not copied (it is
+// the whole list, a megabyte or more); every other value is only walked. As in a parsed document, a later
+// duplicate key replaces an earlier one, whatever the type of its value.
+class OuterDocumentReader final : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  std::optional<std::string> apps;
+  bool compressionIsRLE = false, encodingIsBitmap = false, rootIsObject = false, tooDeep = false;
+
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t&) override { return true; }
+  bool binary(binary_t&) override { return true; }
+  bool string(string_t& v) override {
+    if (depth_ != 1) return true;
+    if (key_ == kApps) apps = std::move(v);
+    if (key_ == kCompression) compressionIsRLE = v == "RLE";
+    if (key_ == kEncoding) encodingIsBitmap = v == "bitmap";
+    return true;
   }
-  nlohmann::json json =
-      nlohmann::json::parse(text.begin(), text.end(), std::move(callback), /*allow_exceptions=*/false);
-  if (json.is_discarded() || !json.is_object()) {
-    log().error("app whitelist {} is not a JSON object", what);
-    return std::nullopt;
+  bool key(string_t& k) override {
+    if (depth_ != 1) return true;
+    key_ = k == "apps" ? kApps : k == "compression" ? kCompression : k == "encoding" ? kEncoding : kOther;
+    if (key_ == kApps) apps.reset();
+    if (key_ == kCompression) compressionIsRLE = false;
+    if (key_ == kEncoding) encodingIsBitmap = false;
+    return true;
   }
-  return json;
-}
+  bool start_object(std::size_t) override { return open(true); }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t) override { return open(false); }
+  bool end_array() override { return close(); }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+    return false;
+  }
+
+ private:
+  enum Key { kNone, kApps, kCompression, kEncoding, kOther };
+  bool open(bool object) {
+    if (depth_ >= kAppWhitelistMaxJsonDepth) return tooDeep = true, false;
+    if (depth_ == 0) rootIsObject = object;
+    ++depth_;
+    return true;
+  }
+  bool close() {
+    --depth_;
+    return true;
+  }
+
+  int depth_ = 0;
+  Key key_ = kNone;
+};
 
 // Reads the inner document ({"version": text, "apps": {id: [..., {"encoding_id": n}]}}) keeping only what
 // the signature needs: the version and, for each installed app the map lists, its value reduced to an
@@ -182,6 +222,23 @@ class InnerDocumentReader final : public nlohmann::json_sax<nlohmann::json> {
   bool arrayOpen_ = false, hasElement_ = false, inLastObject_ = false, encodingKey_ = false;
   nlohmann::json last_;
 };
+
+// Runs `reader` over the JSON text [begin, end); false, after one error line naming `what`, when the text
+// nests too deep, is not JSON or is not an object.
+template <class Reader>
+bool readObject(const char* begin, const char* end, Reader& reader, const char* what) {
+  const bool parsed =
+      nlohmann::json::sax_parse(begin, end, &reader, nlohmann::json::input_format_t::json, true);
+  if (reader.tooDeep) {
+    log().error("app whitelist {} nests deeper than {} levels", what, kAppWhitelistMaxJsonDepth);
+    return false;
+  }
+  if (!parsed || !reader.rootIsObject) {
+    log().error("app whitelist {} is not a JSON object", what);
+    return false;
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -364,34 +421,22 @@ std::optional<std::string> makeSignature(uint16_t bitmapLength, std::span<const 
 
 std::optional<std::string> processWhitelist(std::span<const uint8_t> file,
                                             const std::vector<InstalledApplication>& installed) {
-  std::string_view text(reinterpret_cast<const char*>(file.data()), file.size());
-  auto outer = parseObject(text, "file");
-  if (!outer) return std::nullopt;
-  auto apps = outer->find("apps");
-  auto compression = outer->find("compression");
-  auto encoding = outer->find("encoding");
-  if (apps == outer->end() || !apps->is_string() || compression == outer->end() || *compression != "RLE" ||
-      encoding == outer->end() || *encoding != "bitmap") {
+  OuterDocumentReader outer;
+  const char* text = reinterpret_cast<const char*>(file.data());
+  if (!readObject(text, text + file.size(), outer, "file")) return std::nullopt;
+  if (!outer.apps || !outer.compressionIsRLE || !outer.encodingIsBitmap) {
     log().error("app whitelist needs an \"apps\" text with \"compression\" RLE and \"encoding\" bitmap");
     return std::nullopt;
   }
-  const std::string& innerText = apps->get_ref<const std::string&>();
+  const std::string& innerText = *outer.apps;
   // Only the entries of installed apps are kept while parsing: a list of tens of thousands of apps then
   // costs a scan, not a document of tens of thousands of objects.
   std::unordered_set<std::string_view> wanted;
   for (const InstalledApplication& app : installed)
     if (!app.bundleIdentifier.empty() && !app.bundleVersion.empty()) wanted.insert(app.bundleIdentifier);
   InnerDocumentReader reader(wanted);
-  const bool parsed =
-      nlohmann::json::sax_parse(innerText, &reader, nlohmann::json::input_format_t::json, true);
-  if (reader.tooDeep) {
-    log().error("app whitelist {} nests deeper than {} levels", "apps text", kAppWhitelistMaxJsonDepth);
+  if (!readObject(innerText.data(), innerText.data() + innerText.size(), reader, "apps text"))
     return std::nullopt;
-  }
-  if (!parsed || !reader.rootIsObject) {
-    log().error("app whitelist {} is not a JSON object", "apps text");
-    return std::nullopt;
-  }
   if (!reader.version || !reader.sawApps || !reader.appsIsObject) {
     log().error("app whitelist apps text needs a \"version\" text and an \"apps\" object");
     return std::nullopt;

@@ -50,6 +50,70 @@ std::optional<VorlenURLRequestBuilder> builderFor(const std::optional<std::strin
   return builder;
 }
 
+// The query kinds, as sets of bits for the context table below.
+constexpr unsigned kSearch = 1, kZeroKeyword = 2, kMoreResults = 4, kCard = 8, kLookup = 16, kFlight = 32,
+                   kEveryKind = 63;
+
+// What a query request's context items are made from besides the context itself.
+struct QueryInputs {
+  const VORRequest& query;
+  const VORBag& bag;
+  const Uuid& userGuid;
+  const VORRequestClient& client;
+};
+
+// The context items and headers that several query kinds share, with the kinds that carry each: one row
+// per item, so what sets one kind's request apart reads across the table. Every item has a name of its
+// own and is added with default semantics, so the order of the rows does not change a request. What only
+// one kind sends, and a search's location (sent only once a fix is held), stays with that kind's request.
+struct ContextRow {
+  unsigned kinds;
+  void (*add)(const VORRequestContext& c, VorlenURLRequestBuilder& b, const QueryInputs& in);
+};
+constexpr unsigned kTyped = kSearch | kZeroKeyword;  // the type-ahead kinds: the whole locale context
+constexpr ContextRow kContextRows[] = {
+    {kEveryKind, [](auto& c, auto& b, auto&) { c._addSecretKeyQueryItem(b); }},
+    {kEveryKind, [](auto& c, auto& b, auto&) { c._addLocaleQueryItem(b); }},
+    {kEveryKind, [](auto& c, auto& b, auto&) { c._addEffectiveSystemLanguageQueryItem(b); }},
+    {kEveryKind, [](auto& c, auto& b, auto&) { c._addHttpRequestPreferredLanguages(b); }},
+    {kTyped | kLookup | kFlight,
+     [](auto& c, auto& b, auto& in) { c._addKeyboardInputModeQueryItem(b, in.query.keyboardInputMode); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addCalendarQueryItem(b); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addTimeZoneQueryItem(b); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addTemperatureUnitsQueryItem(b); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addTempUnitPreferenceQueryItem(b, c._tempUnits); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._add24hDateFormatQueryItem(b); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addSilhouetteTopics(b); }},
+    {kTyped | kCard | kLookup | kFlight,
+     [](auto& c, auto& b, auto&) { c._addDeviceCountryCodeQueryItem(b); }},
+    {kTyped | kCard | kLookup | kFlight, [](auto& c, auto& b, auto&) { c._addHttpGeoClientMetadata(b); }},
+    {kZeroKeyword | kMoreResults | kCard | kLookup | kFlight,
+     [](auto& c, auto& b, auto&) { c._addLocationQueryItem(b); }},
+    {kZeroKeyword | kMoreResults | kCard | kLookup | kFlight,
+     [](auto& c, auto& b, auto&) { c._addLocationSourceQueryItem(b); }},
+    {kSearch | kMoreResults | kCard | kLookup | kFlight,
+     [](auto& c, auto& b, auto&) { c._addHttpAppWhitelistSignature(b); }},
+    {kTyped | kMoreResults | kLookup, [](auto& c, auto& b, auto&) { c._addManagedAccountQueryItem(b); }},
+    {kTyped | kMoreResults | kCard | kLookup, [](auto& c, auto& b, auto&) { c._addStoreFrontQueryItem(b); }},
+    {kTyped | kMoreResults | kCard | kLookup,
+     [](auto& c, auto& b, auto&) { c._addHttpRequestSubscriptionInfo(b); }},
+    {kEveryKind, [](auto& c, auto& b, auto& in) { c._addHttpRequestUserGuid(b, in.userGuid); }},
+    {kEveryKind, [](auto& c, auto& b, auto& in) { c._addHttpRequestUserAgent(b, in.client.userAgent); }},
+    {kEveryKind, [](auto& c, auto& b, auto& in) { c._addHttpRequestUIScale(b, in.query.scale); }},
+    {kTyped | kCard, [](auto& c, auto& b, auto& in) { c._addHttpMapsEnvironmentName(b, in.bag); }},
+    {kTyped | kCard | kLookup | kFlight, [](auto& c, auto& b, auto&) { c._addHttpRequestMapsSessionId(b); }},
+};
+
+// For a query kind with nothing forced or nothing of its own to add.
+constexpr auto kNothing = [](auto&...) {};
+
+// Adds the rows of kContextRows that `kind` carries.
+void addSharedContext(unsigned kind, const VORRequestContext& c, VorlenURLRequestBuilder& b,
+                      const QueryInputs& in) {
+  for (const ContextRow& row : kContextRows)
+    if (row.kinds & kind) row.add(c, b, in);
+}
+
 }  // namespace
 
 struct VORNetworkRequestFactory::Impl {
@@ -104,6 +168,19 @@ struct VORNetworkRequestFactory::Impl {
 
   bool useQuintara() const { return defaults && defaults->boolForKey(kUseQuintaraKey); }
 
+  // What the bag fetch and the bag-cache request share, with the debug items read afresh: the version,
+  // the debug items, locale, language, country and the alternate endpoint switch.
+  void _addBagContext(VorlenURLRequestBuilder& b, const std::optional<std::string>& version, bool quintara) {
+    _contextAccessQueue->assertCurrent();
+    _refreshDebugParameters();
+    context._addVersionQueryItem(b, version);
+    context._addDebugQueryItems(b);
+    context._addLocaleQueryItem(b);
+    context._addEffectiveSystemLanguageQueryItem(b);
+    context._addDeviceCountryCodeQueryItem(b);
+    b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
+  }
+
   // Starts location updates when the bag wants location with requests and the user allows it (search).
   void _startLocationIfNeeded(const VORBag& bag, const std::shared_ptr<VORNetworkRequestFactory>& self) {
     if (!locationManager || bag.supportedGeoLocationSources().empty()) return;
@@ -129,6 +206,23 @@ struct VORNetworkRequestFactory::Impl {
       out->timeoutSeconds = timeout;
     });
     return out;
+  }
+
+  // Fills a query request of `kind`: the kind's own forced items (`forced`, first, so that the query's own
+  // items can replace them), the query's items, the debug items (which replace anything), the field mask,
+  // the kind's rows of the shared context, and last what only this kind sends (`extra`).
+  template <class Forced, class Extra>
+  std::optional<HttpRequest> composeQuery(VorlenURLRequestBuilder& b, unsigned kind, const QueryInputs& in,
+                                          const std::optional<std::string>& fieldMask, Forced&& forced,
+                                          Extra&& extra) {
+    return compose(b, in.client.requestTimeout, [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
+      forced(b);
+      b.forceQueryItemsFromArray(queryItemsOf(in.query));
+      c._addDebugQueryItems(b);
+      if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
+      addSharedContext(kind, c, b, in);
+      extra(c, b);
+    });
   }
 };
 
@@ -422,7 +516,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocationIfNeeded(bag, shared_from_this());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
+  auto forced = [&](VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.queryString);
     switch (query.triggerEvent) {
       case 8:
@@ -439,41 +533,19 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
       default:
         break;
     }
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    c._addSecretKeyQueryItem(b);
+  };
+  auto extra = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     c._addCardQueryItem(b);
     c._addHttpRequestTopTopics(b, query.topTopics);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
-    c._addCalendarQueryItem(b);
-    c._addTimeZoneQueryItem(b);
-    c._addTemperatureUnitsQueryItem(b);
-    c._addTempUnitPreferenceQueryItem(b, c._tempUnits);
-    c._add24hDateFormatQueryItem(b);
     c._addl2l3modelVersions(b, bag.l2version(), bag.l3version());
     c._addSuggestionStrings(b, query);
-    c._addSilhouetteTopics(b);
-    c._addHttpGeoClientMetadata(b);
+    // Only a held fix: a search never sends the reason there is none.
     if (c._geoLocation) {
       c._addLocationQueryItem(b);
       c._addLocationSourceQueryItem(b);
     }
-    c._addHttpAppWhitelistSignature(b);
-    c._addManagedAccountQueryItem(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpRequestSubscriptionInfo(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpMapsEnvironmentName(b, bag);
-    c._addHttpRequestMapsSessionId(b);
   };
-  return d.compose(*builder, client.requestTimeout, fill);
+  return d.composeQuery(*builder, kSearch, {query, bag, userGuid, client}, fieldMask, forced, extra);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VORZeroKeywordRequest& query,
@@ -484,36 +556,9 @@ std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VO
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocation(shared_from_this());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
-    b.forceQueryItemWithName("qtype", "zkw");
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
-    c._addCalendarQueryItem(b);
-    c._addTimeZoneQueryItem(b);
-    c._addTempUnitPreferenceQueryItem(b, c._tempUnits);
-    c._addTemperatureUnitsQueryItem(b);
-    c._add24hDateFormatQueryItem(b);
-    c._addSilhouetteTopics(b);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addHttpGeoClientMetadata(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpRequestSubscriptionInfo(b);
-    c._addManagedAccountQueryItem(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpMapsEnvironmentName(b, bag);
-    c._addHttpRequestMapsSessionId(b);
-  };
-  return d.compose(*builder, client.requestTimeout, fill);
+  // The query's own items may ask for another type.
+  auto forced = [](VorlenURLRequestBuilder& b) { b.forceQueryItemWithName("qtype", "zkw"); };
+  return d.composeQuery(*builder, kZeroKeyword, {query, bag, userGuid, client}, fieldMask, forced, kNothing);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VORMoreResultsRequest& query,
@@ -525,25 +570,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VO
   if (!builder) return std::nullopt;
   // A URL that already carries a position needs none of ours.
   if (!builder->containsQueryItemWithName("latlng")) d._startLocation(shared_from_this());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    if (fieldMask && !fieldMask->empty()) b.defaultQueryItemWithName(kFieldMaskQueryItem, *fieldMask);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addHttpAppWhitelistSignature(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpRequestSubscriptionInfo(b);
-    c._addManagedAccountQueryItem(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-  };
-  return d.compose(*builder, client.requestTimeout, fill);
+  return d.composeQuery(*builder, kMoreResults, {query, bag, userGuid, client}, fieldMask, kNothing,
+                        kNothing);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRequest& query, const VORBag& bag,
@@ -551,27 +579,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRe
   Impl& d = *impl_;
   auto builder = builderFor(bag.cardURL(), "card");
   if (!builder) return std::nullopt;
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpGeoClientMetadata(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpAppWhitelistSignature(b);
-    c._addHttpRequestMapsSessionId(b);
-    c._addHttpMapsEnvironmentName(b, bag);
-    c._addHttpRequestSubscriptionInfo(b);
-  };
-  return d.compose(*builder, client.requestTimeout, fill);
+  return d.composeQuery(*builder, kCard, {query, bag, userGuid, client}, std::nullopt, kNothing, kNothing);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLookupRequest& query, const VORBag& bag,
@@ -581,34 +589,15 @@ std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLook
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
   d._startLocation(shared_from_this());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
-    b.forceQueryItemWithName("q", query.queryString);
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addHttpGeoClientMetadata(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addStoreFrontQueryItem(b);
-    c._addHttpRequestSubscriptionInfo(b);
+  auto extra = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
     c._addClientContextQueryItem(b, query.appBundleIdentifier);
     c._addLookupHintDomainQueryItem(b, query.hintDomain);
     c._addLookupSelectionType(b, query.lookupSelectionType);
     c._addQueryLanguageQueryItem(b, query.queryString);
     c._addLookupContextLanguageQueryItem(b, query.lookupContext);
-    c._addManagedAccountQueryItem(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpAppWhitelistSignature(b);
-    c._addHttpRequestMapsSessionId(b);
   };
-  return d.compose(*builder, client.requestTimeout, fill);
+  auto forced = [&](VorlenURLRequestBuilder& b) { b.forceQueryItemWithName("q", query.queryString); };
+  return d.composeQuery(*builder, kLookup, {query, bag, userGuid, client}, std::nullopt, forced, extra);
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const VORFlightSearchRequest& query,
@@ -619,28 +608,12 @@ std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const V
   if (!builder) return std::nullopt;
   d._startLocation(shared_from_this());
   const double now = toUnixSeconds(d.clock->now());
-  auto fill = [&](const VORRequestContext& c, VorlenURLRequestBuilder& b) {
+  auto forced = [&](VorlenURLRequestBuilder& b) {
     b.forceQueryItemWithName("q", query.flightQuery);
     b.forceQueryItemWithName("timestamp", fmt::format("{}", now));
-    b.forceQueryItemsFromArray(queryItemsOf(query));
-    c._addDebugQueryItems(b);
-    c._addSecretKeyQueryItem(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addKeyboardInputModeQueryItem(b, query.keyboardInputMode);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addHttpGeoClientMetadata(b);
-    c._addLocationQueryItem(b);
-    c._addLocationSourceQueryItem(b);
-    c._addHttpRequestUserGuid(b, userGuid);
-    c._addHttpRequestUserAgent(b, client.userAgent);
-    c._addHttpRequestUIScale(b, query.scale);
-    c._addHttpAppWhitelistSignature(b);
-    c._addHttpRequestMapsSessionId(b);
-    c._forceProtobuf(b);
   };
-  return d.compose(*builder, client.requestTimeout, fill);
+  auto extra = [](const VORRequestContext& c, VorlenURLRequestBuilder& b) { c._forceProtobuf(b); };
+  return d.composeQuery(*builder, kFlight, {query, bag, userGuid, client}, std::nullopt, forced, extra);
 }
 
 // ---- Other requests ----------------------------------------------------------------------------------------
@@ -673,18 +646,11 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagFetchRequest(const BagCo
   const bool quintara = d.useQuintara();
   std::optional<HttpRequest> out;
   d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
     VorlenURLRequestBuilder& b = *builder;
-    c._addVersionQueryItem(b, version);
-    c._addSecretKeyQueryItem(b);
-    c._addDebugQueryItems(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addHttpRequestPreferredLanguages(b);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addHttpRequestUserAgent(b, userAgent);
-    b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
+    d._addBagContext(b, version, quintara);
+    d.context._addSecretKeyQueryItem(b);
+    d.context._addHttpRequestPreferredLanguages(b);
+    d.context._addHttpRequestUserAgent(b, userAgent);
     out = b.createMutableUrlRequest();
     out->cachePolicy = HttpCachePolicy::ReloadIgnoringLocalCacheData;
   });
@@ -713,16 +679,9 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagCo
   if (!builder) return std::nullopt;
   const bool quintara = d.useQuintara();
   d._contextAccessQueue->sync([&] {
-    d._refreshDebugParameters();
-    const VORRequestContext& c = d.context;
     VorlenURLRequestBuilder& b = *builder;
-    c._addVersionQueryItem(b, version);
-    c._addDebugQueryItems(b);
-    c._addLocaleQueryItem(b);
-    c._addEffectiveSystemLanguageQueryItem(b);
-    c._addDeviceCountryCodeQueryItem(b);
-    c._addAgentQueryItem(b, userAgent);
-    b.defaultQueryItemWithName("quintara", quintara ? "1" : "0");
+    d._addBagContext(b, version, quintara);
+    d.context._addAgentQueryItem(b, userAgent);
     out = b.createMutableUrlRequest();
     // Kept under the inputs read before building: if any changed meanwhile, the next ask rebuilds.
     d.lastBagCacheRequest.emplace(inputs, *out);

@@ -4,6 +4,10 @@
 //
 // Every query item and header is added with default semantics (a value already set by the query or by the
 // debug parameters wins) unless noted as forced; on the wire the query items are always sorted by name.
+// The context that several query kinds share is one table in the .cc (each item with the kinds that carry
+// it); a kind's request function adds its forced items, that table's rows for its kind and what only it
+// sends. The bag, upload and download requests keep short lists of their own: they share little with the
+// query kinds and with each other.
 //
 // What the factory keeps current, and how:
 //   - locale fields: read at construction and again on kPlatformCurrentLocaleDidChangeNotification; a

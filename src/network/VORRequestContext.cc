@@ -22,6 +22,15 @@ const Logger& requestLog() { return VorlenLogForCategory(VorlenLogCategoryReques
 
 bool present(const std::optional<std::string>& s) { return s && !s->empty(); }
 
+// The shape of most add-operations: the item (or header) `name` with default semantics, left out when
+// `value` is absent or empty.
+void addItem(VorlenURLRequestBuilder& b, const char* name, const std::optional<std::string>& value) {
+  if (present(value)) b.defaultQueryItemWithName(name, *value);
+}
+void addHeader(VorlenURLRequestBuilder& b, const char* name, const std::optional<std::string>& value) {
+  if (present(value)) b.defaultHttpHeaderWithName(name, *value);
+}
+
 // Converts a property-list value to JSON; false when it holds something JSON cannot (dates, data).
 bool toJson(const Value& value, nlohmann::json* out) {
   switch (value.type()) {
@@ -149,13 +158,13 @@ void VORRequestContext::_addDiagnosticsAndUsageQueryItem(VorlenURLRequestBuilder
 void VORRequestContext::_addKeyboardInputModeQueryItem(VorlenURLRequestBuilder& b,
                                                        const std::optional<std::string>& mode) const {
   _contextAccessQueue->assertCurrent();
-  if (present(mode)) b.defaultQueryItemWithName("kb_ime", *mode);
+  addItem(b, "kb_ime", mode);
 }
 
 void VORRequestContext::_addTempUnitPreferenceQueryItem(VorlenURLRequestBuilder& b,
                                                         const std::optional<std::string>& temp) const {
   _contextAccessQueue->assertCurrent();
-  if (present(temp)) b.defaultQueryItemWithName("temp", *temp);
+  addItem(b, "temp", temp);
 }
 
 void VORRequestContext::_addQueryLanguageQueryItem(VorlenURLRequestBuilder& b, const std::string& queryString) const {
@@ -193,7 +202,7 @@ void VORRequestContext::_addManagedAccountQueryItem(VorlenURLRequestBuilder& b) 
 void VORRequestContext::_addVersionQueryItem(VorlenURLRequestBuilder& b,
                                              const std::optional<std::string>& version) const {
   _contextAccessQueue->assertCurrent();
-  if (present(version)) b.defaultQueryItemWithName("version", *version);
+  addItem(b, "version", version);
 }
 
 void VORRequestContext::_addCardQueryItem(VorlenURLRequestBuilder& b) const {
@@ -203,60 +212,60 @@ void VORRequestContext::_addCardQueryItem(VorlenURLRequestBuilder& b) const {
 
 void VORRequestContext::_addLocationQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_geoLocationLatLng)) b.defaultQueryItemWithName("latlng", *_geoLocationLatLng);
+  addItem(b, "latlng", _geoLocationLatLng);
 }
 
 void VORRequestContext::_addLocationSourceQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_geoLocationSource)) b.defaultQueryItemWithName("geosrc", *_geoLocationSource);
+  addItem(b, "geosrc", _geoLocationSource);
 }
 
 void VORRequestContext::_addAgentQueryItem(VorlenURLRequestBuilder& b,
                                            const std::optional<std::string>& userAgent) const {
   _contextAccessQueue->assertCurrent();
-  if (present(userAgent)) b.defaultQueryItemWithName("agent", *userAgent);
+  addItem(b, "agent", userAgent);
 }
 
 void VORRequestContext::_addStoreFrontQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_storeFrontIdentifier)) b.defaultQueryItemWithName("storefront", *_storeFrontIdentifier);
+  addItem(b, "storefront", _storeFrontIdentifier);
 }
 
 void VORRequestContext::_addDeviceCountryCodeQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_geoDeviceCountryCode)) b.defaultQueryItemWithName("cc", *_geoDeviceCountryCode);
+  addItem(b, "cc", _geoDeviceCountryCode);
 }
 
 void VORRequestContext::_addTemperatureUnitsQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
   // Sends the measurement system, not a temperature unit, whatever the name says: the service reads
   // "units" that way.
-  if (present(_localeMeasurementSystem)) b.defaultQueryItemWithName("units", *_localeMeasurementSystem);
+  addItem(b, "units", _localeMeasurementSystem);
 }
 
 void VORRequestContext::_add24hDateFormatQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_is24hDateFormat)) b.defaultQueryItemWithName("24h", *_is24hDateFormat);
+  addItem(b, "24h", _is24hDateFormat);
 }
 
 void VORRequestContext::_addSilhouetteTopics(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_silhouetteTopicsStr)) b.defaultQueryItemWithName("sil", *_silhouetteTopicsStr);
+  addItem(b, "sil", _silhouetteTopicsStr);
 }
 
 void VORRequestContext::_addTimeZoneQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_localTimeZoneName)) b.defaultQueryItemWithName("time_zone", *_localTimeZoneName);
+  addItem(b, "time_zone", _localTimeZoneName);
 }
 
 void VORRequestContext::_addCalendarQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_localeCalendarIdentifier)) b.defaultQueryItemWithName("calendar", *_localeCalendarIdentifier);
+  addItem(b, "calendar", _localeCalendarIdentifier);
 }
 
 void VORRequestContext::_addEffectiveSystemLanguageQueryItem(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_effectiveSystemLanguage)) b.defaultQueryItemWithName("esl", *_effectiveSystemLanguage);
+  addItem(b, "esl", _effectiveSystemLanguage);
 }
 
 void VORRequestContext::_addl2l3modelVersions(VorlenURLRequestBuilder& b, const std::string& l2,
@@ -330,7 +339,7 @@ void VORRequestContext::_addHttpRequestUserGuid(VorlenURLRequestBuilder& b, cons
 void VORRequestContext::_addHttpRequestUserAgent(VorlenURLRequestBuilder& b,
                                                  const std::optional<std::string>& userAgent) const {
   _contextAccessQueue->assertCurrent();
-  if (present(userAgent)) b.defaultHttpHeaderWithName("User-Agent", *userAgent);
+  addHeader(b, "User-Agent", userAgent);
 }
 
 void VORRequestContext::_addHttpRequestUIScale(VorlenURLRequestBuilder& b, double scale) const {
@@ -340,7 +349,7 @@ void VORRequestContext::_addHttpRequestUIScale(VorlenURLRequestBuilder& b, doubl
 
 void VORRequestContext::_addHttpRequestPreferredLanguages(VorlenURLRequestBuilder& b) const {
   _contextAccessQueue->assertCurrent();
-  if (present(_preferredLanguages)) b.defaultHttpHeaderWithName("X-Velmo-Languages", *_preferredLanguages);
+  addHeader(b, "X-Velmo-Languages", _preferredLanguages);
 }
 
 void VORRequestContext::_addHttpRequestMapsSessionId(VorlenURLRequestBuilder& b) const {
@@ -360,7 +369,7 @@ void VORRequestContext::_addHttpMapsEnvironmentName(VorlenURLRequestBuilder& b, 
   _contextAccessQueue->assertCurrent();
   if (!bag.sendGeoEnvironmentHeader() || !locationManager_) return;
   auto name = locationManager_->mapsEnvironment();
-  if (present(name)) b.defaultHttpHeaderWithName("X-Velmo-GeoEnvironment", *name);
+  addHeader(b, "X-Velmo-GeoEnvironment", name);
 }
 
 void VORRequestContext::_addHttpRequestSubscriptionInfo(VorlenURLRequestBuilder& b) const {
@@ -386,7 +395,7 @@ void VORRequestContext::_addHttpFuzzedLocation(VorlenURLRequestBuilder& b) const
 void VORRequestContext::_addHttpIfNoneMatch(VorlenURLRequestBuilder& b,
                                             const std::optional<std::string>& version) const {
   _contextAccessQueue->assertCurrent();
-  if (present(version)) b.defaultHttpHeaderWithName("If-None-Match", *version);
+  addHeader(b, "If-None-Match", version);
 }
 
 void VORRequestContext::_addHttpGeoClientMetadata(VorlenURLRequestBuilder& b) const {

@@ -2,6 +2,9 @@
 // query items and header fields that requests take from it. Each add-operation adds one item or header
 // with default semantics (a value already set wins) unless its comment says forced, and leaves it out when
 // the comment says so.
+// The add-operations stay one named operation per item (rather than rows of a table here) because they
+// are the vocabulary the request factory's per-kind table and the bag, upload and download requests are
+// written in; the shape they share is the two helpers in the .cc.
 //
 // Query items:
 //   key        the fixed API key                                  never left out

@@ -221,8 +221,7 @@ void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<s
   if (!request || !session) {
     bagLog().error("Error fetching bag: no bag request could be made");
     VorlenDiagnosticDataReporter::addValue(1, kFetchesFailedCounter);
-    if (completion) completion(std::nullopt, VORError::make(kBagErrorCode, "no request"));
-    _fetchInProgress.store(false);
+    _finishFetch(std::nullopt, VORError::make(kBagErrorCode, "no request"), completion);
     return;
   }
   VorlenLogForCategory(VorlenLogCategoryProtocol)
@@ -302,14 +301,46 @@ void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<s
       VorlenDiagnosticDataReporter::addValue(1, kFetchesFailedCounter);
     }
     if (feedbackSession) feedbackSession->sessionComplete();
-    if (completion) completion(bag, error);
-    self->_fetchInProgress.store(false);
+    self->_finishFetch(bag, error, completion);
     taskHolder->reset();
   };
 
   VORRetryableNetworkRequest retryable(std::move(*request), std::nullopt, /*delayOnFail=*/true);
   *taskHolder = dataTaskWithRetryableRequest(session, retryable, 1, kBagFetchRetries, std::move(onDone));
   (*taskHolder)->resume();
+}
+
+void VorlenBagController::_finishFetch(const std::optional<VORBag>& bag, const std::optional<VORError>& error,
+                                       const FetchCompletion& completion) {
+  if (completion) completion(bag, error);
+  std::vector<FetchCompletion> waiters;
+  bool fetchAgain = false;
+  {
+    std::lock_guard lock(_refreshWaitersMutex);
+    waiters.swap(_refreshWaiters);
+    // Refreshes asked for while this fetch ran were built too early for them: they share one more fetch,
+    // and the gate stays closed for it.
+    fetchAgain = !_refreshWaitersForNextFetch.empty();
+    _refreshWaiters.swap(_refreshWaitersForNextFetch);
+    if (!fetchAgain) _fetchInProgress.store(false);
+  }
+  for (const FetchCompletion& waiter : waiters) waiter(bag, error);
+  if (fetchAgain) _fetchBagStateWithVersionUngated(std::nullopt, {});
+}
+
+void VorlenBagController::refreshBag(RefreshCompletion done) {
+  bagLog().notice("bag refresh requested");
+  // A refresh follows a preference change (the bag URL) made by another process: the file is read again
+  // now rather than trusting its stat stamp, which a rewrite of the same size within one tick can keep.
+  if (const auto& defaults = _assembly->userDefaults) defaults->synchronize();
+  if (!done) done = [](const std::optional<VORBag>&, const std::optional<VORError>&) {};
+  bool opened = false;
+  {
+    std::lock_guard lock(_refreshWaitersMutex);
+    opened = !_fetchInProgress.exchange(true);
+    (opened ? _refreshWaiters : _refreshWaitersForNextFetch).push_back(std::move(done));
+  }
+  if (opened) _fetchBagStateWithVersionUngated(std::nullopt, {});
 }
 
 // ---- Installing ------------------------------------------------------------------------------------------

@@ -11,8 +11,10 @@
 //
 // Refreshes start from: currentBag() with no bag installed; cachedBagState() finding the bag stale; a stale
 // disk bag at construction (it is installed first and served meanwhile); "VORBagRefreshRequired" posted by
-// the request factory; forceFetchBag() naming a numerically higher version. Every trigger goes through one
-// single-flight gate: while a fetch is in flight, further triggers are dropped, not queued.
+// the request factory; forceFetchBag() naming a numerically higher version; refreshBag() (a client asking
+// for the bag now). Every trigger goes through one single-flight gate: while a fetch is in flight, further
+// triggers are dropped, not queued; a refreshBag() that finds a fetch in flight waits for it and then has
+// one more fetch made for every refresh that asked meanwhile, so its answer is from a fetch begun after it.
 //
 // A failed fetch leaves the installed bag as it was, logs in "Vorlen_Bag", counts
 // "com.velmo.vorlend.bag.fetchesfailed" and records an error event in the fetch's feedback session; a
@@ -38,6 +40,7 @@
 #include <optional>
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
 #include "base/NotificationCenter.h"
 #include "base/Value.h"
@@ -76,6 +79,7 @@ class VorlenBagController final : public BagController,
   std::optional<VORBag> cachedBagState() override;
   std::optional<std::string> warmURL() override;
   void forceFetchBag(const Value::Dict& info) override;
+  void refreshBag(RefreshCompletion done) override;
   std::string bagFetchURLWithCountry(const std::optional<std::string>& countryCode) const override;
 
   // The installed bag without side effects.
@@ -116,6 +120,10 @@ class VorlenBagController final : public BagController,
   bool _fetchBagStateWithVersion(const std::optional<std::string>& version, FetchCompletion completion = {});
   void _fetchBagStateWithVersionUngated(const std::optional<std::string>& version,
                                         FetchCompletion completion);
+  // Ends a fetch: tells `completion` and the refreshBag() callers of this fetch, then reopens the gate or,
+  // when refreshes asked meanwhile, starts their fetch.
+  void _finishFetch(const std::optional<VORBag>& bag, const std::optional<VORError>& error,
+                    const FetchCompletion& completion);
   bool _isRefreshRequiredForCachedBag(const Value::Dict& rawBag);
   std::optional<std::filesystem::path> _pathToCachedBag(std::string* error);
   Value::Dict _dictionaryToCacheBag(const Value::Dict& dict);
@@ -127,6 +135,12 @@ class VorlenBagController final : public BagController,
   const std::shared_ptr<const Assembly> _assembly;
   std::optional<std::string> _userAgent;
   std::atomic<bool> _fetchInProgress{false};
+  // refreshBag() callers: those the fetch in flight will tell, and those that asked while it ran, who
+  // share the fetch that follows it (one begun before they asked may use a bag URL they just changed).
+  // Changed under the mutex together with the gate, so no caller is left without a fetch to tell it.
+  std::mutex _refreshWaitersMutex;
+  std::vector<FetchCompletion> _refreshWaiters;
+  std::vector<FetchCompletion> _refreshWaitersForNextFetch;
 
   // Guards _inMemoryBag: shared for reads, exclusive for the swap of an install (the barrier writes of
   // the access queue "com.velmo.vorlend.bagcontroller.cacheaccess").

@@ -8,7 +8,9 @@
 // desktop-file id without its ".desktop" suffix (the path below `applications/` with "/" turned into "-",
 // so `applications/org.example.Notes.desktop` is "org.example.Notes"); the version is the entry's
 // `X-AppVersion`, else its `Version`. An entry with `Hidden=true` counts as removed; an entry without a
-// [Desktop Entry] group, or larger than 64 KiB, is skipped.
+// [Desktop Entry] group, or whose group does not end within its first 64 KiB, is skipped. An entry is read
+// only up to the end of its [Desktop Entry] group, and folders are read by descriptor, so a scan of
+// thousands of entries costs little more than one open and one read each.
 // The applications-changed notification is kPlatformInstalledApplicationsDidChangeNotification on the
 // notification centre (sender: the registry). inotify watches every folder named above (created ones
 // included once they exist at a check); checkForChanges() reads the pending events without blocking and
@@ -47,7 +49,7 @@ class InstalledApplications {
 
 class XdgInstalledApplications final : public InstalledApplications {
  public:
-  // Entries larger than this are not desktop entries a launcher would read either.
+  // An entry whose [Desktop Entry] group runs past this is not one a launcher would read either.
   static constexpr size_t kMaxEntryBytes = 64 * 1024;
 
   // The data folders (each holding an `applications` folder), most important first.

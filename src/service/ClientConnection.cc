@@ -16,9 +16,11 @@
 #include "ipc/IpcConnection.h"
 #include "ipc/IpcExportedInterface.h"
 #include "model/Constants.h"
+#include "model/Operations.h"
 #include "model/QXFeedbackFactory.h"
 #include "model/QXResultSection.h"
 #include "model/QXSearchResult.h"
+#include "network/BagController.h"
 #include "network/GUIDController.h"
 #include "network/UserAgent.h"
 #include "platform/Assembly.h"
@@ -114,10 +116,14 @@ void ClientConnection::start() {
   if (center) {
     downloadObserver_ = center->addObserver<ClientConnection>(
         kVORFileDownloadCompletedNotification, nullptr, shared_from_this(),
-        [](ClientConnection& self, const Notification& n) { self.forwardResourceNotification(n, "didDownloadResource:"); });
-    deleteObserver_ = center->addObserver<ClientConnection>(
-        kVORFileDeletedNotification, nullptr, shared_from_this(),
-        [](ClientConnection& self, const Notification& n) { self.forwardResourceNotification(n, "didDeleteResource:"); });
+        [](ClientConnection& self, const Notification& n) {
+          self.forwardResourceNotification(n, op::kDidDownloadResource);
+        });
+    deleteObserver_ =
+        center->addObserver<ClientConnection>(kVORFileDeletedNotification, nullptr, shared_from_this(),
+                                              [](ClientConnection& self, const Notification& n) {
+                                                self.forwardResourceNotification(n, op::kDidDeleteResource);
+                                              });
   }
 
   connection_->setExportedInterface(makeInterface(weak));
@@ -128,27 +134,31 @@ void ClientConnection::start() {
 }
 
 std::shared_ptr<const IpcExportedInterface> ClientConnection::makeInterface(std::weak_ptr<ClientConnection> weak) {
-  auto exported = std::make_shared<IpcExportedInterface>("VORDaemonIPC");
+  auto exported = std::make_shared<IpcExportedInterface>(op::kDaemonInterface);
   // Binds an operation to a member; calls arriving after the connection object is gone do nothing.
   auto bind = [weak](auto member) {
     return [weak, member](const IpcMessage& call, IpcReplier reply) {
       if (auto self = weak.lock()) member(*self, call, std::move(reply));
     };
   };
-  exported->add("configure:reply:", {Arg::record({VORSessionConfiguration::kClassName})},
+  exported->add(op::kConfigure, {Arg::record({VORSessionConfiguration::kClassName})},
                 bind([](ClientConnection& self, const IpcMessage& call, IpcReplier reply) {
                   auto configuration = VORSessionConfiguration::fromRecord(call.arg(0));
                   if (configuration) self.configure(std::move(*configuration), std::move(reply));
                 }));
-  exported->add("bag:", {}, bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
+  exported->add(op::kBag, {}, bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
                   self.bag(std::move(reply));
                 }));
-  exported->add("request:reply:", {Arg::record()},
+  exported->add(op::kRefreshBag, {}, bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
+                  self.refreshBag(std::move(reply));
+                }));
+  exported->add(op::kRequest, {Arg::record()},
                 bind([](ClientConnection& self, const IpcMessage& call, IpcReplier reply) {
                   // An unknown request class is rejected here (one log line) and never answered.
-                  if (auto request = VORRequest::fromRecord(call.arg(0))) self.request(std::move(request), std::move(reply));
+                  if (auto request = VORRequest::fromRecord(call.arg(0)))
+                    self.request(std::move(request), std::move(reply));
                 }));
-  exported->add("reportEvent:queryId:feedback:", {Arg::string(), Arg::unsignedInteger(), Arg::record()},
+  exported->add(op::kReportEvent, {Arg::string(), Arg::unsignedInteger(), Arg::record()},
                 bind([](ClientConnection& self, const IpcMessage& call, IpcReplier) {
                   // The event name is deliberately not used: the feedback's class says what happened.
                   auto feedback = QXFeedback::fromRecord(call.arg(2));
@@ -162,40 +172,41 @@ std::shared_ptr<const IpcExportedInterface> ClientConnection::makeInterface(std:
                   }
                   self.reportEvent(*feedback, *call.arg(1).getUInt());
                 }));
-  exported->add("feedback:reply:", {Arg::string()},
-                bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) { self.feedback(std::move(reply)); }));
-  exported->add("listenToFlusher:", {}, bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
+  exported->add(op::kFeedback, {Arg::string()},
+                bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
+                  self.feedback(std::move(reply));
+                }));
+  exported->add(op::kListenToFlusher, {},
+                bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
                   self.listenToFlusher(std::move(reply));
                 }));
-  exported->add("listSessions:", {}, bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
+  exported->add(op::kListSessions, {}, bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
                   self.listSessions(std::move(reply));
                 }));
-  exported->add("fileHandleAndAttributesForResource:completion:", {Arg::string()},
+  exported->add(op::kFileHandleForResource, {Arg::string()},
                 bind([](ClientConnection& self, const IpcMessage& call, IpcReplier reply) {
                   self.fileHandleAndAttributesForResource(*call.arg(0).getString(), std::move(reply));
                 }));
-  exported->add("clearEngagedCompletionsFromDate:toDate:", {Arg::date(), Arg::date()},
+  exported->add(op::kClearEngagedCompletions, {Arg::date(), Arg::date()},
                 bind([](ClientConnection& self, const IpcMessage& call, IpcReplier) {
                   if (auto cache = self.assembly_->engagedCompletionCache) {
                     cache->clearCompletionsFromDate(*call.arg(0).getDate(), *call.arg(1).getDate());
                   }
                 }));
-  exported->add("addCompletion:forInput:", {Arg::string(), Arg::string()},
+  exported->add(op::kAddCompletion, {Arg::string(), Arg::string()},
                 bind([](ClientConnection& self, const IpcMessage& call, IpcReplier) {
                   if (auto cache = self.assembly_->engagedCompletionCache) {
                     cache->addCompletion(*call.arg(0).getString(), *call.arg(1).getString());
                   }
                 }));
-  exported->add(
-      "updateParameters:voyantLast1day:voyantLast1week:voyantLast1month:voyantAll:voyantMostRecent:"
-      "minThresholdToSend:",
-      std::vector<Arg>(7, Arg::number()), bind([](ClientConnection& self, const IpcMessage& call, IpcReplier) {
-        auto cache = self.assembly_->engagedCompletionCache;
-        if (!cache) return;
-        auto d = [&](size_t i) { return *call.arg(i).getDouble(); };
-        cache->updateParameters(d(0), d(1), d(2), d(3), d(4), d(5), d(6));
-      }));
-  exported->add("getImageMap:", {}, bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
+  exported->add(op::kUpdateParameters, std::vector<Arg>(7, Arg::number()),
+                bind([](ClientConnection& self, const IpcMessage& call, IpcReplier) {
+                  auto cache = self.assembly_->engagedCompletionCache;
+                  if (!cache) return;
+                  auto d = [&](size_t i) { return *call.arg(i).getDouble(); };
+                  cache->updateParameters(d(0), d(1), d(2), d(3), d(4), d(5), d(6));
+                }));
+  exported->add(op::kGetImageMap, {}, bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
                   self.getImageMap(std::move(reply));
                 }));
   return exported;
@@ -310,7 +321,7 @@ void ClientConnection::_sendBagInOrder(uint64_t number, const std::optional<VORB
   // A bag numbered before one already sent is older than what the client has: it is dropped.
   if (number <= bagSendsDone_) return;
   bagSendsDone_ = number;
-  connection_->send("bagDidLoad:error:", Value::Array{optionalRecord(bag), optionalRecord(error)});
+  connection_->send(op::kBagDidLoad, Value::Array{optionalRecord(bag), optionalRecord(error)});
   if (bag) _setEngagedCompletionCacheValues(*bag);
 }
 
@@ -362,6 +373,31 @@ void ClientConnection::bag(IpcReplier reply) {
   bound->bag(userAgent().value_or(""), [reply](std::optional<VORBag> bag, std::optional<VORError> error) {
     if (reply) reply(Value::Array{optionalRecord(bag), optionalRecord(error)});
   });
+}
+
+void ClientConnection::refreshBag(IpcReplier reply) {
+  _ensureState();
+  if (!state()) return;
+  const auto& controller = assembly_->bagController;
+  if (!controller) {
+    if (reply) reply(Value::Array{Value(), VORError::make(500, "no bag controller").toRecord()});
+    return;
+  }
+  if (refreshPending_.exchange(true)) {
+    if (reply) reply(Value::Array{Value(), VORError::make(2, "bag refresh already waiting").toRecord()});
+    return;
+  }
+  std::weak_ptr<ClientConnection> weak = weak_from_this();
+  controller->refreshBag(
+      [weak, reply](const std::optional<VORBag>& bag, const std::optional<VORError>& error) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->refreshPending_.store(false);
+        if (!reply) return;
+        std::optional<VORBag> view;
+        if (bag) view = VORBag(bag->rawBag(), self->userAgent().value_or(""));
+        reply(Value::Array{optionalRecord(view), optionalRecord(error)});
+      });
 }
 
 void ClientConnection::request(std::shared_ptr<VORRequest> request, IpcReplier reply) {

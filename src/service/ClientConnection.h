@@ -103,6 +103,9 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   // VORDaemonIPC, on the connection's queue.
   void configure(VORSessionConfiguration configuration, IpcReplier reply);
   void bag(IpcReplier reply);
+  // Has the bag fetched now and answers with it as this client sees it, or with the fetch's error. A
+  // second call while the first still waits is answered at once with an error.
+  void refreshBag(IpcReplier reply);
   void request(std::shared_ptr<VORRequest> request, IpcReplier reply);
   void search(std::shared_ptr<const VORSearchRequest> request, IpcReplier reply);
   void reportEvent(const QXFeedback& feedback, uint64_t queryId);
@@ -132,6 +135,8 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   const std::shared_ptr<IpcConnection> connection_;
   const ClientConnectionOptions options_;
   std::atomic<uint64_t> currentQueryId_{0};
+  // One refreshBag: waits at a time per connection: a client cannot pile up waiting replies.
+  std::atomic<bool> refreshPending_{false};
 
   mutable std::mutex mu_;  // guards the fields below
   std::optional<VORSessionConfiguration> configuration_;

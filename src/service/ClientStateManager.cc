@@ -4,6 +4,7 @@
 #include "ipc/IpcConnection.h"
 #include "ipc/IpcExportedInterface.h"
 #include "ipc/IpcListener.h"
+#include "model/Operations.h"
 #include "platform/Assembly.h"
 #include "platform/DeviceProperties.h"
 #include "service/ClientState.h"
@@ -38,9 +39,10 @@ ClientStateManager::~ClientStateManager() {
 
 void ClientStateManager::start() {
   std::weak_ptr<ClientStateManager> weak = weak_from_this();
-  auto exported = std::make_shared<IpcExportedInterface>("VOREndpointIPC");
-  exported->add("request:configuration:reply:",
-                {IpcExportedInterface::Arg::record(), IpcExportedInterface::Arg::record({VORSessionConfiguration::kClassName})},
+  auto exported = std::make_shared<IpcExportedInterface>(op::kEndpointInterface);
+  exported->add(op::kEndpointRequest,
+                {IpcExportedInterface::Arg::record(),
+                 IpcExportedInterface::Arg::record({VORSessionConfiguration::kClassName})},
                 [weak](const IpcMessage& call, IpcReplier reply) {
                   if (auto self = weak.lock()) self->serveEndpointRequest(call, std::move(reply));
                 });

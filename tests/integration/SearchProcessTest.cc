@@ -146,7 +146,7 @@ TEST_F(SearchProcessTest, VorlenctlTypesLetterByLetterAndTellsNetworkFromCache) 
   ASSERT_EQ(again.wait(30s), 0) << again.stderrText();
   auto personal = nlohmann::json::parse(again.stdoutText(), nullptr, false);
   ASSERT_TRUE(personal.is_array() && personal.size() == 3u) << again.stdoutText();
-  EXPECT_EQ(personal[1]["source"], "network");
+  EXPECT_EQ(personal[1]["source"], "local");
   EXPECT_EQ(personal[1]["localCompletion"], "new york marathon");
   EXPECT_EQ(personal[1]["completion"], "new york marathon");
   EXPECT_EQ(personal[2]["source"], "cache");

@@ -280,5 +280,32 @@ TEST(AppWhitelistSignatureTest, ReadingOnlyInstalledEntriesAgreesWithTheWholeDoc
   }
 }
 
+// The outer document is read without building it: its rules must still be those of the parsed document
+// (a later duplicate key wins whatever its type; other keys may hold anything).
+TEST(AppWhitelistSignatureTest, OuterDocumentReadInOnePassKeepsTheParsedDocumentRules) {
+  ScopedLogCapture quiet;
+  const std::string inner =
+      nlohmann::json(R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 9}]}})").dump();
+  const std::string expected = signatureFor({9}, "0a1b");
+  struct Case {
+    std::string outer;
+    bool signs;
+  } cases[] = {
+      {R"({"apps": 1, "compression": "RLE", "encoding": "bitmap", "apps": )" + inner + "}", true},
+      {R"({"apps": )" + inner + R"(, "compression": "RLE", "encoding": "bitmap", "apps": null})", false},
+      {R"({"apps": )" + inner + R"(, "compression": "RLE", "encoding": "bitmap", "compression": ["RLE"]})",
+       false},
+      {R"({"encoding": "list", "apps": )" + inner + R"(, "compression": "RLE", "encoding": "bitmap"})", true},
+      {R"({"x": {"apps": "{}", "encoding": [[["bitmap"]]]}, "apps": )" + inner +
+           R"(, "compression": "RLE", "encoding": "bitmap"})",
+       true},
+      {R"({"apps": )" + inner + R"(, "compression": "RLE", "encoding": "bitmap"} trailing)", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.outer);
+    EXPECT_EQ(process(c.outer, kInstalled), c.signs ? std::optional(expected) : std::nullopt);
+  }
+}
+
 }  // namespace
 }  // namespace vorlen

@@ -385,6 +385,39 @@ TEST_F(BagControllerTest, ConcurrentTriggersMakeOneFetch) {
   EXPECT_TRUE(c->currentBag());
 }
 
+// A refresh is answered from a fetch begun after it: with none in flight it starts one; refreshes that
+// find one in flight share one more fetch after it.
+TEST_F(BagControllerTest, ARefreshIsAnsweredFromAFetchBegunAfterIt) {
+  std::mutex mu;
+  std::vector<std::string> told;
+  auto record = [&](const std::optional<VORBag>& bag, const std::optional<VORError>& error) {
+    std::lock_guard lock(mu);
+    told.push_back(bag ? bag->version().value_or("?") : error ? error->describe() : "nothing");
+  };
+  auto toldSoFar = [&](size_t n) {
+    EXPECT_TRUE(eventually([&] {
+      std::lock_guard lock(mu);
+      return told.size() == n;
+    }));
+    std::lock_guard lock(mu);
+    return told;
+  };
+  setBag(RefServer::BagMode::Ok, "1");
+  auto c = VorlenBagController::create(makeAssembly());
+  c->refreshBag(record);
+  waitForFetches(c, 1);
+  EXPECT_EQ(toldSoFar(1), (std::vector<std::string>{"1"}));
+
+  setBag(RefServer::BagMode::Slow, "2", 300);
+  ASSERT_TRUE(c->fetchBagStateForTesting(
+      std::nullopt, [&](const auto&, const auto&) { setBag(RefServer::BagMode::Ok, "3"); }));
+  c->refreshBag(record);
+  c->refreshBag(record);
+  waitForFetches(c, 3);
+  EXPECT_EQ(server.requestCount("/bag"), 3u);
+  EXPECT_EQ(toldSoFar(3), (std::vector<std::string>{"1", "3", "3"}));
+}
+
 TEST_F(BagControllerTest, ForceFetchAsksForANumericallyNewerVersionOnly) {
   setBag(RefServer::BagMode::Ok, "9");
   auto c = VorlenBagController::create(makeAssembly());

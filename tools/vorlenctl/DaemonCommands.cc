@@ -139,9 +139,9 @@ ExitCode DaemonCommands::interactive(const std::optional<std::string>& refserver
   return session.interactive();
 }
 
-ExitCode DaemonCommands::bag() {
+ExitCode DaemonCommands::bag(bool refresh) {
   if (auto failed = connect()) return *failed;
-  ClientResult<BagReply> r = client_->bag();
+  ClientResult<BagReply> r = refresh ? client_->refreshBag() : client_->bag();
   if (!r.ok()) return out_.clientError(*r.error);
   if (r.value->error) return out_.daemonError(*r.value->error);
   if (!r.value->bag) return out_.error(ExitCode::Failed, "vorlend has no bag");

@@ -35,8 +35,9 @@ class DaemonCommands {
   ExitCode type(const std::string& text, const std::optional<std::string>& refserver, int delayMs);
   // Live type-ahead in the terminal.
   ExitCode interactive(const std::optional<std::string>& refserver);
-  // Version-like keys and the key count; the whole bag with --json.
-  ExitCode bag();
+  // Version-like keys and the key count; the whole bag with --json. `refresh`: the daemon fetches the bag
+  // first (from the URL its preferences name now) and this is the bag that fetch installed.
+  ExitCode bag(bool refresh = false);
   ExitCode sessions();
   // `eventJson`: {"$class": <QXFeedback class>, fields...}.
   ExitCode report(const std::string& eventJson, uint64_t queryId);

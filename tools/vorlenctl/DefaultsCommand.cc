@@ -92,7 +92,7 @@ ExitCode DefaultsCommand::write(const std::string& domain, const std::string& ke
   if (key == VorlenBagController::kBagURLPreference) {
     out_.line(
         "vorlend fetches the bag from the new URL when it next checks its bag (at the latest when it "
-        "starts); until that fetch ends it serves the bag it has");
+        "starts); until that fetch ends it serves the bag it has; vorlenctl bag --refresh fetches it now");
   }
   return ExitCode::Ok;
 }

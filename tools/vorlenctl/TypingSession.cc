@@ -112,7 +112,10 @@ TypingSession::Keystroke TypingSession::type(const std::string& text) {
     k.source = after > before ? "network" : "cache";
     if (after > before) {
       if (auto items = probe_->lastItems("/search")) {
-        if (auto lc = items->find("lc"); lc != items->end()) k.localCompletion = lc->second;
+        if (auto lc = items->find("lc"); lc != items->end()) {
+          k.localCompletion = lc->second;
+          k.source = "local";
+        }
       }
     }
   } else {

@@ -26,9 +26,10 @@ class TypingSession {
     std::string text;
     uint64_t queryId = 0;
     double milliseconds = 0;
-    // A stable token: "network", "cache" (the daemon's query cache), "none" (no answer: too short, or the
-    // bag disabled searching), "error", or "unknown" when no reference service is there to tell network
-    // from cache.
+    // A stable token: "network", "local" (the network answer to a search that carried the user's own
+    // completion from the local history, in localCompletion), "cache" (the daemon's query cache), "none"
+    // (no answer: too short, or the bag disabled searching), "error", or "unknown" when no reference
+    // service is there to tell network from cache.
     std::string source;
     std::optional<std::string> completion;
     std::vector<std::string> suggestions;

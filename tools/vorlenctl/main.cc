@@ -59,6 +59,9 @@ int run(int argc, char** argv) {
   typeCmd->add_option("--refserver", refserver, "base URL of vorlen-refserver, to tell network from cache");
   typeCmd->add_option("--delay-ms", delayMs, "pause between keystrokes")->check(CLI::Range(0, 10000));
   auto* bag = app.add_subcommand("bag", "version keys and size of the bag (--json: all of it)");
+  bool refreshBag = false;
+  bag->add_flag("--refresh", refreshBag,
+                "fetch the bag now (say after changing VORBagURL) and show what the fetch installed");
   auto* sessions = app.add_subcommand("sessions", "the clients the daemon knows");
   auto* report = app.add_subcommand("report", "report a feedback event given as JSON");
   std::string eventJson;
@@ -174,7 +177,8 @@ int run(int argc, char** argv) {
     code = out.error(ExitCode::Usage, "search needs TEXT or --interactive");
   else if (*search) code = command.search(searchText);
   else if (*typeCmd) code = command.type(typeText, refserver, delayMs);
-  else if (*bag) code = command.bag();
+  else if (*bag)
+    code = command.bag(refreshBag);
   else if (*sessions) code = command.sessions();
   else if (*report) code = command.report(eventJson, queryId);
   else if (*fCurrent)
