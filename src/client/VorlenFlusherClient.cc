@@ -2,6 +2,7 @@
 
 #include "ipc/IpcConnection.h"
 #include "ipc/IpcExportedInterface.h"
+#include "model/Operations.h"
 
 namespace vorlen {
 
@@ -12,20 +13,20 @@ std::shared_ptr<VorlenFlusherClient> VorlenFlusherClient::connect(const IpcEndpo
   std::shared_ptr<IpcConnection> connection = IpcConnection::connect(endpoint, options, error);
   if (!connection) return nullptr;
   using Arg = IpcExportedInterface::Arg;
-  auto exported = std::make_shared<IpcExportedInterface>("VORFlusherListenerIPC");
+  auto exported = std::make_shared<IpcExportedInterface>(op::kFlusherListenerInterface);
   auto shared = std::make_shared<Handlers>(std::move(handlers));
-  exported->add("flushedData:", {Arg::array()}, [shared](const IpcMessage& call, IpcReplier) {
+  exported->add(op::kFlushedData, {Arg::array()}, [shared](const IpcMessage& call, IpcReplier) {
     std::vector<Value::Data> payloads;
     for (const Value& item : *call.arg(0).getArray())
       if (const Value::Data* data = item.getData()) payloads.push_back(*data);
     if (shared->flushedData) shared->flushedData(std::move(payloads));
   });
-  exported->add("receivedFeedbackDescription:", {Arg::string()},
+  exported->add(op::kReceivedFeedbackDescription, {Arg::string()},
                 [shared](const IpcMessage& call, IpcReplier) {
                   if (shared->receivedFeedbackDescription)
                     shared->receivedFeedbackDescription(*call.arg(0).getString());
                 });
-  exported->add("workDone", {}, [shared](const IpcMessage&, IpcReplier) {
+  exported->add(op::kWorkDone, {}, [shared](const IpcMessage&, IpcReplier) {
     if (shared->workDone) shared->workDone();
   });
   connection->setExportedInterface(std::move(exported));
@@ -44,7 +45,7 @@ VorlenFlusherClient::~VorlenFlusherClient() {
 }
 
 bool VorlenFlusherClient::initiateConnectionWithIntent(uint64_t intent) {
-  return connection_->send("initiateConnectionWithIntent:", {Value(intent)});
+  return connection_->send(op::kInitiateConnectionWithIntent, {Value(intent)});
 }
 
 bool VorlenFlusherClient::isConnected() const {

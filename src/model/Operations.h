@@ -36,4 +36,14 @@ inline constexpr const char* kBagDidLoad = "bagDidLoad:error:";
 inline constexpr const char* kDidDownloadResource = "didDownloadResource:";
 inline constexpr const char* kDidDeleteResource = "didDeleteResource:";
 
+// VORFlusherIPC: the flusher endpoint, called by a diagnostics tool.
+inline constexpr const char* kFlusherInterface = "VORFlusherIPC";
+inline constexpr const char* kInitiateConnectionWithIntent = "initiateConnectionWithIntent:";
+
+// VORFlusherListenerIPC: what a diagnostics tool exports for the flusher endpoint's calls.
+inline constexpr const char* kFlusherListenerInterface = "VORFlusherListenerIPC";
+inline constexpr const char* kFlushedData = "flushedData:";
+inline constexpr const char* kReceivedFeedbackDescription = "receivedFeedbackDescription:";
+inline constexpr const char* kWorkDone = "workDone";
+
 }  // namespace vorlen::op

@@ -8,6 +8,7 @@
 #include "ipc/IpcListener.h"
 #include "platform/Assembly.h"
 #include "storage/BackgroundFlusher.h"
+#include "model/Operations.h"
 
 namespace vorlen {
 
@@ -111,8 +112,8 @@ bool VorlenFlusherIPC::shouldAcceptNewConnection(IpcListener&,
   connection->setInterruptionHandler(remover("listener interrupted"));
   connection->setInvalidationHandler(remover("listener invalidated"));
   // The calling tool is the one an intent acts on, so each connection gets an interface bound to it.
-  auto exported = std::make_shared<IpcExportedInterface>("VORFlusherIPC");
-  exported->add("initiateConnectionWithIntent:", {IpcExportedInterface::Arg::unsignedInteger()},
+  auto exported = std::make_shared<IpcExportedInterface>(op::kFlusherInterface);
+  exported->add(op::kInitiateConnectionWithIntent, {IpcExportedInterface::Arg::unsignedInteger()},
                 [weak, weakTool](const IpcMessage& call, IpcReplier) {
                   auto self = weak.lock();
                   auto tool = weakTool.lock();
@@ -144,7 +145,7 @@ void VorlenFlusherIPC::initiateConnectionWithIntent(uint64_t intent,
       if (auto assembly = _assembly.lock(); assembly && assembly->backgroundFlusher)
         assembly->backgroundFlusher->setStopFlushing(true);
       log().notice("flushing stopped; dump command will start flushing again");
-      tool->send("workDone", {});
+      tool->send(op::kWorkDone, {});
       break;
     case kIntentDump:
       _dump(tool);
@@ -197,7 +198,7 @@ void VorlenFlusherIPC::_workDone(const std::weak_ptr<IpcConnection>& tool) {
   if (auto assembly = _assembly.lock(); assembly && assembly->backgroundFlusher)
     assembly->backgroundFlusher->setStopFlushing(false);
   _flusheripcQueue->async([tool] {
-    if (auto connection = tool.lock()) connection->send("workDone", {});
+    if (auto connection = tool.lock()) connection->send(op::kWorkDone, {});
   });
 }
 
@@ -239,7 +240,7 @@ void VorlenFlusherIPC::sendDataToSendingStreamListener(std::vector<MappedFile> p
     items.reserve(held->size());
     for (const MappedFile& payload : *held)
       items.emplace_back(Value::Data(payload.bytes().begin(), payload.bytes().end()));
-    self->sendingStreamListener_->send("flushedData:", {Value(std::move(items))});
+    self->sendingStreamListener_->send(op::kFlushedData, {Value(std::move(items))});
   });
 }
 
@@ -281,7 +282,7 @@ void VorlenFlusherIPC::sendDataToReceivingStreamListener(const VorlenFeedback& f
     std::optional<std::string> text = describeForTool(copy);
     if (!text || text->empty()) return;
     // A tool that does not read is closed by its connection (one error line) when too much waits for it.
-    self->receivingStreamListener_->send("receivedFeedbackDescription:", {Value(std::move(*text))});
+    self->receivingStreamListener_->send(op::kReceivedFeedbackDescription, {Value(std::move(*text))});
   });
 }
 

@@ -42,7 +42,7 @@ TEST(BagRefreshProcessTest, RefreshFetchesFromTheNewBagURLAtOnceAndAFailedOneKee
   auto connect = [&] {
     auto client = VorlenClient::create(options);
     EXPECT_TRUE(client->configure(configuration).ok());
-    EXPECT_TRUE(test::waitUntil([&] {
+    EXPECT_TRUE(test::eventually([&] {
       auto bag = client->bag();
       return bag.ok() && bag.value->bag.has_value();
     }));
