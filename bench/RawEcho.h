@@ -31,9 +31,12 @@ inline bool readAll(int fd, uint8_t* p, size_t n) {
 }
 inline std::vector<uint8_t> frame(size_t payload) {
   std::vector<uint8_t> f(4 + payload, 0x5a);
-  f[0] = uint8_t(payload >> 24), f[1] = uint8_t(payload >> 16), f[2] = uint8_t(payload >> 8), f[3] = uint8_t(payload);
+  f[0] = uint8_t(payload >> 24), f[1] = uint8_t(payload >> 16), f[2] = uint8_t(payload >> 8),
+  f[3] = uint8_t(payload);
   return f;
 }
-inline size_t frameLength(const uint8_t* h) { return size_t(h[0]) << 24 | size_t(h[1]) << 16 | size_t(h[2]) << 8 | h[3]; }
+inline size_t frameLength(const uint8_t* h) {
+  return size_t(h[0]) << 24 | size_t(h[1]) << 16 | size_t(h[2]) << 8 | h[3];
+}
 
 }  // namespace vorlen

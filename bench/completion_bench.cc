@@ -31,9 +31,10 @@ namespace {
 
 using bench::DiscardingSink;
 
-const char* const kWords[] = {"weather", "news",  "new york", "restaurants", "near me", "how to", "recipe",
-                              "movie",   "times", "score",    "flight",      "stock",   "price",  "best",
-                              "translate", "map", "hotel",    "train",       "football", "music", "lyrics"};
+const char* const kWords[] = {"weather",  "news",  "new york",  "restaurants", "near me", "how to",
+                              "recipe",   "movie", "times",     "score",       "flight",  "stock",
+                              "price",    "best",  "translate", "map",         "hotel",   "train",
+                              "football", "music", "lyrics"};
 
 struct Database {
   std::filesystem::path root;
@@ -76,7 +77,8 @@ std::unique_ptr<Database> makeDatabase(size_t rows) {
   }
   sqlite3_exec(handle, "BEGIN;", nullptr, nullptr, nullptr);
   sqlite3_stmt* insert = nullptr;
-  sqlite3_prepare_v2(handle, "INSERT INTO completion_cache_engagement VALUES (?, ?, ?, ?, ?);", -1, &insert, nullptr);
+  sqlite3_prepare_v2(handle, "INSERT INTO completion_cache_engagement VALUES (?, ?, ?, ?, ?);", -1, &insert,
+                     nullptr);
   const int64_t now = static_cast<int64_t>(toUnixSeconds(Clock::system()->now()));
   for (size_t i = 0; i < rows; ++i) {
     const std::string& completion = db->completions[rng() % distinct];
@@ -90,7 +92,8 @@ std::unique_ptr<Database> makeDatabase(size_t rows) {
     sqlite3_reset(insert);
   }
   sqlite3_finalize(insert);
-  if (sqlite3_exec(handle, "COMMIT;", nullptr, nullptr, nullptr) != SQLITE_OK) db->error = "cannot write rows";
+  if (sqlite3_exec(handle, "COMMIT;", nullptr, nullptr, nullptr) != SQLITE_OK)
+    db->error = "cannot write rows";
   sqlite3_close(handle);
   return db;
 }
@@ -137,5 +140,10 @@ void BM_CompletionLookup(benchmark::State& state) {
 }  // namespace
 }  // namespace vorlen
 
-BENCHMARK(vorlen::BM_CompletionLookup)->Arg(100)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(vorlen::BM_CompletionLookup)
+    ->Arg(100)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
 BENCHMARK_MAIN();

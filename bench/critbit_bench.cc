@@ -15,9 +15,10 @@ namespace {
 
 const std::vector<std::string>& keys() {
   static const std::vector<std::string> k = [] {
-    static const char* words[] = {"weather", "news", "new york", "restaurants", "near me", "how to", "recipe",
-                                  "movie", "times", "score", "flight", "stock", "price", "best", "translate",
-                                  "map", "hotel", "train", "football", "music", "lyrics", "définition", "café"};
+    static const char* words[] = {"weather",  "news",  "new york",  "restaurants", "near me", "how to",
+                                  "recipe",   "movie", "times",     "score",       "flight",  "stock",
+                                  "price",    "best",  "translate", "map",         "hotel",   "train",
+                                  "football", "music", "lyrics",    "définition",  "café"};
     std::mt19937 rng(7);
     std::vector<std::string> out;
     out.reserve(100000);
@@ -106,8 +107,8 @@ void BM_MapPrefixWalk(benchmark::State& state) {
     std::string prefix = keys()[i++ % keys().size()].substr(0, len);
     CountingBlock block;
     bool stop = false;
-    for (auto it = m.lower_bound(prefix); !stop && it != m.end() && it->first.compare(0, prefix.size(), prefix) == 0;
-         ++it)
+    for (auto it = m.lower_bound(prefix);
+         !stop && it != m.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it)
       block(std::string_view(it->first), stop);
     benchmark::DoNotOptimize(block.bytes);
   }

@@ -4,8 +4,9 @@
 // The client side is a blocking VorlenClient::listSessions() against the daemon's own service built
 // in-process (VorlenService and ClientStateManager on a private folder, fake device properties), so the
 // figure includes the daemon's argument checks, the state look-up and the reply encoding. The client is
-// configured first, so the reply lists its one state, and the raw echo sends a reply of that size. The raw side writes a 4-byte-length frame of the call's encoded
-// size to one end of a socketpair; a thread reads it and writes back a frame of the reply's encoded size.
+// configured first, so the reply lists its one state, and the raw echo sends a reply of that size. The raw
+// side writes a 4-byte-length frame of the call's encoded size to one end of a socketpair; a thread reads it
+// and writes back a frame of the reply's encoded size.
 //
 // Run: ipc_roundtrip_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include <benchmark/benchmark.h>
@@ -96,10 +97,10 @@ void BM_ClientListSessions(benchmark::State& state) {
 }
 BENCHMARK(BM_ClientListSessions)->UseRealTime();
 
-
 void BM_RawSocketEcho(benchmark::State& state) {
   int fds[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return state.SkipWithError("socketpair");
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
+    return state.SkipWithError("socketpair");
   const std::vector<uint8_t> call = frame(callPayloadSize());
   const std::vector<uint8_t> reply = frame(replyPayloadSize());
   std::thread echo([fd = fds[1], &reply] {

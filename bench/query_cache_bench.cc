@@ -32,17 +32,37 @@ struct Fixture {
     assembly->notificationCenter = platform.notificationCenter;
     cache = QueryCache::create(*assembly);
 
-    static const char* words[] = {"weather", "news", "new york", "restaurants", "near me", "how to", "recipe",
-                                  "movie", "times", "score", "flight", "stock", "price", "best", "translate",
-                                  "map", "hotel", "train", "football", "music", "lyrics", "d\xc3\xa9""finition"};
+    static const char* words[] = {"weather",
+                                  "news",
+                                  "new york",
+                                  "restaurants",
+                                  "near me",
+                                  "how to",
+                                  "recipe",
+                                  "movie",
+                                  "times",
+                                  "score",
+                                  "flight",
+                                  "stock",
+                                  "price",
+                                  "best",
+                                  "translate",
+                                  "map",
+                                  "hotel",
+                                  "train",
+                                  "football",
+                                  "music",
+                                  "lyrics",
+                                  "d\xc3\xa9"
+                                  "finition"};
     std::mt19937 rng(11);
     HttpRequest request;
     request.url = "https://search.example/search?q=x&qtype=web";
     request.headers["X-Velmo-UI-Scale"] = "2";
     std::set<std::string> seen;
     while (queries.size() < 1000) {
-      std::string q = std::string(words[rng() % std::size(words)]) + " " + words[rng() % std::size(words)] + " " +
-                      std::to_string(rng() % 100);
+      std::string q = std::string(words[rng() % std::size(words)]) + " " + words[rng() % std::size(words)] +
+                      " " + std::to_string(rng() % 100);
       if (!seen.insert(q).second) continue;
       nlohmann::json response = {{"query", q}, {"completion_score", (rng() % 100) / 100.0}};
       // 1,000 charges of 512 + 1024 stay inside the 2 MiB budget.

@@ -95,7 +95,8 @@ class Stack {
     assembly->userDefaults = std::make_shared<Preferences>(platform_.paths.configDir, "com.velmo.vorlend");
     assembly->userDefaults->set("VORBagURL", Value(server.baseURL() + "/bag"));
     assembly->notificationCenter = platform_.notificationCenter;
-    assembly->httpSessions = std::make_shared<HttpSessions>(assembly->userDefaults, clock, platform_.paths.tempDir);
+    assembly->httpSessions =
+        std::make_shared<HttpSessions>(assembly->userDefaults, clock, platform_.paths.tempDir);
     assembly->engagedCompletionCache =
         EngagedCompletionCache::create(platform_.paths.cachesDir, clock, assembly->userDefaults);
     assembly->guidController = VorlenUserGUIDController::create(*assembly);
@@ -103,7 +104,8 @@ class Stack {
     bags_ = VorlenBagController::create(assembly);
     assembly->bagController = bags_;
     bags_->currentBag();
-    for (int i = 0; i < 1000 && !bags_->cachedBagState(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 1000 && !bags_->cachedBagState(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     if (!bags_->cachedBagState()) {
       error = "no bag";
       return;
@@ -204,7 +206,8 @@ size_t callPayloadSize(const VORSearchRequest& request) {
   return Archive::encodeBinary(call.toValue()).size();
 }
 size_t replyPayloadSize(const RequestReply& reply) {
-  IpcMessage m = IpcMessage::reply({Value(reply.queryId), reply.reply ? reply.reply->toRecord() : Value(), Value()});
+  IpcMessage m =
+      IpcMessage::reply({Value(reply.queryId), reply.reply ? reply.reply->toRecord() : Value(), Value()});
   m.setSerial(reply.queryId);
   return Archive::encodeBinary(m.toValue()).size();
 }
@@ -240,7 +243,8 @@ void BM_SearchCacheHit(benchmark::State& state) {
   uint64_t queryId = 0;
   size_t callBytes = 0, replyBytes = 0;
   std::string why;
-  if (!warmCache(stack, *client, &queryId, &callBytes, &replyBytes, &why)) return state.SkipWithError(why.c_str());
+  if (!warmCache(stack, *client, &queryId, &callBytes, &replyBytes, &why))
+    return state.SkipWithError(why.c_str());
   gHitCallBytes = callBytes;
   gHitReplyBytes = replyBytes;
 
@@ -302,7 +306,6 @@ BENCHMARK(BM_SearchCacheHit8Clients)->UseManualTime()->Unit(benchmark::kMillisec
 
 // ---- raw Unix-socket echo of the same frame sizes ----
 
-
 // One socketpair with an echo thread that answers each call frame with one reply frame.
 class EchoPair {
  public:
@@ -314,7 +317,8 @@ class EchoPair {
       uint8_t header[4];
       while (readAll(fds_[1], header, 4)) {
         buf.resize(frameLength(header));
-        if (!readAll(fds_[1], buf.data(), buf.size()) || !writeAll(fds_[1], reply_.data(), reply_.size())) break;
+        if (!readAll(fds_[1], buf.data(), buf.size()) || !writeAll(fds_[1], reply_.data(), reply_.size()))
+          break;
       }
     });
     in_.resize(reply_.size());
@@ -445,7 +449,9 @@ void BM_SearchNetwork(benchmark::State& state) {
 }
 BENCHMARK(BM_SearchNetwork)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(3.0);
 
-size_t discardBody(char*, size_t size, size_t count, void*) { return size * count; }
+size_t discardBody(char*, size_t size, size_t count, void*) {
+  return size * count;
+}
 
 void BM_DirectHttp(benchmark::State& state) {
   // The daemon's own request, captured at the service: the same URL and header fields, sent again directly.
@@ -460,7 +466,8 @@ void BM_DirectHttp(benchmark::State& state) {
   const std::string marker = "bench_seq=1";
   const size_t at = captured.rawQuery.find(marker);
   if (at == std::string::npos) return state.SkipWithError("the captured request lacks its query item");
-  const std::string head = stack.server.baseURL() + captured.path + "?" + captured.rawQuery.substr(0, at) + "bench_seq=";
+  const std::string head =
+      stack.server.baseURL() + captured.path + "?" + captured.rawQuery.substr(0, at) + "bench_seq=";
   const std::string tail = captured.rawQuery.substr(at + marker.size());
 
   CURL* easy = curl_easy_init();

@@ -43,8 +43,8 @@ using bench::DiscardingSink;
 constexpr int kBurst = 5000;
 
 VorlenFeedback event(int n) {
-  return VorlenFeedback(QXFeedbackFactory::skipSearch(1, "weather in new york " + std::to_string(n)), 1000 + n,
-                        Uuid::random(), "Voyant/18.0 (bench)", static_cast<uint64_t>(n));
+  return VorlenFeedback(QXFeedbackFactory::skipSearch(1, "weather in new york " + std::to_string(n)),
+                        1000 + n, Uuid::random(), "Voyant/18.0 (bench)", static_cast<uint64_t>(n));
 }
 
 struct Folder {
@@ -87,7 +87,8 @@ void BM_AppendEvents(benchmark::State& state) {
     auto file = std::dynamic_pointer_cast<FileContainer>(container);
     bytes += static_cast<int64_t>(std::filesystem::file_size(file->fileUrl()));
     folder.storage->closeSessionWithFileContainer(container);
-    for (auto& f : folder.storage->getAvailableSessionHandles()) folder.storage->deleteSessionWithFileContainer(f);
+    for (auto& f : folder.storage->getAvailableSessionHandles())
+      folder.storage->deleteSessionWithFileContainer(f);
     folder.storage->queue()->sync([] {});
     state.ResumeTiming();
   }

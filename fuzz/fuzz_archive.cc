@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::optional<vorlen::Value> value = vorlen::Archive::decode({data, size}, &error);
   if (!value) return 0;
   if (size >= 8 && std::memcmp(data, "bplist00", 8) == 0) {
-    std::optional<vorlen::Value> viaLibplist = vorlen::Archive::decodeBinaryWithLibplistForTesting({data, size});
+    std::optional<vorlen::Value> viaLibplist =
+        vorlen::Archive::decodeBinaryWithLibplistForTesting({data, size});
     if (viaLibplist && viaLibplist->describe() != value->describe()) std::abort();
   }
   std::optional<vorlen::Value> again =

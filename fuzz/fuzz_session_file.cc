@@ -44,7 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vorlen::ArchivedDataIterator it(image);
     if (auto v = it.readNextObject()) version.assign(v->begin(), v->end());
   }
-  std::shared_ptr<vorlen::ClientSession> session = vorlen::FileContainer::unarchive(image, version, assembly());
+  std::shared_ptr<vorlen::ClientSession> session =
+      vorlen::FileContainer::unarchive(image, version, assembly());
   if (!session) return 0;
   for (const vorlen::VorlenFeedback& f : session->getSessionFeedbacks()) {
     std::optional<vorlen::VorlenFeedback> again = vorlen::VorlenFeedback::fromArchive(f.toArchive());

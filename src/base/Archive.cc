@@ -280,7 +280,8 @@ std::optional<Value> Archive::decodeBinary(std::span<const uint8_t> bytes, size_
   return v;
 }
 
-std::optional<Value> Archive::decodeBinaryWithLibplistForTesting(std::span<const uint8_t> bytes, std::string* error) {
+std::optional<Value> Archive::decodeBinaryWithLibplistForTesting(std::span<const uint8_t> bytes,
+                                                                 std::string* error) {
   if (bytes.size() > std::numeric_limits<uint32_t>::max()) return reject("property list too large", error);
   std::string why;
   if (!PlistPrecheck::binary(bytes, kLimits, &why)) return reject(why, error);

@@ -89,7 +89,9 @@ class Reader {
     return v;
   }
 
-  bool within(uint64_t pos, uint64_t length) const { return pos <= tableOffset_ && length <= tableOffset_ - pos; }
+  bool within(uint64_t pos, uint64_t length) const {
+    return pos <= tableOffset_ && length <= tableOffset_ - pos;
+  }
 
   bool count(size_t payloadBytes) {
     if (++nodes_ > Archive::kMaxNodes) return fail(fmt::format("more than {} nodes", Archive::kMaxNodes));
@@ -159,7 +161,8 @@ class Reader {
     const uint8_t marker = bytes_[pos];
     switch (marker >> 4) {
       case 0x0:
-        if (marker != 0x08 && marker != 0x09) return fail(fmt::format("unsupported object type 0x{:02x}", marker));
+        if (marker != 0x08 && marker != 0x09)
+          return fail(fmt::format("unsupported object type 0x{:02x}", marker));
         out = Value(marker == 0x09);
         return count(0);
       case 0x1: {
@@ -219,7 +222,8 @@ class Reader {
   }
 
   bool container(uint64_t pos, uint8_t marker, int level, Value& out) {
-    if (level + 1 > Archive::kMaxDepth) return fail(fmt::format("nesting deeper than {}", Archive::kMaxDepth));
+    if (level + 1 > Archive::kMaxDepth)
+      return fail(fmt::format("nesting deeper than {}", Archive::kMaxDepth));
     if (!count(0)) return false;
     uint64_t n;
     if (!sizedCount(pos, marker, n)) return false;

@@ -24,9 +24,13 @@ using Duration = std::chrono::nanoseconds;
 inline Duration seconds(double s) {
   return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(s));
 }
-inline double toSeconds(Duration d) { return std::chrono::duration<double>(d).count(); }
+inline double toSeconds(Duration d) {
+  return std::chrono::duration<double>(d).count();
+}
 // Seconds since 1970-01-01 as a double, and back.
-inline double toUnixSeconds(Time t) { return std::chrono::duration<double>(t.time_since_epoch()).count(); }
+inline double toUnixSeconds(Time t) {
+  return std::chrono::duration<double>(t.time_since_epoch()).count();
+}
 inline Time fromUnixSeconds(double s) {
   return Time(std::chrono::duration_cast<Time::duration>(std::chrono::duration<double>(s)));
 }

@@ -21,7 +21,9 @@ Counters::Counters(std::filesystem::path file, std::shared_ptr<Clock> clock)
   lastWrite_ = clock_->now();
 }
 
-Counters::~Counters() { flush(); }
+Counters::~Counters() {
+  flush();
+}
 
 void Counters::setValue(int64_t value, std::string_view key) {
   std::lock_guard lock(mu_);

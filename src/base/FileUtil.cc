@@ -13,10 +13,13 @@
 namespace vorlen {
 
 namespace {
-std::string errnoText(int e) { return std::strerror(e); }
+std::string errnoText(int e) {
+  return std::strerror(e);
+}
 }  // namespace
 
-bool writeFileAtomically(const std::filesystem::path& path, std::span<const uint8_t> bytes, std::string* error) {
+bool writeFileAtomically(const std::filesystem::path& path, std::span<const uint8_t> bytes,
+                         std::string* error) {
   static thread_local std::mt19937_64 rng{std::random_device{}()};
   std::filesystem::path tmp = path;
   tmp += ".tmp." + std::to_string(rng() & 0xffffffff);
@@ -69,7 +72,8 @@ bool syncDirectory(const std::filesystem::path& dir, std::string* error) {
 }
 
 bool writeFileAtomically(const std::filesystem::path& path, std::string_view text, std::string* error) {
-  return writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), error);
+  return writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()),
+                             error);
 }
 
 std::optional<std::vector<uint8_t>> readWholeFile(const std::filesystem::path& path, size_t maxBytes,

@@ -18,7 +18,8 @@ namespace vorlen {
 // leaving any old file intact and no temporary behind, on failure; *error gets the reason.
 bool writeFileAtomically(const std::filesystem::path& path, std::span<const uint8_t> bytes,
                          std::string* error = nullptr);
-bool writeFileAtomically(const std::filesystem::path& path, std::string_view text, std::string* error = nullptr);
+bool writeFileAtomically(const std::filesystem::path& path, std::string_view text,
+                         std::string* error = nullptr);
 
 // fsyncs the folder `dir`, which makes the renames and creations done in it durable. False, with the
 // reason in *error, when the folder cannot be opened or synced.

@@ -12,7 +12,8 @@ namespace {
 
 std::string base64(const Value::Data& data) {
   std::string out(4 * ((data.size() + 2) / 3), '\0');
-  int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data.data(), static_cast<int>(data.size()));
+  int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data.data(),
+                          static_cast<int>(data.size()));
   out.resize(n > 0 ? static_cast<size_t>(n) : 0);
   return out;
 }
@@ -32,21 +33,26 @@ std::string iso8601(Time t) {
   return fmt::format("{}.{:06}Z", buf, frac);
 }
 
-std::optional<Value> convert(const nlohmann::json& j, const std::string& place, int depth, std::string* error) {
+std::optional<Value> convert(const nlohmann::json& j, const std::string& place, int depth,
+                             std::string* error) {
   if ((j.is_array() || j.is_object()) && depth >= JsonValue::kMaxDepth) {
     if (error) *error = (place.empty() ? std::string("value") : place) + ": nested too deeply";
     return std::nullopt;
   }
   switch (j.type()) {
-    case nlohmann::json::value_t::string: return Value(j.get<std::string>());
-    case nlohmann::json::value_t::boolean: return Value(j.get<bool>());
-    case nlohmann::json::value_t::number_integer: return Value(j.get<int64_t>());
+    case nlohmann::json::value_t::string:
+      return Value(j.get<std::string>());
+    case nlohmann::json::value_t::boolean:
+      return Value(j.get<bool>());
+    case nlohmann::json::value_t::number_integer:
+      return Value(j.get<int64_t>());
     case nlohmann::json::value_t::number_unsigned: {
       uint64_t u = j.get<uint64_t>();
       if (u <= static_cast<uint64_t>(INT64_MAX)) return Value(static_cast<int64_t>(u));
       return Value(u);
     }
-    case nlohmann::json::value_t::number_float: return Value(j.get<double>());
+    case nlohmann::json::value_t::number_float:
+      return Value(j.get<double>());
     case nlohmann::json::value_t::array: {
       Value::Array a;
       for (size_t i = 0; i < j.size(); ++i) {
@@ -78,14 +84,22 @@ std::optional<Value> convert(const nlohmann::json& j, const std::string& place, 
 
 nlohmann::ordered_json JsonValue::toJson(const Value& v) {
   switch (v.type()) {
-    case Value::Type::Null: return nullptr;
-    case Value::Type::String: return *v.getString();
-    case Value::Type::Int: return *v.getInt();
-    case Value::Type::UInt: return *v.getUInt();
-    case Value::Type::Real: return *v.getDouble();
-    case Value::Type::Bool: return *v.getBool();
-    case Value::Type::Date: return iso8601(*v.getDate());
-    case Value::Type::Data: return base64(*v.getData());
+    case Value::Type::Null:
+      return nullptr;
+    case Value::Type::String:
+      return *v.getString();
+    case Value::Type::Int:
+      return *v.getInt();
+    case Value::Type::UInt:
+      return *v.getUInt();
+    case Value::Type::Real:
+      return *v.getDouble();
+    case Value::Type::Bool:
+      return *v.getBool();
+    case Value::Type::Date:
+      return iso8601(*v.getDate());
+    case Value::Type::Data:
+      return base64(*v.getData());
     case Value::Type::Array: {
       nlohmann::ordered_json a = nlohmann::ordered_json::array();
       for (const Value& item : *v.getArray()) a.push_back(toJson(item));

@@ -24,11 +24,26 @@ std::atomic<bool> VORTraceEnabled{false};
 namespace {
 
 const char* const kCategoryNames[VorlenLoggingCategoryCount] = {
-    "Vorlen",           "Vorlen_Feedback",        "Vorlen_Session",        "Vorlen_Request",
-    "Vorlen_Flusher",   "Vorlen_Search",          "Vorlen_ZeroKeyword",    "Vorlen_MoreResults",
-    "Vorlen_Card",      "Vorlen_LookUp",          "Vorlen_Flight",         "Vorlen_Images",
-    "Vorlen_Connection", "Vorlen_DownloadManager", "Vorlen_Bag",           "Vorlen_Subscription",
-    "Vorlen_Caching",   "Vorlen_Feedback_Errors", "Vorlen_Feedback_Storage", "Vorlen_Protocol",
+    "Vorlen",
+    "Vorlen_Feedback",
+    "Vorlen_Session",
+    "Vorlen_Request",
+    "Vorlen_Flusher",
+    "Vorlen_Search",
+    "Vorlen_ZeroKeyword",
+    "Vorlen_MoreResults",
+    "Vorlen_Card",
+    "Vorlen_LookUp",
+    "Vorlen_Flight",
+    "Vorlen_Images",
+    "Vorlen_Connection",
+    "Vorlen_DownloadManager",
+    "Vorlen_Bag",
+    "Vorlen_Subscription",
+    "Vorlen_Caching",
+    "Vorlen_Feedback_Errors",
+    "Vorlen_Feedback_Storage",
+    "Vorlen_Protocol",
     "Vorlen_UploadManager",
 };
 
@@ -153,11 +168,16 @@ LogState& state() {
 
 const char* logLevelName(LogLevel level) {
   switch (level) {
-    case LogLevel::Debug: return "debug";
-    case LogLevel::Info: return "info";
-    case LogLevel::Default: return "default";
-    case LogLevel::Error: return "error";
-    case LogLevel::Fault: return "fault";
+    case LogLevel::Debug:
+      return "debug";
+    case LogLevel::Info:
+      return "info";
+    case LogLevel::Default:
+      return "default";
+    case LogLevel::Error:
+      return "error";
+    case LogLevel::Fault:
+      return "fault";
   }
   return "?";
 }
@@ -204,10 +224,18 @@ std::shared_ptr<LogSink> Log::setSink(std::shared_ptr<LogSink> sink) {
   return previous;
 }
 
-void Log::setThreshold(LogLevel level) { state().threshold.store(static_cast<int>(level)); }
-LogLevel Log::threshold() { return static_cast<LogLevel>(state().threshold.load()); }
-void Log::setPrivateDataEnabled(bool enabled) { state().privateData.store(enabled, std::memory_order_relaxed); }
-bool Log::privateDataEnabled() { return state().privateData.load(std::memory_order_relaxed); }
+void Log::setThreshold(LogLevel level) {
+  state().threshold.store(static_cast<int>(level));
+}
+LogLevel Log::threshold() {
+  return static_cast<LogLevel>(state().threshold.load());
+}
+void Log::setPrivateDataEnabled(bool enabled) {
+  state().privateData.store(enabled, std::memory_order_relaxed);
+}
+bool Log::privateDataEnabled() {
+  return state().privateData.load(std::memory_order_relaxed);
+}
 
 void CapturingSink::write(const LogRecord& record) {
   std::lock_guard lock(mu_);
@@ -219,7 +247,9 @@ std::vector<LogRecord> CapturingSink::records() const {
   return records_;
 }
 
-bool CapturingSink::contains(std::string_view message) const { return count(message) > 0; }
+bool CapturingSink::contains(std::string_view message) const {
+  return count(message) > 0;
+}
 
 bool CapturingSink::contains(LogLevel level, std::string_view category, std::string_view message) const {
   std::lock_guard lock(mu_);
@@ -241,7 +271,9 @@ void CapturingSink::clear() {
 }
 
 ScopedLogCapture::ScopedLogCapture()
-    : sink_(std::make_shared<CapturingSink>()), previous_(Log::setSink(sink_)), previousThreshold_(Log::threshold()) {
+    : sink_(std::make_shared<CapturingSink>()),
+      previous_(Log::setSink(sink_)),
+      previousThreshold_(Log::threshold()) {
   Log::setThreshold(LogLevel::Debug);
 }
 

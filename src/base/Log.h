@@ -100,11 +100,26 @@ class Logger {
     if (!enabled(level)) return;
     write(level, fmt::format(f, std::forward<A>(args)...));
   }
-  template <class... A> void debug(fmt::format_string<A...> f, A&&... a) const { log(LogLevel::Debug, f, std::forward<A>(a)...); }
-  template <class... A> void info(fmt::format_string<A...> f, A&&... a) const { log(LogLevel::Info, f, std::forward<A>(a)...); }
-  template <class... A> void notice(fmt::format_string<A...> f, A&&... a) const { log(LogLevel::Default, f, std::forward<A>(a)...); }
-  template <class... A> void error(fmt::format_string<A...> f, A&&... a) const { log(LogLevel::Error, f, std::forward<A>(a)...); }
-  template <class... A> void fault(fmt::format_string<A...> f, A&&... a) const { log(LogLevel::Fault, f, std::forward<A>(a)...); }
+  template <class... A>
+  void debug(fmt::format_string<A...> f, A&&... a) const {
+    log(LogLevel::Debug, f, std::forward<A>(a)...);
+  }
+  template <class... A>
+  void info(fmt::format_string<A...> f, A&&... a) const {
+    log(LogLevel::Info, f, std::forward<A>(a)...);
+  }
+  template <class... A>
+  void notice(fmt::format_string<A...> f, A&&... a) const {
+    log(LogLevel::Default, f, std::forward<A>(a)...);
+  }
+  template <class... A>
+  void error(fmt::format_string<A...> f, A&&... a) const {
+    log(LogLevel::Error, f, std::forward<A>(a)...);
+  }
+  template <class... A>
+  void fault(fmt::format_string<A...> f, A&&... a) const {
+    log(LogLevel::Fault, f, std::forward<A>(a)...);
+  }
 
   static bool enabled(LogLevel level);
 

@@ -4,7 +4,9 @@
 
 namespace vorlen {
 
-NotificationCenter::Token::~Token() { remove(); }
+NotificationCenter::Token::~Token() {
+  remove();
+}
 
 void NotificationCenter::Token::remove() {
   if (auto c = center_.lock()) c->remove(id_);
@@ -17,7 +19,8 @@ std::shared_ptr<NotificationCenter> NotificationCenter::create() {
   return c;
 }
 
-std::unique_ptr<NotificationCenter::Token> NotificationCenter::addObserver(std::string name, const void* sender,
+std::unique_ptr<NotificationCenter::Token> NotificationCenter::addObserver(std::string name,
+                                                                           const void* sender,
                                                                            Handler handler) {
   auto token = std::make_unique<Token>();
   std::lock_guard lock(mu_);
@@ -45,7 +48,8 @@ void NotificationCenter::post(const Notification& n) {
     bool live;
     {
       std::lock_guard lock(mu_);
-      live = std::any_of(observers_.begin(), observers_.end(), [id = id](const Observer& o) { return o.id == id; });
+      live = std::any_of(observers_.begin(), observers_.end(),
+                         [id = id](const Observer& o) { return o.id == id; });
     }
     if (live) (*handler)(n);
   }
@@ -57,7 +61,8 @@ void NotificationCenter::post(std::string name, const void* sender, Value userIn
 
 size_t NotificationCenter::observerCountForTesting(const std::string& name) const {
   std::lock_guard lock(mu_);
-  return std::count_if(observers_.begin(), observers_.end(), [&](const Observer& o) { return o.name == name; });
+  return std::count_if(observers_.begin(), observers_.end(),
+                       [&](const Observer& o) { return o.name == name; });
 }
 
 }  // namespace vorlen

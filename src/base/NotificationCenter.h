@@ -50,7 +50,8 @@ class NotificationCenter {
 
   // An observer that holds `owner` weakly: after the owner is gone the handler is never called.
   template <class Owner>
-  std::unique_ptr<Token> addObserver(std::string name, const void* sender, const std::shared_ptr<Owner>& owner,
+  std::unique_ptr<Token> addObserver(std::string name, const void* sender,
+                                     const std::shared_ptr<Owner>& owner,
                                      std::function<void(Owner&, const Notification&)> handler) {
     std::weak_ptr<Owner> w = owner;
     return addObserver(std::move(name), sender, [w, h = std::move(handler)](const Notification& n) {

@@ -53,8 +53,8 @@ Paths Paths::underRoot(const std::filesystem::path& root) {
 
 bool Paths::create(std::string* error) const {
   return ensureDirectory(runtimeDir, 0700, error) && ensureDirectory(configDir, 0700, error) &&
-         ensureDirectory(cachesDir, 0700, error) && (tempDir.empty() || std::filesystem::exists(tempDir) ||
-                                                      ensureDirectory(tempDir, 0700, error));
+         ensureDirectory(cachesDir, 0700, error) &&
+         (tempDir.empty() || std::filesystem::exists(tempDir) || ensureDirectory(tempDir, 0700, error));
 }
 
 }  // namespace vorlen

@@ -18,6 +18,8 @@ Transaction::~Transaction() {
   VorlenDefaultLog().debug("transaction {} closed", name_);
 }
 
-int64_t Transaction::openCount() { return gOpen.load(); }
+int64_t Transaction::openCount() {
+  return gOpen.load();
+}
 
 }  // namespace vorlen

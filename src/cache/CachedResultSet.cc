@@ -39,7 +39,8 @@ std::optional<std::string> firstItem(const std::vector<QueryItem>& items, std::s
 }  // namespace
 
 CachedResultSet::CachedResultSet(std::string_view input, const HttpRequest* request,
-                                 const nlohmann::json& resultSet, Uuid uuid, std::vector<uint8_t> data, Time now)
+                                 const nlohmann::json& resultSet, Uuid uuid, std::vector<uint8_t> data,
+                                 Time now)
     : input_(lowercased(input)), uuid_(uuid), data_(std::move(data)) {
   if (resultSet.is_object()) {
     auto q = resultSet.find("query");
@@ -73,7 +74,8 @@ std::string CachedResultSet::lowercased(std::string_view text) {
     for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return out;
   }
-  icu::UnicodeString u = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+  icu::UnicodeString u =
+      icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
   u.toLower(icu::Locale::getRoot());
   std::string out;
   u.toUTF8String(out);

@@ -43,8 +43,8 @@ class CachedResultSet {
  public:
   // initWithInput:request:resultSet:uuid:data: — `now` is the current time of the Assembly's clock.
   // `request` may be null. A `resultSet` that is not an object is read as an empty one.
-  CachedResultSet(std::string_view input, const HttpRequest* request, const nlohmann::json& resultSet, Uuid uuid,
-                  std::vector<uint8_t> data, Time now);
+  CachedResultSet(std::string_view input, const HttpRequest* request, const nlohmann::json& resultSet,
+                  Uuid uuid, std::vector<uint8_t> data, Time now);
 
   const std::string& input() const { return input_; }
   const std::optional<std::string>& query() const { return query_; }

@@ -29,7 +29,8 @@ class CritbitTree {
   // Inserts or replaces. Setting the object a key already holds changes nothing.
   void setObject(std::shared_ptr<T> object, const std::string& key) {
     void* existing = nullptr;
-    if (critbit_contains(&tree_, key.c_str(), &existing) && static_cast<Box*>(existing)->get() == object.get())
+    if (critbit_contains(&tree_, key.c_str(), &existing) &&
+        static_cast<Box*>(existing)->get() == object.get())
       return;
     auto* box = new Box(std::move(object));
     int r = critbit_insert(&tree_, key.c_str(), box, 1);
@@ -51,21 +52,23 @@ class CritbitTree {
   template <class Block>
   void keysMatchingPrefix(const std::string& prefix, Block&& block) const {
     // A prefix is cut at its first NUL, as keys are.
-    critbit_walkprefixed(&tree_, prefix.c_str(), std::strlen(prefix.c_str()), [&block](const char* key, size_t len) {
-      bool stop = false;
-      block(std::string_view(key, len), stop);
-      return stop ? 0 : 1;
-    });
+    critbit_walkprefixed(&tree_, prefix.c_str(), std::strlen(prefix.c_str()),
+                         [&block](const char* key, size_t len) {
+                           bool stop = false;
+                           block(std::string_view(key, len), stop);
+                           return stop ? 0 : 1;
+                         });
   }
 
   // As keysMatchingPrefix(), with each key's object: block(key, object, stop).
   template <class Block>
   void objectsMatchingPrefix(const std::string& prefix, Block&& block) const {
-    critbit_walkprefixed(&tree_, prefix.c_str(), std::strlen(prefix.c_str()), [&block](const char* key, size_t len) {
-      bool stop = false;
-      block(std::string_view(key, len), *static_cast<const Box*>(critbit_value_of_walked_key(key)), stop);
-      return stop ? 0 : 1;
-    });
+    critbit_walkprefixed(
+        &tree_, prefix.c_str(), std::strlen(prefix.c_str()), [&block](const char* key, size_t len) {
+          bool stop = false;
+          block(std::string_view(key, len), *static_cast<const Box*>(critbit_value_of_walked_key(key)), stop);
+          return stop ? 0 : 1;
+        });
   }
 
  private:

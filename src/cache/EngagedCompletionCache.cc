@@ -20,7 +20,9 @@ namespace vorlen {
 
 namespace {
 
-const Logger& log() { return VorlenDefaultLog(); }
+const Logger& log() {
+  return VorlenDefaultLog();
+}
 
 // The far past (0001-01-01) used as the lower end of the 30-day age-out. Kept in seconds: it lies outside
 // the range of a nanosecond Time.
@@ -33,9 +35,11 @@ constexpr int kProgressSteps = 256;
 
 constexpr const char* kSelectTemplate =
     "SELECT completion, origin, SUM(CASE WHEN engagement_date > ? THEN {:.6f} WHEN engagement_date > ? then "
-    "{:.6f} WHEN  engagement_date > ? THEN {:.6f} WHEN engagement_date > ? THEN {:.6f} WHEN engagement_date > ? "
+    "{:.6f} WHEN  engagement_date > ? THEN {:.6f} WHEN engagement_date > ? THEN {:.6f} WHEN engagement_date "
+    "> ? "
     "THEN {:.6f} ELSE 0 END) + ({:.6f} * MAX(engagement_date) / ?) AS score FROM completion_cache_engagement "
-    "WHERE client == ? AND (completion LIKE {} OR input LIKE {}) GROUP BY completion ORDER BY score DESC LIMIT 2";
+    "WHERE client == ? AND (completion LIKE {} OR input LIKE {}) GROUP BY completion ORDER BY score DESC "
+    "LIMIT 2";
 
 std::string originText(int64_t origin) {
   // Origins 1 and 3 are stored alike on purpose: both are the service's own suggestions.
@@ -58,9 +62,9 @@ struct Statement {
 
 }  // namespace
 
-std::shared_ptr<EngagedCompletionCache> EngagedCompletionCache::create(const std::filesystem::path& storagePath,
-                                                                       std::shared_ptr<Clock> clock,
-                                                                       std::shared_ptr<const Preferences> defaults) {
+std::shared_ptr<EngagedCompletionCache> EngagedCompletionCache::create(
+    const std::filesystem::path& storagePath, std::shared_ptr<Clock> clock,
+    std::shared_ptr<const Preferences> defaults) {
   return std::shared_ptr<EngagedCompletionCache>(
       new EngagedCompletionCache(storagePath, std::move(clock), std::move(defaults)));
 }
@@ -235,10 +239,12 @@ void EngagedCompletionCache::setDBSchema() {
   static const std::pair<const char*, const char*> statements[] = {
       {"PRAGMA auto_vacuum = 2;", "Error _setDBSchema pragma auto_vacum"},
       {"DROP table IF EXISTS completion_cache_schema_version;", "Error _setDBSchema drop schema table"},
-      {"CREATE table completion_cache_schema_version(schema_version INT);", "Error _setDBSchema create schema table"},
+      {"CREATE table completion_cache_schema_version(schema_version INT);",
+       "Error _setDBSchema create schema table"},
       {"DROP table IF EXISTS completion_cache_engagement;",
        "Error _setDBSchema drop completion_cache_engagement table"},
-      {"CREATE TABLE IF NOT EXISTS completion_cache_engagement(completion TEXT, input TEXT, engagement_date INT, "
+      {"CREATE TABLE IF NOT EXISTS completion_cache_engagement(completion TEXT, input TEXT, engagement_date "
+       "INT, "
        "origin TEXT, client INT);",
        "Error _setDBSchema create completion_cache_engagement table"},
       {"CREATE INDEX completion_index ON completion_cache_engagement(completion);",
@@ -248,7 +254,8 @@ void EngagedCompletionCache::setDBSchema() {
   };
   for (auto& [sql, failure] : statements)
     if (execSQLStatement(sql) != 0) log().notice("{}", failure);
-  char* insert = sqlite3_mprintf("INSERT INTO completion_cache_schema_version VALUES (%d)", int(kSchemaVersion));
+  char* insert =
+      sqlite3_mprintf("INSERT INTO completion_cache_schema_version VALUES (%d)", int(kSchemaVersion));
   if (!insert) {
     log().notice("Error _setDBSchema alloc schema version string");
     return;
@@ -265,13 +272,13 @@ int EngagedCompletionCache::execSQLStatement(const std::string& sql) {
   int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message);
   if (rc != SQLITE_OK)
     log().notice("_execSQLStatement failed - SQL:{} error-code: {} error-message: {}", sql, rc,
-                message ? message : "");
+                 message ? message : "");
   sqlite3_free(message);
   return rc;
 }
 
-void EngagedCompletionCache::updateParameters(double h, double d, double w, double m, double all, double recent,
-                                              double threshold) {
+void EngagedCompletionCache::updateParameters(double h, double d, double w, double m, double all,
+                                              double recent, double threshold) {
   updateQueue_->sync([&] {
     {
       std::lock_guard lock(paramsMu_);
@@ -279,7 +286,8 @@ void EngagedCompletionCache::updateParameters(double h, double d, double w, doub
       selectText_.reset();  // made again from the new weights by the next lookup
     }
     log().notice(
-        "EngagedCompletionCache updateParameters: (1h {:.6f}) (1d {:.6f}) (7d {:.6f}) (1m {:.6f}) (all {:.6f}) "
+        "EngagedCompletionCache updateParameters: (1h {:.6f}) (1d {:.6f}) (7d {:.6f}) (1m {:.6f}) (all "
+        "{:.6f}) "
         "(recent {:.6f}) (t {:.6f})",
         h, d, w, m, all, recent, threshold);
   });
@@ -290,7 +298,8 @@ int64_t EngagedCompletionCache::countRows(bool* ok) {
   sqlite3* db = db_.load();
   if (!db) return 0;
   Statement st;
-  if (sqlite3_prepare_v2(db, "SELECT Count(*) FROM completion_cache_engagement;", -1, &st.s, nullptr) != SQLITE_OK ||
+  if (sqlite3_prepare_v2(db, "SELECT Count(*) FROM completion_cache_engagement;", -1, &st.s, nullptr) !=
+          SQLITE_OK ||
       sqlite3_step(st.s) != SQLITE_ROW) {
     log().notice("Failed to get number of entries in engaged completion cache");
     return 0;
@@ -316,8 +325,9 @@ bool EngagedCompletionCache::addCompletion(const std::string& completion, const 
   clearCompletionsFromSeconds(kDistantPastSeconds, now - kAgeOutSeconds);
 
   if (static_cast<uint64_t>(numberOfRows()) >= maxRowCount_.load()) {
-    if (execSQLStatement("DELETE FROM completion_cache_engagement WHERE engagement_date IN (SELECT engagement_date "
-                         "FROM completion_cache_engagement ORDER BY engagement_date ASC LIMIT 1);") != 0)
+    if (execSQLStatement(
+            "DELETE FROM completion_cache_engagement WHERE engagement_date IN (SELECT engagement_date "
+            "FROM completion_cache_engagement ORDER BY engagement_date ASC LIMIT 1);") != 0)
       log().notice("Error _setDBSchema table completion_cache_engagement create index completion");
   }
 
@@ -327,7 +337,8 @@ bool EngagedCompletionCache::addCompletion(const std::string& completion, const 
   {
     // Five bound values, never text pasted into the statement.
     char* sql = sqlite3_mprintf(
-        "INSERT INTO completion_cache_engagement (completion, input, engagement_date, origin, client) VALUES (%q, "
+        "INSERT INTO completion_cache_engagement (completion, input, engagement_date, origin, client) VALUES "
+        "(%q, "
         "%q, %q, %q, %q)",
         "?", "?", "?", "?", "?");
     Statement st;
@@ -522,8 +533,10 @@ bool EngagedCompletionCache::keepSelectStatement(sqlite3* db, const std::string&
       statementsDb_ = db;
       statementsText_ = text;
     }
-    if (idleStatements_.size() < kSearchWorkers) idleStatements_.push_back(st);
-    else stale.push_back(st);
+    if (idleStatements_.size() < kSearchWorkers)
+      idleStatements_.push_back(st);
+    else
+      stale.push_back(st);
   }
   for (sqlite3_stmt* old : stale) sqlite3_finalize(old);
   return true;
@@ -555,9 +568,11 @@ void EngagedCompletionCache::clearCompletionsFromSeconds(int64_t from, int64_t t
   sqlite3* db = db_.load();
   if (!db) return;
   std::string sql = fmt::format(
-      "DELETE FROM completion_cache_engagement WHERE engagement_date >= {} AND engagement_date <= {};", from, to);
+      "DELETE FROM completion_cache_engagement WHERE engagement_date >= {} AND engagement_date <= {};", from,
+      to);
   Statement st;
-  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st.s, nullptr) != SQLITE_OK || sqlite3_step(st.s) != SQLITE_DONE) {
+  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st.s, nullptr) != SQLITE_OK ||
+      sqlite3_step(st.s) != SQLITE_DONE) {
     log().notice("Failed to clear all completions");
     return;
   }

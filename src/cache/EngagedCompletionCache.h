@@ -105,8 +105,8 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
 
  private:
   struct Parameters {
-    double last1hour = 10.0, last1day = 1.0, last1week = 0.1, last1month = 0.01, all = 0.001, mostRecent = 1.0,
-           minThresholdToSend = 0.0;
+    double last1hour = 10.0, last1day = 1.0, last1week = 0.1, last1month = 0.01, all = 0.001,
+           mostRecent = 1.0, minThresholdToSend = 0.0;
   };
 
   EngagedCompletionCache(const std::filesystem::path& storagePath, std::shared_ptr<Clock> clock,
@@ -138,7 +138,8 @@ class EngagedCompletionCache : public std::enable_shared_from_this<EngagedComple
   // Lookup statements are prepared once per text (that is, per set of weights) and reused: compiling the
   // scoring query costs more than running it on a month of history.
   sqlite3_stmt* takeSelectStatement(sqlite3* db, const std::string& text);
-  bool keepSelectStatement(sqlite3* db, const std::string& text, sqlite3_stmt* st);  // false: caller finalises
+  bool keepSelectStatement(sqlite3* db, const std::string& text,
+                           sqlite3_stmt* st);  // false: caller finalises
   void finalizeIdleStatements();
   int64_t nowSeconds() const;
 

@@ -14,10 +14,14 @@ namespace vorlen {
 
 namespace {
 
-const Logger& log() { return VorlenLogForCategory(VorlenLogCategoryCaching); }
+const Logger& log() {
+  return VorlenLogForCategory(VorlenLogCategoryCaching);
+}
 
 // How an absent value reads in the lookup log line.
-std::string_view orNull(const std::optional<std::string>& value) { return value ? std::string_view(*value) : "(null)"; }
+std::string_view orNull(const std::optional<std::string>& value) {
+  return value ? std::string_view(*value) : "(null)";
+}
 
 }  // namespace
 
@@ -43,9 +47,9 @@ std::shared_ptr<QueryCache> QueryCache::create(const Assembly& assembly) {
 }
 
 QueryCache::QueryCache(std::shared_ptr<NotificationCenter> center, std::shared_ptr<Clock> clock)
-    : _notificationCenter(std::move(center)),
-      _clock(clock ? std::move(clock) : Clock::system()),
-      queue_(Queue::serial("com.velmo.vorlen.queryCache", QueuePriority::Default, _clock)) {}
+    : notificationCenter_(std::move(center)),
+      clock_(clock ? std::move(clock) : Clock::system()),
+      queue_(Queue::serial("com.velmo.vorlen.queryCache", QueuePriority::Default, clock_)) {}
 
 QueryCache::~QueryCache() {
   observers_.clear();
@@ -53,9 +57,9 @@ QueryCache::~QueryCache() {
 }
 
 void QueryCache::_observeClearingNotifications() {
-  if (!_notificationCenter) return;
+  if (!notificationCenter_) return;
   for (const std::string& name : clearingNotificationNames()) {
-    observers_.push_back(_notificationCenter->addObserver<QueryCache>(
+    observers_.push_back(notificationCenter_->addObserver<QueryCache>(
         name, nullptr, shared_from_this(), [](QueryCache& cache, const Notification&) {
           std::weak_ptr<QueryCache> weak = cache.weak_from_this();
           cache.queue_->async([weak] {
@@ -86,11 +90,11 @@ void QueryCache::_insert(const std::shared_ptr<const CachedResultSet>& entry) {
     return;
   }
   log().info("caching '{}' with cost {}", Private(*entry->query()), charge);
-  if (_currentCost + charge >= kMaxCost) {
+  if (currentCost_ + charge >= kMaxCost) {
     log().info("!!! exceeded max cost, flushing cache !!!");
     _clearCache();
   }
-  _currentCost += charge;
+  currentCost_ += charge;
   tree.setObject(entry, *entry->query());
   count_.store(tree.count());
   if (tree.count() == 1) _becameNonEmpty();
@@ -108,25 +112,25 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const VORRequest& 
 
   std::shared_ptr<const CachedResultSet> chosen;
   queue_->sync([&] {
-    const Time now = _clock->now();
+    const Time now = clock_->now();
     std::vector<std::string> expired;
     std::vector<std::shared_ptr<const CachedResultSet>> candidates;
-    tree.objectsMatchingPrefix(input, [&](std::string_view key, const std::shared_ptr<const CachedResultSet>& entry,
-                                          bool&) {
-      if (!entry) return;
-      // The tree cannot change during the walk, so expired keys are collected and dropped after it.
-      if (entry->expireTime() && *entry->expireTime() <= now) {
-        expired.emplace_back(key);
-        return;
-      }
-      if (scale > 0 && scale != entry->uiScale()) return;
-      // An entry made for longer typed text says nothing about what the server answers for shorter text.
-      if (inputLength < entry->inputLength()) return;
-      if (items.qtype != entry->qtype() || items.suggestQueries != entry->suggest_queries() ||
-          items.localCompletion != entry->localCompletion())
-        return;
-      candidates.push_back(entry);
-    });
+    tree.objectsMatchingPrefix(
+        input, [&](std::string_view key, const std::shared_ptr<const CachedResultSet>& entry, bool&) {
+          if (!entry) return;
+          // The tree cannot change during the walk, so expired keys are collected and dropped after it.
+          if (entry->expireTime() && *entry->expireTime() <= now) {
+            expired.emplace_back(key);
+            return;
+          }
+          if (scale > 0 && scale != entry->uiScale()) return;
+          // An entry made for longer typed text says nothing about what the server answers for shorter text.
+          if (inputLength < entry->inputLength()) return;
+          if (items.qtype != entry->qtype() || items.suggestQueries != entry->suggest_queries() ||
+              items.localCompletion != entry->localCompletion())
+            return;
+          candidates.push_back(entry);
+        });
     // The cost of expired entries is not given back, and emptying the tree this way is not a clear.
     for (const std::string& k : expired) tree.removeObjectForKey(k);
     count_.store(tree.count());
@@ -139,7 +143,8 @@ std::shared_ptr<const CachedResultSet> QueryCache::getRequest(const VORRequest& 
       log().debug("entry {} prefix: {} input: {} score: {:.6f}", fmt::ptr(c.get()), Private(*c->query()),
                   Private(c->input()), static_cast<double>(c->completionScore()));
       // The first in key order stands unless a later one has a positive and strictly higher score.
-      if (!chosen || (c->completionScore() > 0 && c->completionScore() > chosen->completionScore())) chosen = c;
+      if (!chosen || (c->completionScore() > 0 && c->completionScore() > chosen->completionScore()))
+        chosen = c;
     }
   });
   return chosen;
@@ -160,7 +165,7 @@ void QueryCache::_clearCache() {
   queue_->assertCurrent();
   if (tree.count() == 0) return;
   tree.removeAllObjects();
-  _currentCost = 0;
+  currentCost_ = 0;
   count_.store(0);
   _becameEmpty();
 }
@@ -192,7 +197,7 @@ void QueryCache::_becameEmpty() {
 
 uint64_t QueryCache::currentCostForTesting() const {
   uint64_t cost = 0;
-  queue_->sync([&] { cost = _currentCost; });
+  queue_->sync([&] { cost = currentCost_; });
   return cost;
 }
 

@@ -46,7 +46,7 @@ struct HttpRequest;
 
 class QueryCache : public std::enable_shared_from_this<QueryCache> {
  public:
-  static constexpr uint64_t kMaxCost = 0x200000;     // 2 MiB charge budget
+  static constexpr uint64_t kMaxCost = 0x200000;    // 2 MiB charge budget
   static constexpr uint64_t kEntryOverhead = 1024;  // charged per entry on top of its body
 
   // The notifications that empty the cache, from any sender.
@@ -66,7 +66,8 @@ class QueryCache : public std::enable_shared_from_this<QueryCache> {
   // The best cached entry for `request` (its query string, scale and own query items) as it would be sent
   // as `httpRequest` (may be null), or null. A request that carries query items of its own is never
   // answered from the cache.
-  std::shared_ptr<const CachedResultSet> getRequest(const VORRequest& request, const HttpRequest* httpRequest);
+  std::shared_ptr<const CachedResultSet> getRequest(const VORRequest& request,
+                                                    const HttpRequest* httpRequest);
   // getRequest() for a plain search of `query` (trigger event 0) without an HTTP request.
   std::shared_ptr<const CachedResultSet> get(const std::string& query);
 
@@ -89,14 +90,14 @@ class QueryCache : public std::enable_shared_from_this<QueryCache> {
   void _becameNonEmpty();
   void _becameEmpty();
 
-  std::shared_ptr<NotificationCenter> _notificationCenter;
-  std::shared_ptr<Clock> _clock;
+  std::shared_ptr<NotificationCenter> notificationCenter_;
+  std::shared_ptr<Clock> clock_;
   std::shared_ptr<Queue> queue_;
   std::vector<std::unique_ptr<NotificationCenter::Token>> observers_;
 
   // Queue-bound state.
   CritbitTree<const CachedResultSet> tree;
-  uint64_t _currentCost = 0;
+  uint64_t currentCost_ = 0;
   std::shared_ptr<MemoryPressureSource> source;
 
   std::atomic<uint64_t> count_{0};  // tree.count(), mirrored for count()

@@ -18,8 +18,12 @@ inline critbit_node tagInternal(critbit_internal_node* p) {
   n.flag = reinterpret_cast<uintptr_t>(p) + 1;
   return n;
 }
-inline void*& valueOf(void* external) { return *static_cast<void**>(external); }
-inline const uint8_t* keyOf(const void* external) { return static_cast<const uint8_t*>(external) + sizeof(void*); }
+inline void*& valueOf(void* external) {
+  return *static_cast<void**>(external);
+}
+inline const uint8_t* keyOf(const void* external) {
+  return static_cast<const uint8_t*>(external) + sizeof(void*);
+}
 
 void* closestExternal(critbit_node p, const uint8_t* key, size_t len) {
   while (isInternal(p)) p = internalOf(p)->child[direction(internalOf(p), key, len)];

@@ -48,13 +48,14 @@ void critbit_clear(critbit_tree* tree);
 // Calls callback(key, context) for each key beginning with `prefix`, ascending. The callback returns 1 to
 // go on, 0 to stop. Result: 1 when the walk finished (also with no match), 0 when stopped, -1 for any
 // other callback result. The key passed points into the tree and is valid only during the call.
-int critbit_allprefixed(const critbit_tree* tree, const char* prefix, int (*callback)(const char* key, void* context),
-                        void* context);
+int critbit_allprefixed(const critbit_tree* tree, const char* prefix,
+                        int (*callback)(const char* key, void* context), void* context);
 
 // The walk behind critbit_allprefixed, for callers that can take the visitor inline: calls
 // visit(key, keyLength) for each key beginning with the first `len` bytes of `prefix`, ascending, with the
 // key's length already known. visit returns 1 to go on; any other value ends the walk and is the result.
-// Result 1 when the walk finished (also with no match). `prefix` must not hold a NUL in its first `len` bytes.
+// Result 1 when the walk finished (also with no match). `prefix` must not hold a NUL in its first `len`
+// bytes.
 template <class Visit>
 int critbit_walkprefixed(const critbit_tree* tree, const char* prefix, size_t len, Visit&& visit);
 
@@ -70,13 +71,19 @@ inline void* critbit_value_of_walked_key(const char* key) {
 
 namespace critbit_detail {
 
-inline bool isInternal(critbit_node n) { return n.flag & 1; }
+inline bool isInternal(critbit_node n) {
+  return n.flag & 1;
+}
 inline critbit_internal_node* internalOf(critbit_node n) {
   return reinterpret_cast<critbit_internal_node*>(n.flag - 1);
 }
-inline const void* addressOf(critbit_node n) { return reinterpret_cast<const void*>(n.flag & ~uintptr_t{1}); }
+inline const void* addressOf(critbit_node n) {
+  return reinterpret_cast<const void*>(n.flag & ~uintptr_t{1});
+}
 // External block: [void* value][key bytes][NUL].
-inline const char* keyOf(const void* external) { return static_cast<const char*>(external) + sizeof(void*); }
+inline const char* keyOf(const void* external) {
+  return static_cast<const char*>(external) + sizeof(void*);
+}
 
 inline int direction(const critbit_internal_node* q, const uint8_t* key, size_t len) {
   uint8_t c = q->byte < len ? key[q->byte] : 0;

@@ -112,8 +112,10 @@ ClientResult<FeedbackReply> ClientReplyDecoder::feedback(const IpcMessage& reply
   if (const Value::Array* events = r.array(0)) {
     for (size_t i = 0; i < events->size() && r.ok(); ++i) {
       const Value::Dict* d = (*events)[i].getDict();
-      if (!d) r.fail(fmt::format("argument 0, item {}: expected dictionary", i));
-      else out.events.push_back(*d);
+      if (!d)
+        r.fail(fmt::format("argument 0, item {}: expected dictionary", i));
+      else
+        out.events.push_back(*d);
     }
   }
   r.record(1, &out.error);
@@ -129,8 +131,8 @@ ClientResult<std::vector<SessionInfo>> ClientReplyDecoder::sessions(const IpcMes
       const Value* identifier = item.find("identifier");
       const Value* agent = item.find("agent");
       if (!identifier || !identifier->isString() || !agent || !agent->isString()) {
-        r.fail(fmt::format("argument 0, item {}: expected {{identifier: string, agent: string}}, found {}",
-                           i, item.describe()));
+        r.fail(fmt::format("argument 0, item {}: expected {{identifier: string, agent: string}}, found {}", i,
+                           item.describe()));
       } else {
         out.push_back({*identifier->getString(), *agent->getString()});
       }

@@ -16,11 +16,11 @@ namespace vorlen {
 
 struct ClientError {
   enum class Kind {
-    Unreachable,     // no connection could be made to the socket
-    TimedOut,        // no answer within the call's time-out
-    ConnectionLost,  // the connection closed (or refused the message) before the answer came
-    MalformedReply,  // the answer broke the protocol: wrong count or type of arguments, bad record
-    InvalidArgument, // refused before sending: the caller's own record fails the record check
+    Unreachable,      // no connection could be made to the socket
+    TimedOut,         // no answer within the call's time-out
+    ConnectionLost,   // the connection closed (or refused the message) before the answer came
+    MalformedReply,   // the answer broke the protocol: wrong count or type of arguments, bad record
+    InvalidArgument,  // refused before sending: the caller's own record fails the record check
   };
 
   Kind kind = Kind::ConnectionLost;

@@ -17,11 +17,15 @@ namespace vorlen {
 
 namespace {
 
-const Logger& connectionLog() { return VorlenLogForCategory(VorlenLogCategoryConnection); }
+const Logger& connectionLog() {
+  return VorlenLogForCategory(VorlenLogCategoryConnection);
+}
 
 using namespace op;
 
-ClientError lost(std::string message) { return {ClientError::Kind::ConnectionLost, std::move(message)}; }
+ClientError lost(std::string message) {
+  return {ClientError::Kind::ConnectionLost, std::move(message)};
+}
 
 template <class T>
 ClientResult<T> decodeWith(ClientResult<IpcMessage> raw, ClientResult<T> (*decode)(const IpcMessage&)) {
@@ -41,7 +45,9 @@ ClientResult<BagReply> decodeBag(const IpcMessage& m) {
 ClientResult<BagReply> decodeRefreshBag(const IpcMessage& m) {
   return ClientReplyDecoder::bag(m, kRefreshBag);
 }
-ClientResult<RequestReply> decodeRequest(const IpcMessage& m) { return ClientReplyDecoder::request(m); }
+ClientResult<RequestReply> decodeRequest(const IpcMessage& m) {
+  return ClientReplyDecoder::request(m);
+}
 ClientResult<RequestReply> decodeEndpointRequest(const IpcMessage& m) {
   return ClientReplyDecoder::request(m, kEndpointRequest);
 }
@@ -91,9 +97,8 @@ VorlenClientCore::~VorlenClientCore() {
   for (auto& [token, p] : pending_) {
     if (p.timer) p.timer->cancel();
     // Endpoint connections are owned by their pending call's finish; ending the call closes them.
-    queue_->async([finish = std::move(p.finish)] {
-      finish(ClientResult<IpcMessage>::failure(lost("client closed")));
-    });
+    queue_->async(
+        [finish = std::move(p.finish)] { finish(ClientResult<IpcMessage>::failure(lost("client closed"))); });
   }
 }
 
@@ -102,7 +107,8 @@ std::optional<IpcEndpoint> VorlenClientCore::endpoint() const {
   return endpoint_;
 }
 
-void VorlenClientCore::onBagDidLoad(std::function<void(std::optional<VORBag>, std::optional<VORError>)> handler) {
+void VorlenClientCore::onBagDidLoad(
+    std::function<void(std::optional<VORBag>, std::optional<VORError>)> handler) {
   std::lock_guard lock(mu_);
   handlers_.bagDidLoad = std::move(handler);
 }
@@ -119,8 +125,8 @@ void VorlenClientCore::onDidDeleteResource(std::function<void(const std::string&
 
 // ---- connections and pending calls (queue) ----
 
-std::shared_ptr<IpcConnection> VorlenClientCore::openConnection(const std::filesystem::path& path, uint64_t* id,
-                                                            ClientError* error) {
+std::shared_ptr<IpcConnection> VorlenClientCore::openConnection(const std::filesystem::path& path,
+                                                                uint64_t* id, ClientError* error) {
   queue_->assertCurrent();
   IpcConnectionOptions o;
   o.runtime = runtime_;
@@ -184,7 +190,7 @@ void VorlenClientCore::connectionEnded(uint64_t connectionId) {
 }
 
 void VorlenClientCore::issue(const std::shared_ptr<IpcConnection>& connection, uint64_t connectionId,
-                         std::string op, Value::Array args, Finish finish) {
+                             std::string op, Value::Array args, Finish finish) {
   queue_->assertCurrent();
   uint64_t token = nextToken_++;
   std::weak_ptr<VorlenClientCore> weak = weak_from_this();
@@ -201,10 +207,12 @@ void VorlenClientCore::issue(const std::shared_ptr<IpcConnection>& connection, u
     }
   });
   lastSent_ = clock_->now();
-  bool queued = connection->call(IpcMessage::call(op, std::move(args)), [weak, token](const IpcMessage& reply) {
-    if (auto self = weak.lock()) self->complete(token, ClientResult<IpcMessage>::success(reply));
-  });
-  if (!queued) complete(token, ClientResult<IpcMessage>::failure(lost("could not send " + op + " to vorlend")));
+  bool queued =
+      connection->call(IpcMessage::call(op, std::move(args)), [weak, token](const IpcMessage& reply) {
+        if (auto self = weak.lock()) self->complete(token, ClientResult<IpcMessage>::success(reply));
+      });
+  if (!queued)
+    complete(token, ClientResult<IpcMessage>::failure(lost("could not send " + op + " to vorlend")));
 }
 
 void VorlenClientCore::complete(uint64_t token, ClientResult<IpcMessage> outcome) {
@@ -221,7 +229,8 @@ void VorlenClientCore::complete(uint64_t token, ClientResult<IpcMessage> outcome
 }
 
 void VorlenClientCore::sendConfigure(const std::shared_ptr<IpcConnection>& connection, uint64_t connectionId,
-                                 const VORSessionConfiguration& configuration, Callback<IpcEndpoint> done) {
+                                     const VORSessionConfiguration& configuration,
+                                     Callback<IpcEndpoint> done) {
   std::weak_ptr<VorlenClientCore> weak = weak_from_this();
   issue(connection, connectionId, kConfigure, {configuration.toRecord()},
         [weak, done = std::move(done)](ClientResult<IpcMessage> raw) {
@@ -251,8 +260,8 @@ void VorlenClientCore::post(Queue::Work work) {
 }
 
 template <class T>
-void VorlenClientCore::callService(std::string op, Value::Array args, ClientResult<T> (*decode)(const IpcMessage&),
-                               Callback<T> done) {
+void VorlenClientCore::callService(std::string op, Value::Array args,
+                                   ClientResult<T> (*decode)(const IpcMessage&), Callback<T> done) {
   post([self = shared_from_this(), op = std::move(op), args = std::move(args), decode,
         done = std::move(done)]() mutable {
     ClientError error;
@@ -330,9 +339,8 @@ void VorlenClientCore::configure(VORSessionConfiguration configuration, Callback
 }
 
 ClientResult<IpcEndpoint> VorlenClientCore::configure(VORSessionConfiguration configuration) {
-  return wait<IpcEndpoint>(kConfigure, [&](Callback<IpcEndpoint> done) {
-    configure(std::move(configuration), std::move(done));
-  });
+  return wait<IpcEndpoint>(
+      kConfigure, [&](Callback<IpcEndpoint> done) { configure(std::move(configuration), std::move(done)); });
 }
 
 void VorlenClientCore::bag(Callback<BagReply> done) {
@@ -357,18 +365,20 @@ ClientResult<RequestReply> VorlenClientCore::request(const VORRequest& r) {
 }
 
 void VorlenClientCore::reportEvent(std::string eventName, uint64_t queryId, Value feedbackRecord,
-                               Callback<Sent> done) {
+                                   Callback<Sent> done) {
   std::string why;
   if (!RecordCoder::validate(feedbackRecord, QXFeedback::kClassName, &why)) {
     post([done = std::move(done), why] {
-      done(ClientResult<Sent>::failure({ClientError::Kind::InvalidArgument, "invalid feedback record: " + why}));
+      done(ClientResult<Sent>::failure(
+          {ClientError::Kind::InvalidArgument, "invalid feedback record: " + why}));
     });
     return;
   }
   sendService(kReportEvent, {Value(std::move(eventName)), Value(queryId), std::move(feedbackRecord)},
               std::move(done));
 }
-ClientResult<Sent> VorlenClientCore::reportEvent(std::string eventName, uint64_t queryId, Value feedbackRecord) {
+ClientResult<Sent> VorlenClientCore::reportEvent(std::string eventName, uint64_t queryId,
+                                                 Value feedbackRecord) {
   return wait<Sent>(kReportEvent, [&](Callback<Sent> done) {
     reportEvent(std::move(eventName), queryId, std::move(feedbackRecord), std::move(done));
   });
@@ -386,7 +396,8 @@ void VorlenClientCore::listenToFlusher(Callback<IpcEndpoint> done) {
   callService(kListenToFlusher, {}, &decodeFlusher, std::move(done));
 }
 ClientResult<IpcEndpoint> VorlenClientCore::listenToFlusher() {
-  return wait<IpcEndpoint>(kListenToFlusher, [&](Callback<IpcEndpoint> done) { listenToFlusher(std::move(done)); });
+  return wait<IpcEndpoint>(kListenToFlusher,
+                           [&](Callback<IpcEndpoint> done) { listenToFlusher(std::move(done)); });
 }
 
 void VorlenClientCore::listSessions(Callback<std::vector<SessionInfo>> done) {
@@ -425,11 +436,11 @@ ClientResult<Sent> VorlenClientCore::addCompletion(std::string completion, std::
 }
 
 void VorlenClientCore::updateParameters(const CompletionParameters& p, Callback<Sent> done) {
-  sendService(kUpdateParameters,
-              {Value(p.voyantLast1hour), Value(p.voyantLast1day), Value(p.voyantLast1week),
-               Value(p.voyantLast1month), Value(p.voyantAll), Value(p.voyantMostRecent),
-               Value(p.minThresholdToSend)},
-              std::move(done));
+  sendService(
+      kUpdateParameters,
+      {Value(p.voyantLast1hour), Value(p.voyantLast1day), Value(p.voyantLast1week), Value(p.voyantLast1month),
+       Value(p.voyantAll), Value(p.voyantMostRecent), Value(p.minThresholdToSend)},
+      std::move(done));
 }
 ClientResult<Sent> VorlenClientCore::updateParameters(const CompletionParameters& p) {
   return wait<Sent>(kUpdateParameters, [&](Callback<Sent> done) { updateParameters(p, std::move(done)); });
@@ -443,7 +454,8 @@ ClientResult<Value::Dict> VorlenClientCore::getImageMap() {
 }
 
 void VorlenClientCore::requestViaEndpoint(const IpcEndpoint& endpoint, const VORRequest& request,
-                                      const VORSessionConfiguration& configuration, Callback<RequestReply> done) {
+                                          const VORSessionConfiguration& configuration,
+                                          Callback<RequestReply> done) {
   post([self = shared_from_this(), path = endpoint.path,
         args = Value::Array{request.toRecord(), configuration.toRecord()}, done = std::move(done)]() mutable {
     ClientError error;
@@ -460,8 +472,8 @@ void VorlenClientCore::requestViaEndpoint(const IpcEndpoint& endpoint, const VOR
   });
 }
 
-ClientResult<RequestReply> VorlenClientCore::requestViaEndpoint(const IpcEndpoint& endpoint, const VORRequest& r,
-                                                            const VORSessionConfiguration& configuration) {
+ClientResult<RequestReply> VorlenClientCore::requestViaEndpoint(
+    const IpcEndpoint& endpoint, const VORRequest& r, const VORSessionConfiguration& configuration) {
   return wait<RequestReply>(kEndpointRequest, [&](Callback<RequestReply> done) {
     requestViaEndpoint(endpoint, r, configuration, std::move(done));
   });

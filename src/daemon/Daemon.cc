@@ -64,7 +64,8 @@ std::shared_ptr<Assembly> Daemon::start() {
   if (platform_.counters) Counters::install(platform_.counters);
   auto assembly = std::make_shared<Assembly>(platform_);
   assembly->userDefaults = defaults;
-  assembly->notificationCenter = platform_.notificationCenter ? platform_.notificationCenter : NotificationCenter::create();
+  assembly->notificationCenter =
+      platform_.notificationCenter ? platform_.notificationCenter : NotificationCenter::create();
   // The HTTP sessions are made on first use; the completion database opens lazily on its own queues.
   assembly->httpSessions = std::make_shared<HttpSessions>(defaults, platform_.clock, platform_.paths.tempDir);
   assembly->engagedCompletionCache =
@@ -90,8 +91,8 @@ std::shared_ptr<Assembly> Daemon::start() {
   assembly->uploadManager = UploadManager::create(*assembly);
   // The session files: every file's first record is the daemon's own user agent. The scan of files left
   // by earlier runs happens here, before any client can open a session.
-  assembly->persistentStorage =
-      VorlenPersistentStorage::create(*assembly, ClientSessionManager::vorlendUserAgent(*assembly).value_or(""));
+  assembly->persistentStorage = VorlenPersistentStorage::create(
+      *assembly, ClientSessionManager::vorlendUserAgent(*assembly).value_or(""));
   // The crowdsourcing flusher, then the background flusher that drains storage in scheduled periods.
   assembly->crowdsourcingFeedbackFlusher =
       VorlenFeedbackFlusher::create(assembly, VorlenFeedbackFlusher::kCrowdsourcing);

@@ -57,8 +57,8 @@ bool writeAll(int fd, const char* bytes, size_t length) {
 std::shared_ptr<VorlenDownloadManager> VorlenDownloadManager::create(
     const std::shared_ptr<const Assembly>& assembly, Settings settings) {
   std::shared_ptr<VorlenDownloadManager> manager(new VorlenDownloadManager(assembly, std::move(settings)));
-  if (manager->_center) {
-    manager->_bagObservation = manager->_center->addObserver<VorlenDownloadManager>(
+  if (manager->center_) {
+    manager->bagObservation_ = manager->center_->addObserver<VorlenDownloadManager>(
         kVORBagChangeNotification, nullptr, manager,
         [](VorlenDownloadManager& self, const Notification& n) { self.bagChangeNotification(n); });
   }
@@ -72,18 +72,18 @@ std::shared_ptr<VorlenDownloadManager> VorlenDownloadManager::create(
 
 VorlenDownloadManager::VorlenDownloadManager(const std::shared_ptr<const Assembly>& assembly,
                                              Settings settings)
-    : _assembly(assembly),
-      _settings(std::move(settings)),
-      _clock(assembly->clock()),
-      _center(assembly->notificationCenter),
-      _defaults(assembly->userDefaults),
-      _requestFactory(assembly->requestFactory),
-      _sessions(assembly->httpSessions),
-      _folder(assembly->fileManager().cachesDir / kResourcesFolder),
+    : assembly_(assembly),
+      settings_(std::move(settings)),
+      clock_(assembly->clock()),
+      center_(assembly->notificationCenter),
+      defaults_(assembly->userDefaults),
+      requestFactory_(assembly->requestFactory),
+      sessions_(assembly->httpSessions),
+      folder_(assembly->fileManager().cachesDir / kResourcesFolder),
       // The queues take no clock: a delayed download armed on the clock holds the queue, and a queue
       // holding the clock would keep both alive while one is pending.
-      _queue(Queue::serial("com.velmo.vorlen.DownloadManager", QueuePriority::Background)),
-      _notifyQueue(
+      queue_(Queue::serial("com.velmo.vorlen.DownloadManager", QueuePriority::Background)),
+      notifyQueue_(
           Queue::serial("com.velmo.vorlen.DownloadManager.notifications", QueuePriority::Background)) {}
 
 VorlenDownloadManager::~VorlenDownloadManager() = default;
@@ -128,8 +128,8 @@ std::optional<std::string> VorlenDownloadManager::urlForCompare(std::string_view
 
 std::optional<std::string> VorlenDownloadManager::_requestedForm(const std::string& url) {
   if (!urlForCompare(url)) return std::nullopt;
-  if (_requestFactory) {
-    if (auto request = _requestFactory->fileDownloadRequest(url, std::nullopt, false))
+  if (requestFactory_) {
+    if (auto request = requestFactory_->fileDownloadRequest(url, std::nullopt, false))
       return urlForCompare(request->url);
   }
   return urlForCompare(url);
@@ -137,17 +137,17 @@ std::optional<std::string> VorlenDownloadManager::_requestedForm(const std::stri
 
 bool VorlenDownloadManager::_mayDownload(const std::string& identifier) const {
   if (!isLookupResource(identifier)) return true;
-  return _settings.lookupEnabled && _settings.lookupEnabled();
+  return settings_.lookupEnabled && settings_.lookupEnabled();
 }
 
 std::optional<std::string> VorlenDownloadManager::_resourceVersion(const std::string& identifier) {
-  _queue->assertCurrent();
-  auto it = _resources.find(identifier);
-  if (it == _resources.end()) return std::nullopt;
+  queue_->assertCurrent();
+  auto it = resources_.find(identifier);
+  if (it == resources_.end()) return std::nullopt;
   const DownloadResource& r = it->second;
   if (isLookupResource(identifier) && r.redirectUrl) {
-    if (!_settings.signatureFromURL) return std::nullopt;
-    return _settings.signatureFromURL(*r.redirectUrl);
+    if (!settings_.signatureFromURL) return std::nullopt;
+    return settings_.signatureFromURL(*r.redirectUrl);
   }
   if (!r.url) return std::nullopt;
   return firstQueryItem(*r.url, "version");
@@ -159,13 +159,13 @@ void VorlenDownloadManager::_start() {
   if (hasStarted.exchange(true)) return;
   log().notice("started");
   std::weak_ptr<VorlenDownloadManager> weak = weak_from_this();
-  _queue->async([weak] {
+  queue_->async([weak] {
     auto self = weak.lock();
-    if (!self || !self->_defaults) return;
-    std::optional<Value::Dict> stored = self->_defaults->dictionaryForKey(kResourcesPreference);
+    if (!self || !self->defaults_) return;
+    std::optional<Value::Dict> stored = self->defaults_->dictionaryForKey(kResourcesPreference);
     if (!stored) return;
     for (const auto& [identifier, entry] : *stored) {
-      if (self->_resources.contains(identifier)) continue;
+      if (self->resources_.contains(identifier)) continue;
       const Value* url = entry.find("url");
       if (!url || !url->getString() || !UrlComponents::parse(*url->getString())) continue;
       // The preferences file is ours, but a file name is never made from an unchecked text.
@@ -173,16 +173,16 @@ void VorlenDownloadManager::_start() {
       DownloadResource r{identifier, *url->getString(), std::nullopt};
       if (const Value* redirect = entry.find("redirect_url"); redirect && redirect->getString())
         r.redirectUrl = *redirect->getString();
-      self->_resources.emplace(identifier, std::move(r));
+      self->resources_.emplace(identifier, std::move(r));
     }
   });
 }
 
 void VorlenDownloadManager::_saveResources() {
-  _queue->assertCurrent();
-  if (!_defaults) return;
+  queue_->assertCurrent();
+  if (!defaults_) return;
   Value::Dict out;
-  for (const auto& [identifier, r] : _resources) {
+  for (const auto& [identifier, r] : resources_) {
     Value entry = Value(Value::Dict{});
     const char* failure = nullptr;
     if (r.url) {
@@ -205,7 +205,7 @@ void VorlenDownloadManager::_saveResources() {
     }
     out.emplace(identifier, std::move(entry));
   }
-  _defaults->set(kResourcesPreference, Value(std::move(out)));
+  defaults_->set(kResourcesPreference, Value(std::move(out)));
 }
 
 // ---- Bag changes and reconciliation.
@@ -223,13 +223,13 @@ void VorlenDownloadManager::bagChangeNotification(const Notification& notificati
   if (!bag) return;
   _start();
   std::weak_ptr<VorlenDownloadManager> weak = weak_from_this();
-  _queue->async([weak, raw = bag->rawBag()] {
+  queue_->async([weak, raw = bag->rawBag()] {
     if (auto self = weak.lock()) self->_downloadBagResources(raw);
   });
 }
 
 void VorlenDownloadManager::_cancelAllTasks() {
-  _queue->assertCurrent();
+  queue_->assertCurrent();
   auto session = _session();
   if (!session) return;
   for (const auto& task : session->getAllTasks()) {
@@ -239,8 +239,8 @@ void VorlenDownloadManager::_cancelAllTasks() {
 }
 
 void VorlenDownloadManager::_downloadBagResources(const Value::Dict& bag) {
-  _queue->assertCurrent();
-  ++_generation;
+  queue_->assertCurrent();
+  ++generation_;
   _cancelAllTasks();
 
   std::set<std::string> wanted;
@@ -266,7 +266,7 @@ void VorlenDownloadManager::_downloadBagResources(const Value::Dict& bag) {
   log().notice("resource files to be downloaded: {}", listed);
 
   std::vector<std::string> dropped;
-  for (const auto& [identifier, r] : _resources) {
+  for (const auto& [identifier, r] : resources_) {
     if (!wanted.contains(identifier)) dropped.push_back(identifier);
   }
   for (const auto& identifier : dropped) _deleteResource(identifier, true);
@@ -288,7 +288,7 @@ void VorlenDownloadManager::_downloadBagResources(const Value::Dict& bag) {
 
 void VorlenDownloadManager::_addResource(const std::string& identifier, const std::optional<std::string>& url,
                                          std::function<void(const std::string& reason)> completion) {
-  _queue->assertCurrent();
+  queue_->assertCurrent();
   std::optional<std::string> compared = url ? _requestedForm(*url) : std::nullopt;
   if (!compared) {
     log().error("resource {} has no absolute address in the bag", identifier);
@@ -296,7 +296,7 @@ void VorlenDownloadManager::_addResource(const std::string& identifier, const st
     return;
   }
   DownloadResource& r =
-      _resources.try_emplace(identifier, DownloadResource{identifier, {}, {}}).first->second;
+      resources_.try_emplace(identifier, DownloadResource{identifier, {}, {}}).first->second;
 
   std::string reason;
   auto stored = r.url ? UrlComponents::parse(*r.url) : std::nullopt;
@@ -318,11 +318,11 @@ void VorlenDownloadManager::_addResource(const std::string& identifier, const st
 
   std::weak_ptr<VorlenDownloadManager> weak = weak_from_this();
   auto keepAlive = std::make_shared<Transaction>("com.velmo.vorlen.DownloadManager.download");
-  _clock->scheduleAfter(_settings.addDelay, _queue,
-                        [weak, generation = _generation, identifier, url = *url, reason,
+  clock_->scheduleAfter(settings_.addDelay, queue_,
+                        [weak, generation = generation_, identifier, url = *url, reason,
                          completion = std::move(completion), keepAlive] {
                           auto self = weak.lock();
-                          if (!self || self->_generation != generation) return;
+                          if (!self || self->generation_ != generation) return;
                           self->_downloadResource(identifier, url, reason, keepAlive);
                           if (completion) completion(reason);
                         });
@@ -331,27 +331,27 @@ void VorlenDownloadManager::_addResource(const std::string& identifier, const st
 std::optional<HttpRequest> VorlenDownloadManager::_createDownloadRequest(const std::string& identifier,
                                                                          const std::string& url,
                                                                          const std::string& reason) {
-  _queue->assertCurrent();
-  if (!_requestFactory) return std::nullopt;
+  queue_->assertCurrent();
+  if (!requestFactory_) return std::nullopt;
   // A version asks the server for "not modified"; with no file to keep that answer would leave the
   // resource missing for good, so a missing file is asked for in full.
   std::optional<std::string> version = reason == "missing" ? std::nullopt : _resourceVersion(identifier);
   std::optional<HttpRequest> request =
-      _requestFactory->fileDownloadRequest(url, version, isLookupResource(identifier));
+      requestFactory_->fileDownloadRequest(url, version, isLookupResource(identifier));
   if (!request) return std::nullopt;
   request->headers[kDownloadIdentifierHeader] = identifier;
   std::string headers;
   for (const auto& [name, value] : request->headers)
     headers += (headers.empty() ? "" : ", ") + name + ": " + value;
   log().info("starting download of {} reason: {} delay: {:f} headers: {}", Private(request->url), reason,
-             _settings.startWindowDelaySeconds, Private(headers));
+             settings_.startWindowDelaySeconds, Private(headers));
   return request;
 }
 
 void VorlenDownloadManager::_downloadResource(const std::string& identifier, const std::string& url,
                                               const std::string& reason,
                                               std::shared_ptr<Transaction> keepAlive) {
-  _queue->assertCurrent();
+  queue_->assertCurrent();
   std::optional<HttpRequest> request = _createDownloadRequest(identifier, url, reason);
   auto session = _session();
   if (!request || !session) {
@@ -360,14 +360,14 @@ void VorlenDownloadManager::_downloadResource(const std::string& identifier, con
   }
   auto task = session->downloadTask(std::move(*request));
   task->setTaskDescription(identifier);
-  _transferKeepAlives[task->taskIdentifier()] = std::move(keepAlive);
+  transferKeepAlives_[task->taskIdentifier()] = std::move(keepAlive);
   task->resume();
 }
 
 void VorlenDownloadManager::_deleteResource(const std::string& identifier, bool removeFile) {
-  _queue->assertCurrent();
+  queue_->assertCurrent();
   log().notice("deleting resource: {}", identifier);
-  if (_resources.erase(identifier) > 0) {
+  if (resources_.erase(identifier) > 0) {
     _saveResources();
     if (auto session = _session()) {
       for (const auto& task : session->getAllTasks()) {
@@ -387,7 +387,7 @@ void VorlenDownloadManager::_deleteResource(const std::string& identifier, bool 
   }
   if (::unlinkat(folder.get(), identifier.c_str(), 0) != 0) {
     if (errno != ENOENT)
-      log().error("error trying to remove file at url {}: {}", (_folder / identifier).string(),
+      log().error("error trying to remove file at url {}: {}", (folder_ / identifier).string(),
                   std::strerror(errno));
     return;
   }
@@ -397,11 +397,11 @@ void VorlenDownloadManager::_deleteResource(const std::string& identifier, bool 
 void VorlenDownloadManager::handleSignificantLocationChange() {
   _start();
   std::weak_ptr<VorlenDownloadManager> weak = weak_from_this();
-  _queue->async([weak] {
+  queue_->async([weak] {
     auto self = weak.lock();
     if (!self) return;
-    self->_resources.erase(kVORLookupHintsWeeklyResource);
-    self->_resources.erase(kVORLookupHintsMonthlyResource);
+    self->resources_.erase(kVORLookupHintsWeeklyResource);
+    self->resources_.erase(kVORLookupHintsMonthlyResource);
   });
 }
 
@@ -409,8 +409,8 @@ void VorlenDownloadManager::handleSignificantLocationChange() {
 
 std::optional<DownloadResource> VorlenDownloadManager::resourceForKey(const std::string& identifier) {
   std::optional<DownloadResource> out;
-  _queue->sync([&] {
-    if (auto it = _resources.find(identifier); it != _resources.end()) out = it->second;
+  queue_->sync([&] {
+    if (auto it = resources_.find(identifier); it != resources_.end()) out = it->second;
   });
   return out;
 }
@@ -418,8 +418,8 @@ std::optional<DownloadResource> VorlenDownloadManager::resourceForKey(const std:
 std::vector<DownloadResource> VorlenDownloadManager::allResources() {
   _start();
   std::vector<DownloadResource> out;
-  _queue->sync([&] {
-    for (const auto& [identifier, r] : _resources) out.push_back(r);
+  queue_->sync([&] {
+    for (const auto& [identifier, r] : resources_) out.push_back(r);
   });
   return out;
 }
@@ -427,8 +427,8 @@ std::vector<DownloadResource> VorlenDownloadManager::allResources() {
 std::map<std::string, std::string> VorlenDownloadManager::resourceVersions() {
   _start();
   std::map<std::string, std::string> out;
-  _queue->sync([&] {
-    for (const auto& [identifier, r] : _resources) {
+  queue_->sync([&] {
+    for (const auto& [identifier, r] : resources_) {
       std::optional<std::string> version = _resourceVersion(identifier);
       if (version && !version->empty()) out.emplace(identifier, *version);
     }
@@ -452,8 +452,8 @@ UniqueFd VorlenDownloadManager::fileHandleForResource(const std::string& identif
   UniqueFd fd;
   int openErrno = 0;
   // Opened on the queue, so a replacement or removal of the file is either wholly before or after.
-  _queue->sync([&] {
-    if (auto it = _resources.find(identifier); it != _resources.end()) record = it->second;
+  queue_->sync([&] {
+    if (auto it = resources_.find(identifier); it != resources_.end()) record = it->second;
     UniqueFd folder = _openFolder(false);
     if (!folder) {
       openErrno = ENOENT;
@@ -480,7 +480,7 @@ UniqueFd VorlenDownloadManager::fileHandleForResource(const std::string& identif
             std::chrono::seconds(st.st_mtim.tv_sec) + std::chrono::nanoseconds(st.st_mtim.tv_nsec)))));
     if (record && record->url) attributes->emplace(kVORResourceAttributeURL, Value(*record->url));
     std::optional<std::string> version;
-    _queue->sync([&] { version = _resourceVersion(identifier); });
+    queue_->sync([&] { version = _resourceVersion(identifier); });
     if (version && !version->empty()) attributes->emplace(kVORResourceAttributeVersion, Value(*version));
   }
   return fd;
@@ -490,15 +490,15 @@ UniqueFd VorlenDownloadManager::fileHandleForResource(const std::string& identif
 
 UniqueFd VorlenDownloadManager::_openFolder(bool create) {
   const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-  UniqueFd fd(::open(_folder.c_str(), flags));
+  UniqueFd fd(::open(folder_.c_str(), flags));
   if (!fd && errno == ENOENT && create) {
     // The caches folder exists (the daemon made it at start); only the last component is made here.
-    if (::mkdir(_folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (::mkdir(folder_.c_str(), 0700) != 0 && errno != EEXIST) {
       log().error("error getting cache directory {}", std::strerror(errno));
       log().error("error caches directory is nil");
       return UniqueFd();
     }
-    fd = UniqueFd(::open(_folder.c_str(), flags));
+    fd = UniqueFd(::open(folder_.c_str(), flags));
   }
   if (!fd) {
     if (errno != ENOENT) log().error("error getting cache directory {}", std::strerror(errno));
@@ -513,7 +513,7 @@ UniqueFd VorlenDownloadManager::_openFolder(bool create) {
 }
 
 bool VorlenDownloadManager::_storeFile(const std::string& identifier, const std::filesystem::path& file) {
-  _queue->assertCurrent();
+  queue_->assertCurrent();
   UniqueFd folder = _openFolder(true);
   if (!folder) return false;
 
@@ -523,9 +523,9 @@ bool VorlenDownloadManager::_storeFile(const std::string& identifier, const std:
     log().error("cannot read downloaded file for {}: {}", identifier, std::strerror(errno));
     return false;
   }
-  if (static_cast<uint64_t>(st.st_size) > _settings.maxFileBytes) {
+  if (static_cast<uint64_t>(st.st_size) > settings_.maxFileBytes) {
     log().error("abandoning download of {}: {} bytes is more than the limit of {}", identifier, st.st_size,
-                _settings.maxFileBytes);
+                settings_.maxFileBytes);
     return false;
   }
   ::fchmod(source.get(), 0600);
@@ -558,7 +558,7 @@ bool VorlenDownloadManager::_storeFile(const std::string& identifier, const std:
     }
     if (n == 0) break;
     copied += static_cast<uint64_t>(n);
-    if (copied > _settings.maxFileBytes || !writeAll(target.get(), buffer.data(), static_cast<size_t>(n))) {
+    if (copied > settings_.maxFileBytes || !writeAll(target.get(), buffer.data(), static_cast<size_t>(n))) {
       ok = false;
       break;
     }
@@ -590,8 +590,8 @@ void VorlenDownloadManager::didFinishDownloadingToFile(HttpSession& /*session*/,
   std::string identifier = task->originalRequest().header(kDownloadIdentifierHeader).value_or("");
   bool stored = false;
   bool known = false;
-  _queue->sync([&] {
-    known = _resources.contains(identifier);
+  queue_->sync([&] {
+    known = resources_.contains(identifier);
     if (!known) return;
     // Records exist only for identifiers that passed the check; this one guards the path all the same.
     if (!isValidResourceIdentifier(identifier)) {
@@ -608,7 +608,7 @@ void VorlenDownloadManager::didFinishDownloadingToFile(HttpSession& /*session*/,
   if (!stored) return;
   VorlenDiagnosticDataReporter::addValue(1, kFetchedCounter);
   _post(kVORFileDownloadCompletedNotification,
-        Value::dict({{kVORIdentifierKey, identifier}, {kVORURLKey, (_folder / identifier).string()}}));
+        Value::dict({{kVORIdentifierKey, identifier}, {kVORURLKey, (folder_ / identifier).string()}}));
 }
 
 void VorlenDownloadManager::didCompleteWithError(HttpSession& /*session*/,
@@ -616,10 +616,10 @@ void VorlenDownloadManager::didCompleteWithError(HttpSession& /*session*/,
                                                  const std::optional<HttpError>& error) {
   // The transfer's keep-alive ends with this call, whatever the outcome.
   std::shared_ptr<Transaction> keepAlive;
-  _queue->sync([&] {
-    if (auto it = _transferKeepAlives.find(task->taskIdentifier()); it != _transferKeepAlives.end()) {
+  queue_->sync([&] {
+    if (auto it = transferKeepAlives_.find(task->taskIdentifier()); it != transferKeepAlives_.end()) {
       keepAlive = std::move(it->second);
-      _transferKeepAlives.erase(it);
+      transferKeepAlives_.erase(it);
     }
   });
   if (error && error->domain == kVORURLErrorDomain && error->code == HttpError::kCancelled) return;
@@ -643,9 +643,9 @@ void VorlenDownloadManager::didCompleteWithError(HttpSession& /*session*/,
   _start();
   std::string identifier = task->originalRequest().header(kDownloadIdentifierHeader).value_or("");
   bool found = false;
-  _queue->sync([&] {
-    auto it = _resources.find(identifier);
-    if (it == _resources.end()) return;
+  queue_->sync([&] {
+    auto it = resources_.find(identifier);
+    if (it == resources_.end()) return;
     found = true;
     DownloadResource& r = it->second;
     struct stat st {};
@@ -683,19 +683,19 @@ void VorlenDownloadManager::didCompleteWithError(HttpSession& /*session*/,
 // ---- Plumbing.
 
 std::shared_ptr<HttpSession> VorlenDownloadManager::_session() {
-  if (!_sessions) return nullptr;
-  return _sessions->downloadURLSession(shared_from_this());
+  if (!sessions_) return nullptr;
+  return sessions_->downloadURLSession(shared_from_this());
 }
 
 void VorlenDownloadManager::_post(std::string name, Value userInfo) {
-  if (!_center) return;
-  _notifyQueue->async([center = _center, name = std::move(name), userInfo = std::move(userInfo)] {
+  if (!center_) return;
+  notifyQueue_->async([center = center_, name = std::move(name), userInfo = std::move(userInfo)] {
     center->post(name, nullptr, userInfo);
   });
 }
 
 void VorlenDownloadManager::_reportError(const std::string& reason) {
-  auto assembly = _assembly.lock();
+  auto assembly = assembly_.lock();
   if (!assembly) return;
   ClientSessionManager::reportErrorAsVorlendFeedback(VORError::make(500, reason), *assembly);
 }

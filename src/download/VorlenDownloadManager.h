@@ -119,8 +119,8 @@ class VorlenDownloadManager final : public DownloadManager,
   static bool isValidResourceIdentifier(std::string_view identifier);
   static bool isLookupResource(std::string_view identifier);
 
-  const std::filesystem::path& resourcesFolder() const { return _folder; }
-  const std::shared_ptr<Queue>& queue() const { return _queue; }
+  const std::filesystem::path& resourcesFolder() const { return folder_; }
+  const std::shared_ptr<Queue>& queue() const { return queue_; }
   bool hasStartedForTesting() const { return hasStarted.load(); }
 
  private:
@@ -153,24 +153,24 @@ class VorlenDownloadManager final : public DownloadManager,
   std::shared_ptr<HttpSession> _session();
 
   std::atomic<bool> hasStarted{false};
-  const std::weak_ptr<const Assembly> _assembly;
-  const Settings _settings;
-  const std::shared_ptr<Clock> _clock;
-  const std::shared_ptr<NotificationCenter> _center;
-  const std::shared_ptr<Preferences> _defaults;
-  const std::shared_ptr<VORNetworkRequestFactory> _requestFactory;
-  const std::shared_ptr<HttpSessions> _sessions;
-  const std::filesystem::path _folder;
-  const std::shared_ptr<Queue> _queue;
-  const std::shared_ptr<Queue> _notifyQueue;
+  const std::weak_ptr<const Assembly> assembly_;
+  const Settings settings_;
+  const std::shared_ptr<Clock> clock_;
+  const std::shared_ptr<NotificationCenter> center_;
+  const std::shared_ptr<Preferences> defaults_;
+  const std::shared_ptr<VORNetworkRequestFactory> requestFactory_;
+  const std::shared_ptr<HttpSessions> sessions_;
+  const std::filesystem::path folder_;
+  const std::shared_ptr<Queue> queue_;
+  const std::shared_ptr<Queue> notifyQueue_;
 
-  std::map<std::string, DownloadResource> _resources;  // on _queue
-  // Keep-alives of running transfers by task identifier (on _queue): a download holds one from the moment
+  std::map<std::string, DownloadResource> resources_;  // on queue_
+  // Keep-alives of running transfers by task identifier (on queue_): a download holds one from the moment
   // it is scheduled until its task has ended, so an idle exit never cuts it short.
-  std::map<uint64_t, std::shared_ptr<Transaction>> _transferKeepAlives;
-  uint64_t _generation = 0;  // on _queue: a delayed download of an older reconciliation does nothing
+  std::map<uint64_t, std::shared_ptr<Transaction>> transferKeepAlives_;
+  uint64_t generation_ = 0;  // on queue_: a delayed download of an older reconciliation does nothing
 
-  std::unique_ptr<NotificationCenter::Token> _bagObservation;
+  std::unique_ptr<NotificationCenter::Token> bagObservation_;
 };
 
 }  // namespace vorlen

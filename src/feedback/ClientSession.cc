@@ -80,7 +80,7 @@ std::optional<std::string> ClientSession::firstUseWordForAgent(std::string_view 
 }
 
 ClientSession::ClientSession(Context context) : context_(std::move(context)) {
-  _sessionQueue =
+  sessionQueue_ =
       Queue::serial("com.velmo.vorlend.clientSessionQueue", QueuePriority::Default, context_.clock);
   dateQueue_ = Queue::serial("com.velmo.vorlend.firstUseQueue", QueuePriority::Default, context_.clock);
 }
@@ -122,7 +122,7 @@ void ClientSession::_start(VorlenFeedback feedback, int64_t previousSessionEndRe
   if (context_.persistentStorage) {
     auto handle = context_.persistentStorage->createFileContainerForWriting();
     if (handle) handle->writeSessionHeader(*this);
-    _sessionQueue->sync([&] { storageHandle_ = std::move(handle); });
+    sessionQueue_->sync([&] { storageHandle_ = std::move(handle); });
   }
   addFeedback(std::move(feedback));
 }
@@ -174,7 +174,7 @@ void ClientSession::addFeedback(VorlenFeedback feedback) {
 void ClientSession::_append(VorlenFeedback feedback) {
   // A synchronous hop: the session's queue is idle nearly always, so the append runs in place on the
   // caller's thread instead of waking a worker for every event, and calls from one thread stay in order.
-  _sessionQueue->sync([&] {
+  sessionQueue_->sync([&] {
     // The sender's hold ends when the record is written (the write's completion owns it), or here.
     std::shared_ptr<void> untilStored = std::move(feedback.untilStored);
     if (!context_.testFeedbacks) {
@@ -194,10 +194,10 @@ void ClientSession::_append(VorlenFeedback feedback) {
     }
     auto self = shared_from_this();
     storageHandle_->writeFeedback(feedback, [self, feedback, untilStored = std::move(untilStored)]() mutable {
-      if (self->_sessionQueue->isCurrent()) {
+      if (self->sessionQueue_->isCurrent()) {
         self->sessionFeedbacks_.push_back(std::move(feedback));
       } else {
-        self->_sessionQueue->async([self, feedback = std::move(feedback)]() mutable {
+        self->sessionQueue_->async([self, feedback = std::move(feedback)]() mutable {
           self->sessionFeedbacks_.push_back(std::move(feedback));
         });
       }
@@ -206,14 +206,14 @@ void ClientSession::_append(VorlenFeedback feedback) {
 }
 
 void ClientSession::addRestoredFeedbacks(std::vector<VorlenFeedback> feedbacks) {
-  _sessionQueue->sync([&] {
+  sessionQueue_->sync([&] {
     sessionFeedbacks_.insert(sessionFeedbacks_.end(), std::make_move_iterator(feedbacks.begin()),
                              std::make_move_iterator(feedbacks.end()));
   });
 }
 
 void ClientSession::sessionComplete() {
-  _sessionQueue->sync([&] {
+  sessionQueue_->sync([&] {
     if (!storageHandle_) {
       storageLog().fault("Storage Handle nil major error");
       return;
@@ -229,14 +229,14 @@ void ClientSession::enumerateSessions(const std::function<void(ClientSession& se
 
 std::vector<VorlenFeedback> ClientSession::getSessionFeedbacks() {
   std::vector<VorlenFeedback> copy;
-  _sessionQueue->sync([&] { copy = sessionFeedbacks_; });
+  sessionQueue_->sync([&] { copy = sessionFeedbacks_; });
   std::stable_sort(copy.begin(), copy.end(), VorlenFeedback::timeStampComparator);
   return copy;
 }
 
 size_t ClientSession::feedbackCount() const {
   size_t n = 0;
-  _sessionQueue->sync([&] { n = sessionFeedbacks_.size(); });
+  sessionQueue_->sync([&] { n = sessionFeedbacks_.size(); });
   return n;
 }
 
@@ -273,7 +273,8 @@ nlohmann::ordered_json ClientSession::_relativeDictionaries(SessionProcessingHel
 
 Value::Array ClientSession::feedbackValuesWithRelativeTimestamp() {
   Value::Array out;
-  for (const VorlenFeedback& feedback : _sortedWithRelativeTimestamps()) out.push_back(feedback.dictionaryValue());
+  for (const VorlenFeedback& feedback : _sortedWithRelativeTimestamps())
+    out.push_back(feedback.dictionaryValue());
   return out;
 }
 
@@ -365,12 +366,12 @@ std::shared_ptr<ClientSession> ClientSession::fromArchive(const Value& archive, 
 
 std::shared_ptr<FileContainerProtocol> ClientSession::storageHandle() const {
   std::shared_ptr<FileContainerProtocol> handle;
-  _sessionQueue->sync([&] { handle = storageHandle_; });
+  sessionQueue_->sync([&] { handle = storageHandle_; });
   return handle;
 }
 
 void ClientSession::setStorageHandle(std::shared_ptr<FileContainerProtocol> handle) {
-  _sessionQueue->sync([&] { storageHandle_ = std::move(handle); });
+  sessionQueue_->sync([&] { storageHandle_ = std::move(handle); });
 }
 
 std::optional<Time> ClientSession::firstUseDate() const {

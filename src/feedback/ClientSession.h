@@ -115,7 +115,7 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   nlohmann::ordered_json _relativeDictionaries(SessionProcessingHelper* helper);
 
   const Context context_;
-  std::shared_ptr<Queue> _sessionQueue;
+  std::shared_ptr<Queue> sessionQueue_;
   std::shared_ptr<Queue> dateQueue_;
 
   // Header: set before the session is shared, read-only afterwards.
@@ -127,8 +127,8 @@ class ClientSession final : public ManagedClientSession, public std::enable_shar
   bool firstUseOfTheDay_ = false;
   bool removeTimestamps_ = false;
 
-  std::vector<VorlenFeedback> sessionFeedbacks_;          // _sessionQueue only
-  std::shared_ptr<FileContainerProtocol> storageHandle_;  // _sessionQueue only (after construction)
+  std::vector<VorlenFeedback> sessionFeedbacks_;          // sessionQueue_ only
+  std::shared_ptr<FileContainerProtocol> storageHandle_;  // sessionQueue_ only (after construction)
   std::optional<Time> firstUseDate_;                      // dateQueue_ only
 };
 

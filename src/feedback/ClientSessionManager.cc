@@ -48,41 +48,41 @@ std::shared_ptr<ClientSessionManager> ClientSessionManager::create(
 ClientSessionManager::ClientSessionManager(std::shared_ptr<Assembly> assembly,
                                            std::shared_ptr<GUIDController> guidController,
                                            std::string identifier)
-    : _assembly(std::move(assembly)),
-      _guidController(std::move(guidController)),
-      _identifier(std::move(identifier)) {
-  _sessionQueue = Queue::serial("com.velmo.vorlend.clientSessionManagerQueue", QueuePriority::Default,
-                                _assembly->clock());
-  if (_assembly->sharedSession) {
-    sessionLog().info("Vorlen is using shared session for all clients {}", _identifier);
+    : assembly_(std::move(assembly)),
+      guidController_(std::move(guidController)),
+      identifier_(std::move(identifier)) {
+  sessionQueue_ = Queue::serial("com.velmo.vorlend.clientSessionManagerQueue", QueuePriority::Default,
+                                assembly_->clock());
+  if (assembly_->sharedSession) {
+    sessionLog().info("Vorlen is using shared session for all clients {}", identifier_);
   } else {
-    sessionLog().info("Vorlen is using individual session for clients {}", _identifier);
+    sessionLog().info("Vorlen is using individual session for clients {}", identifier_);
   }
 
-  const auto& defaults = _assembly->userDefaults;
+  const auto& defaults = assembly_->userDefaults;
   const int64_t soft =
       defaults ? defaults->integerForKey("VORSessionSoftLimitOverride") : kDefaultSoftLimitSeconds;
   if (soft < 1) {
     sessionLog().error("Soft limit override value must be greater than 0 : {} defaulting to {}", soft,
                        kDefaultSoftLimitSeconds);
-    _softLimitTime = kDefaultSoftLimitSeconds;
+    softLimitTime_ = kDefaultSoftLimitSeconds;
   } else if (soft >= kGuidLifetimeSeconds) {
     sessionLog().error("Soft limit override value must be less than guid expiration {} : {} defaulting to {}",
                        kGuidLifetimeSeconds, soft, kDefaultSoftLimitSeconds);
-    _softLimitTime = kDefaultSoftLimitSeconds;
+    softLimitTime_ = kDefaultSoftLimitSeconds;
   } else {
-    _softLimitTime = soft;
+    softLimitTime_ = soft;
   }
   const int64_t idle = defaults ? defaults->integerForKey("VORSessionIdleTimeOverride") : kDefaultIdleSeconds;
   if (idle < 1) {
     sessionLog().error("Idle limit override value must be greater than 0 : {} defaulting to {}", idle,
                        kDefaultIdleSeconds);
-    _idleTime = kDefaultIdleSeconds;
+    idleTime_ = kDefaultIdleSeconds;
   } else {
-    _idleTime = idle;
+    idleTime_ = idle;
   }
-  _maxTime = kGuidLifetimeSeconds - _softLimitTime;
-  sessionLog().debug("Idle Time {} Soft Limit Time {} Max Time {}", _idleTime, _softLimitTime, _maxTime);
+  maxTime_ = kGuidLifetimeSeconds - softLimitTime_;
+  sessionLog().debug("Idle Time {} Soft Limit Time {} Max Time {}", idleTime_, softLimitTime_, maxTime_);
 }
 
 // ---- Public operations: dispatch onto the session queue.
@@ -90,7 +90,7 @@ ClientSessionManager::ClientSessionManager(std::shared_ptr<Assembly> assembly,
 void ClientSessionManager::addVorlenFeedback(VorlenFeedback feedback) {
   auto transaction = std::make_shared<Transaction>("addFeedback");
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();
-  _sessionQueue->async([weak, transaction, feedback = std::move(feedback)]() mutable {
+  sessionQueue_->async([weak, transaction, feedback = std::move(feedback)]() mutable {
     if (auto self = weak.lock()) self->_acceptFeedback(std::move(feedback));
   });
 }
@@ -99,7 +99,7 @@ void ClientSessionManager::addVorlenFeedbacks(std::vector<VorlenFeedback> feedba
   if (feedbacks.empty()) return;
   auto transaction = std::make_shared<Transaction>("addFeedback");
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();
-  _sessionQueue->async([weak, transaction, feedbacks = std::move(feedbacks)]() mutable {
+  sessionQueue_->async([weak, transaction, feedbacks = std::move(feedbacks)]() mutable {
     auto self = weak.lock();
     if (!self) return;
     for (auto& f : feedbacks) self->_acceptFeedback(std::move(f));
@@ -108,7 +108,7 @@ void ClientSessionManager::addVorlenFeedbacks(std::vector<VorlenFeedback> feedba
 
 void ClientSessionManager::flushSession(std::function<void()> callback) {
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();
-  _sessionQueue->async([weak, callback = std::move(callback)]() mutable {
+  sessionQueue_->async([weak, callback = std::move(callback)]() mutable {
     auto self = weak.lock();
     if (!self) {
       if (callback) callback();
@@ -120,7 +120,7 @@ void ClientSessionManager::flushSession(std::function<void()> callback) {
 
 void ClientSessionManager::flushSessionInvalidationWithAgent(const std::string& agent,
                                                              std::function<void(bool flushed)> callback) {
-  if (_assembly->sharedSession) {
+  if (assembly_->sharedSession) {
     // One session serves every client: the others' events stay in it; the session only records that this
     // client went away.
     addVorlenFeedback(VorlenFeedback(QXFeedbackFactory::connectionInvalidated(), 0, std::nullopt, agent));
@@ -139,44 +139,44 @@ Value::Array ClientSessionManager::currentSessionFeedbacksWithRelativeTimestamp(
 
 std::shared_ptr<ManagedClientSession> ClientSessionManager::session() const {
   std::shared_ptr<ManagedClientSession> open;
-  _sessionQueue->sync([&] { open = _session; });
+  sessionQueue_->sync([&] { open = session_; });
   return open;
 }
 
 uint64_t ClientSessionManager::currentState() const {
   uint64_t state = 0;
-  _sessionQueue->sync([&] { state = _currentState; });
+  sessionQueue_->sync([&] { state = currentState_; });
   return state;
 }
 
 std::optional<Time> ClientSessionManager::expirationTime() const {
   std::optional<Time> expiration;
-  _sessionQueue->sync([&] { expiration = _expirationTime; });
+  sessionQueue_->sync([&] { expiration = expirationTime_; });
   return expiration;
 }
 
 // ---- The state machine (session queue).
 
 void ClientSessionManager::_acceptFeedback(VorlenFeedback feedback) {
-  _sessionQueue->assertCurrent();
+  sessionQueue_->assertCurrent();
   // 1. Every envelope, before any filtering, belongs to the flusher endpoint's listeners: a copy goes
   //    out asynchronously, and only while a tool listens.
-  if (const auto& flusherIPC = _assembly->flusherIPCListener)
+  if (const auto& flusherIPC = assembly_->flusherIPCListener)
     flusherIPC->sendDataToReceivingStreamListener(feedback);
   // 2. The bag may switch feedback off for this agent: the envelope ends here and does not count as
   //    activity (the idle deadline is not renewed).
   if (!_feedbackEnabledForAgent(feedback.userAgent)) return;
   // 3. Whatever the sender put there, the envelope carries the GUID current now.
   feedback.userGuid =
-      _guidController ? std::optional<Uuid>(_guidController->currentUserGUID()) : std::nullopt;
+      guidController_ ? std::optional<Uuid>(guidController_->currentUserGUID()) : std::nullopt;
 
-  if (_currentState != kStateClosed && _session && _sessionUserGuid != feedback.userGuid) {
+  if (currentState_ != kStateClosed && session_ && sessionUserGuid_ != feedback.userGuid) {
     _updateState(kEventGuidChanged, std::move(feedback), {});
-  } else if (_currentState != kStateOpen && _currentState != kStateClosed &&
+  } else if (currentState_ != kStateOpen && currentState_ != kStateClosed &&
              eventSuggestsSessionEnd(feedback.type())) {
     _updateState(kEventSentinelEngagement, std::move(feedback), {});
-  } else if (_currentState != kStateOpen && _currentState != kStateClosed && _expirationTime &&
-             *_expirationTime <= _assembly->clock()->now()) {
+  } else if (currentState_ != kStateOpen && currentState_ != kStateClosed && expirationTime_ &&
+             *expirationTime_ <= assembly_->clock()->now()) {
     _updateState(kEventIdleAfterSoftLimit, std::move(feedback), {});
   } else {
     _updateState(kEventAddFeedback, std::move(feedback), {});
@@ -185,7 +185,7 @@ void ClientSessionManager::_acceptFeedback(VorlenFeedback feedback) {
 }
 
 bool ClientSessionManager::_feedbackEnabledForAgent(const std::string& agent) {
-  auto controller = _assembly->bagController;
+  auto controller = assembly_->bagController;
   std::optional<VORBag> bag = controller ? controller->cachedBagState() : std::nullopt;
   if (!bag) return true;
   // Copies of one installed bag share its dictionary: identity tells a newly installed bag apart, and the
@@ -202,36 +202,36 @@ bool ClientSessionManager::_feedbackEnabledForAgent(const std::string& agent) {
 }
 
 void ClientSessionManager::_renewExpiration() {
-  _expirationTime = _assembly->clock()->now() + seconds(static_cast<double>(_idleTime));
+  expirationTime_ = assembly_->clock()->now() + seconds(static_cast<double>(idleTime_));
 }
 
 void ClientSessionManager::_updateState(uint64_t event, std::optional<VorlenFeedback> feedback,
                                         std::function<void()> callback) {
-  _sessionQueue->assertCurrent();
+  sessionQueue_->assertCurrent();
   switch (event) {
     case kEventAddFeedback:
-      if (_currentState == kStateOpen || _currentState == kStateSoftLimited) {
-        _session->addFeedback(std::move(*feedback));
-      } else if (_currentState == kStateClosed) {
+      if (currentState_ == kStateOpen || currentState_ == kStateSoftLimited) {
+        session_->addFeedback(std::move(*feedback));
+      } else if (currentState_ == kStateClosed) {
         _setNewSession(std::move(*feedback));
-        _currentState = kStateOpen;
+        currentState_ = kStateOpen;
       } else {
-        sessionLog().debug("Avoided adding feedback in state {}", _currentState);
+        sessionLog().debug("Avoided adding feedback in state {}", currentState_);
       }
       break;
     case kEventSoftLimitReached:
-      if (_currentState == kStateOpen) _currentState = kStateSoftLimited;
+      if (currentState_ == kStateOpen) currentState_ = kStateSoftLimited;
       break;
     case kEventMaxTimerExpired:
-      if (_currentState == kStateSoftLimited) {
+      if (currentState_ == kStateSoftLimited) {
         _flushSessionWithReason(kReasonMaxSessionTime, {});
-        sessionLog().notice("session flushed because max timer expired {}", _identifier);
-        _currentState = kStateClosed;
+        sessionLog().notice("session flushed because max timer expired {}", identifier_);
+        currentState_ = kStateClosed;
       }
       break;
     case kEventExternalFlush:
       _flushSessionWithReason(kReasonExternalRequest, std::move(callback));
-      _currentState = kStateClosed;
+      currentState_ = kStateClosed;
       break;
     case kEventScheduleUpload:
     case kEventScheduleUploadAlso:
@@ -241,38 +241,38 @@ void ClientSessionManager::_updateState(uint64_t event, std::optional<VorlenFeed
       _flushSessionWithReason(kReasonCriticalMemory, {});
       sessionLog().notice("session flushed because of critical memory");
       _insertFlushActivity();
-      _currentState = kStateClosed;
+      currentState_ = kStateClosed;
       break;
     case kEventIdleAfterSoftLimit:
-      if (_currentState == kStateSoftLimited) {
+      if (currentState_ == kStateSoftLimited) {
         _flushSessionWithReason(kReasonSessionIdle, {});
         sessionLog().notice("session flushed because soft limit reached and idle time was beyond {} {}",
-                            _idleTime, _identifier);
+                            idleTime_, identifier_);
         // The late envelope opens the next session under a fresh GUID; the controller's queue is FIFO, so
         // the read after reset() returns the new one.
-        if (_guidController) {
-          _guidController->reset();
-          feedback->userGuid = _guidController->currentUserGUID();
+        if (guidController_) {
+          guidController_->reset();
+          feedback->userGuid = guidController_->currentUserGUID();
         }
         _setNewSession(std::move(*feedback));
-        _currentState = kStateOpen;
+        currentState_ = kStateOpen;
       }
       break;
     case kEventGuidChanged:
-      if (_currentState == kStateOpen || _currentState == kStateSoftLimited) {
+      if (currentState_ == kStateOpen || currentState_ == kStateSoftLimited) {
         _flushSessionWithReason(kReasonGuidChanged, {});
-        sessionLog().notice("session flushed because guid changed {}", _identifier);
+        sessionLog().notice("session flushed because guid changed {}", identifier_);
         _setNewSession(std::move(*feedback));
-        _currentState = kStateOpen;
+        currentState_ = kStateOpen;
       }
       break;
     case kEventSentinelEngagement:
-      if (_currentState == kStateSoftLimited) {
-        _session->addFeedback(std::move(*feedback));
+      if (currentState_ == kStateSoftLimited) {
+        session_->addFeedback(std::move(*feedback));
         _flushSessionWithReason(kReasonEngagementReceived, {});
         sessionLog().notice("session flushed because soft limit reached and sentinel feedback received");
-        if (_guidController) _guidController->reset();
-        _currentState = kStateClosed;
+        if (guidController_) guidController_->reset();
+        currentState_ = kStateClosed;
       }
       break;
     default:
@@ -282,14 +282,14 @@ void ClientSessionManager::_updateState(uint64_t event, std::optional<VorlenFeed
 }
 
 void ClientSessionManager::_flushSessionWithReason(int64_t reason, std::function<void()> callback) {
-  _sessionQueue->assertCurrent();
-  if (!_session) {
+  sessionQueue_->assertCurrent();
+  if (!session_) {
     if (callback) callback();
     return;
   }
-  _flushReason = reason;
+  flushReason_ = reason;
   bool calledBack = false;
-  _session->enumerateSessions([&](ClientSession& session, bool last) {
+  session_->enumerateSessions([&](ClientSession& session, bool last) {
     // Reason 0 ("no previous session") never ends a session with an event.
     if (reason != 0) {
       session.addFeedback(
@@ -302,49 +302,49 @@ void ClientSessionManager::_flushSessionWithReason(int64_t reason, std::function
     }
   });
   if (!calledBack && callback) callback();
-  _session = nullptr;
+  session_ = nullptr;
 }
 
 void ClientSessionManager::_setNewSession(VorlenFeedback feedback) {
-  _sessionQueue->assertCurrent();
+  sessionQueue_->assertCurrent();
   const uint64_t counter = ++sessionCounter;
-  if (_assembly->sharedSession) {
-    _session = ClientSessionShared::create(*_assembly, std::move(feedback), _flushReason);
+  if (assembly_->sharedSession) {
+    session_ = ClientSessionShared::create(*assembly_, std::move(feedback), flushReason_);
   } else {
-    _session = ClientSession::create(*_assembly, std::move(feedback), _flushReason);
+    session_ = ClientSession::create(*assembly_, std::move(feedback), flushReason_);
   }
   // The session's GUID never changes: kept here, it is compared with every envelope without a hop onto
   // the session's queue.
-  _sessionUserGuid = _session->userGuid();
-  sessionLog().debug("new session id {} {}", counter, _identifier);
+  sessionUserGuid_ = session_->userGuid();
+  sessionLog().debug("new session id {} {}", counter, identifier_);
 
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();
-  _sessionQueue->after(seconds(kSoftLimitTimerSeconds), [weak, counter] {
+  sessionQueue_->after(seconds(kSoftLimitTimerSeconds), [weak, counter] {
     auto self = weak.lock();
     if (!self) return;
     sessionLog().notice("soft limit reached expected {} current {} {}", counter, self->sessionCounter,
-                        self->_identifier);
+                        self->identifier_);
     if (counter == self->sessionCounter) self->_onUserGuidSoftLimitReached();
   });
 }
 
 void ClientSessionManager::_onUserGuidSoftLimitReached() {
-  _sessionQueue->assertCurrent();
-  if (!_session) return;
+  sessionQueue_->assertCurrent();
+  if (!session_) return;
   _updateState(kEventSoftLimitReached, std::nullopt, {});
-  sessionLog().notice("soft limit reached, maxtimer session id {} {}", sessionCounter, _identifier);
+  sessionLog().notice("soft limit reached, maxtimer session id {} {}", sessionCounter, identifier_);
 
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();
-  _sessionQueue->async([weak] {
+  sessionQueue_->async([weak] {
     if (auto self = weak.lock()) self->_post(kSoftLimitNotification);
   });
   const uint64_t armed = sessionCounter;
-  _sessionQueue->after(seconds(static_cast<double>(_maxTime)), [weak, armed] {
+  sessionQueue_->after(seconds(static_cast<double>(maxTime_)), [weak, armed] {
     auto self = weak.lock();
     if (!self) return;
     sessionLog().notice("max timer expired expected {} current {}", armed, self->sessionCounter);
     if (armed == self->sessionCounter) {
-      if (!self->_session) return;
+      if (!self->session_) return;
       self->_updateState(kEventMaxTimerExpired, std::nullopt, {});
     }
     self->_post(kMaxLimitNotification);
@@ -354,12 +354,12 @@ void ClientSessionManager::_onUserGuidSoftLimitReached() {
 void ClientSessionManager::_insertFlushActivity() {
   // One more drain of the stored sessions, outside the scheduled ones; without a background flusher the
   // finished sessions wait in storage.
-  if (const std::shared_ptr<BackgroundFlusher>& flusher = _assembly->backgroundFlusher)
+  if (const std::shared_ptr<BackgroundFlusher>& flusher = assembly_->backgroundFlusher)
     flusher->insertFlushActivity({});
 }
 
 void ClientSessionManager::_post(const char* name) {
-  if (_assembly->notificationCenter) _assembly->notificationCenter->post(name);
+  if (assembly_->notificationCenter) assembly_->notificationCenter->post(name);
 }
 
 // ---- Class operations.

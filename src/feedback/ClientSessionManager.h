@@ -86,12 +86,12 @@ class ClientSessionManager final : public ClientSessionManagerProtocol,
   std::shared_ptr<ManagedClientSession> session() const;
   uint64_t currentState() const;
   std::optional<Time> expirationTime() const;
-  const std::string& identifier() const { return _identifier; }
-  const std::shared_ptr<GUIDController>& guidController() const { return _guidController; }
-  const std::shared_ptr<Queue>& sessionQueue() const { return _sessionQueue; }
-  int64_t softLimitTime() const { return _softLimitTime; }
-  int64_t idleTime() const { return _idleTime; }
-  int64_t maxTime() const { return _maxTime; }
+  const std::string& identifier() const { return identifier_; }
+  const std::shared_ptr<GUIDController>& guidController() const { return guidController_; }
+  const std::shared_ptr<Queue>& sessionQueue() const { return sessionQueue_; }
+  int64_t softLimitTime() const { return softLimitTime_; }
+  int64_t idleTime() const { return idleTime_; }
+  int64_t maxTime() const { return maxTime_; }
 
   // The daemon's own user agent ("Vorlend/1.0 (<device>) Vorlend/1.0"), built once per process; nothing
   // without device properties.
@@ -114,21 +114,21 @@ class ClientSessionManager final : public ClientSessionManagerProtocol,
   void _insertFlushActivity();
   void _post(const char* name);
 
-  const std::shared_ptr<Assembly> _assembly;
-  const std::shared_ptr<GUIDController> _guidController;
-  const std::string _identifier;
-  std::shared_ptr<Queue> _sessionQueue;
-  int64_t _softLimitTime = kDefaultSoftLimitSeconds;
-  int64_t _idleTime = kDefaultIdleSeconds;
-  int64_t _maxTime = kGuidLifetimeSeconds - kDefaultSoftLimitSeconds;
+  const std::shared_ptr<Assembly> assembly_;
+  const std::shared_ptr<GUIDController> guidController_;
+  const std::string identifier_;
+  std::shared_ptr<Queue> sessionQueue_;
+  int64_t softLimitTime_ = kDefaultSoftLimitSeconds;
+  int64_t idleTime_ = kDefaultIdleSeconds;
+  int64_t maxTime_ = kGuidLifetimeSeconds - kDefaultSoftLimitSeconds;
 
-  // _sessionQueue only.
-  std::shared_ptr<ManagedClientSession> _session;
-  std::optional<Uuid> _sessionUserGuid;  // the open session's userGuid()
+  // sessionQueue_ only.
+  std::shared_ptr<ManagedClientSession> session_;
+  std::optional<Uuid> sessionUserGuid_;  // the open session's userGuid()
   uint64_t sessionCounter = 0;
-  uint64_t _currentState = kStateClosed;
-  std::optional<Time> _expirationTime;
-  int64_t _flushReason = 0;
+  uint64_t currentState_ = kStateClosed;
+  std::optional<Time> expirationTime_;
+  int64_t flushReason_ = 0;
   // Whether the bag enables feedback, per agent, for the installed bag `bagSource_` (a new bag clears it).
   std::optional<VORBag> bagSource_;
   std::map<std::string, bool, std::less<>> feedbackEnabledByAgent_;

@@ -16,7 +16,7 @@ std::shared_ptr<ClientSessionShared> ClientSessionShared::create(const Assembly&
 }
 
 ClientSessionShared::ClientSessionShared(ClientSession::Context context, int64_t previousSessionEndReason)
-    : context_(std::move(context)), _previousSessionEndReason(previousSessionEndReason) {
+    : context_(std::move(context)), previousSessionEndReason_(previousSessionEndReason) {
   queue_ =
       Queue::serial("com.velmo.vorlend.clientSessionSharedQueue", QueuePriority::Default, context_.clock);
 }
@@ -32,7 +32,7 @@ void ClientSessionShared::addFeedback(VorlenFeedback feedback) {
     }
     std::string agent = feedback.userAgent;
     sessionMap_.emplace_back(std::move(agent),
-                             ClientSession::create(context_, std::move(feedback), _previousSessionEndReason));
+                             ClientSession::create(context_, std::move(feedback), previousSessionEndReason_));
   });
 }
 

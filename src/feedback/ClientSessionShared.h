@@ -47,7 +47,7 @@ class ClientSessionShared final : public ManagedClientSession,
   ClientSessionShared(ClientSession::Context context, int64_t previousSessionEndReason);
 
   const ClientSession::Context context_;
-  const int64_t _previousSessionEndReason;
+  const int64_t previousSessionEndReason_;
   std::shared_ptr<Queue> queue_;
   // queue_ only.
   std::optional<Uuid> userGuid_;

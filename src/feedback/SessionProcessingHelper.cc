@@ -3,42 +3,42 @@
 namespace vorlen {
 
 std::string SessionProcessingHelper::replacementForIdentifier(const std::string& identifier) {
-  auto it = _privateIdMapping.find(identifier);
-  if (it != _privateIdMapping.end()) return it->second;
-  std::string replacement = std::to_string(_nextMappedId++);
-  _privateIdMapping.emplace(identifier, replacement);
+  auto it = privateIdMapping_.find(identifier);
+  if (it != privateIdMapping_.end()) return it->second;
+  std::string replacement = std::to_string(nextMappedId_++);
+  privateIdMapping_.emplace(identifier, replacement);
   return replacement;
 }
 
 void SessionProcessingHelper::identifierReferenced(const std::string& identifier,
                                                    const QXSearchResult& result) {
-  if (_expandedIdSet.contains(identifier)) return;
-  _idResultMap.emplace(identifier, result);  // keeps the first one remembered
+  if (expandedIdSet_.contains(identifier)) return;
+  idResultMap_.emplace(identifier, result);  // keeps the first one remembered
 }
 
 void SessionProcessingHelper::identifierReferenced(const std::string& identifier,
                                                    const QXSearchSuggestion& suggestion) {
-  if (_expandedIdSet.contains(identifier)) return;
-  _idSuggestionMap.emplace(identifier, suggestion);
+  if (expandedIdSet_.contains(identifier)) return;
+  idSuggestionMap_.emplace(identifier, suggestion);
 }
 
 void SessionProcessingHelper::identifierExpanded(const std::string& identifier) {
-  _expandedIdSet.insert(identifier);
-  _idResultMap.erase(identifier);
-  _idSuggestionMap.erase(identifier);
+  expandedIdSet_.insert(identifier);
+  idResultMap_.erase(identifier);
+  idSuggestionMap_.erase(identifier);
 }
 
 std::vector<QXSearchResult> SessionProcessingHelper::missingResults() const {
   std::vector<QXSearchResult> out;
-  out.reserve(_idResultMap.size());
-  for (const auto& [id, result] : _idResultMap) out.push_back(result);
+  out.reserve(idResultMap_.size());
+  for (const auto& [id, result] : idResultMap_) out.push_back(result);
   return out;
 }
 
 std::vector<QXSearchSuggestion> SessionProcessingHelper::missingSuggestions() const {
   std::vector<QXSearchSuggestion> out;
-  out.reserve(_idSuggestionMap.size());
-  for (const auto& [id, suggestion] : _idSuggestionMap) out.push_back(suggestion);
+  out.reserve(idSuggestionMap_.size());
+  for (const auto& [id, suggestion] : idSuggestionMap_) out.push_back(suggestion);
   return out;
 }
 

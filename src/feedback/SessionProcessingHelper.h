@@ -37,11 +37,11 @@ class SessionProcessingHelper {
   std::vector<QXSearchSuggestion> missingSuggestions() const;
 
  private:
-  std::map<std::string, std::string> _privateIdMapping;
-  int32_t _nextMappedId = 0;
-  std::map<std::string, QXSearchResult> _idResultMap;
-  std::map<std::string, QXSearchSuggestion> _idSuggestionMap;
-  std::set<std::string> _expandedIdSet;
+  std::map<std::string, std::string> privateIdMapping_;
+  int32_t nextMappedId_ = 0;
+  std::map<std::string, QXSearchResult> idResultMap_;
+  std::map<std::string, QXSearchSuggestion> idSuggestionMap_;
+  std::set<std::string> expandedIdSet_;
 };
 
 }  // namespace vorlen

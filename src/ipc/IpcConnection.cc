@@ -621,8 +621,8 @@ void IpcConnection::writeOrQueue(const std::shared_ptr<OutFrame>& frame) {
     std::lock_guard lock(writeMu_);
     if (framesOnIo_ == 0 && directFd_ >= 0 && frame->fds.empty()) {
       while (frame->offset < frame->bytes.size()) {
-        ssize_t n = ::send(directFd_, frame->bytes.data() + frame->offset, frame->bytes.size() - frame->offset,
-                           MSG_NOSIGNAL | MSG_DONTWAIT);
+        ssize_t n = ::send(directFd_, frame->bytes.data() + frame->offset,
+                           frame->bytes.size() - frame->offset, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n > 0) {
           frame->offset += static_cast<size_t>(n);
         } else if (n < 0 && errno == EINTR) {

@@ -45,6 +45,7 @@
 
 #include "base/LogRepeatFilter.h"
 #include "base/Queue.h"
+#include "base/UniqueFd.h"
 #include "ipc/IpcConnectionOptions.h"
 #include "ipc/IpcEndpoint.h"
 #include "ipc/IpcExportedInterface.h"
@@ -52,7 +53,6 @@
 #include "ipc/IpcMessage.h"
 #include "ipc/IpcPeer.h"
 #include "ipc/IpcReplier.h"
-#include "base/UniqueFd.h"
 
 namespace vorlen {
 
@@ -218,9 +218,9 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   std::atomic<uint64_t> nextSerial_{1};
   LogRepeatFilter rejectedCalls_;
 
-  std::mutex writeMu_;         // guards the three below; held across a direct write
-  int directFd_ = -1;          // the socket for direct writes; -1 once the I/O thread closed it
-  size_t framesOnIo_ = 0;      // frames handed to the I/O thread and not yet fully written
+  std::mutex writeMu_;     // guards the three below; held across a direct write
+  int directFd_ = -1;      // the socket for direct writes; -1 once the I/O thread closed it
+  size_t framesOnIo_ = 0;  // frames handed to the I/O thread and not yet fully written
 
   std::unique_ptr<Io> io_;  // I/O-thread state; last, so that the socket closes first
 };

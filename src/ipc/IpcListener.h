@@ -32,10 +32,10 @@
 
 #include "base/Clock.h"
 #include "base/Queue.h"
+#include "base/UniqueFd.h"
 #include "ipc/IpcEndpoint.h"
 #include "ipc/IpcListenerDelegate.h"
 #include "ipc/IpcListenerOptions.h"
-#include "base/UniqueFd.h"
 
 namespace vorlen {
 

@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "base/Value.h"
 #include "base/UniqueFd.h"
+#include "base/Value.h"
 
 namespace vorlen {
 

@@ -8,12 +8,11 @@
 namespace vorlen {
 namespace {
 
-
 // Where a value sits in the record being checked: a chain of links on the stack, written out only when a
 // check fails, so that a record that passes costs no string building.
 struct Path {
   const Path* parent = nullptr;
-  std::string_view name;  // a field name, or the root's text
+  std::string_view name;    // a field name, or the root's text
   size_t index = SIZE_MAX;  // an array item's index, when not SIZE_MAX
 
   std::string text() const {
@@ -92,7 +91,8 @@ class Validator {
       case FieldType::String:
         return v.isString() || mismatch(f, v, at);
       case FieldType::Int:
-        if (v.isInteger() && !v.getInt()) return fail(at.text() + ": expected integer, found integer above 2^63-1");
+        if (v.isInteger() && !v.getInt())
+          return fail(at.text() + ": expected integer, found integer above 2^63-1");
         return v.isInteger() || mismatch(f, v, at);
       case FieldType::UInt:
         if (v.isInteger() && !v.getUInt())
@@ -109,7 +109,8 @@ class Validator {
       case FieldType::Guid:
         if (!v.isData()) return mismatch(f, v, at);
         if (v.getData()->size() != 16) {
-          return fail(fmt::format("{}: expected a 16-byte GUID, found {} bytes", at.text(), v.getData()->size()));
+          return fail(
+              fmt::format("{}: expected a 16-byte GUID, found {} bytes", at.text(), v.getData()->size()));
         }
         return true;
       case FieldType::Record:

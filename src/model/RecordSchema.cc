@@ -86,7 +86,8 @@ RecordSchema::RecordSchema(std::vector<ClassDef> classes) : classes_(std::move(c
   }
   fieldByName_.resize(classes_.size());
   for (size_t i = 0; i < classes_.size(); ++i) {
-    for (auto it = fields_[i].rbegin(); it != fields_[i].rend(); ++it) fieldByName_[i].emplace((*it)->name, *it);
+    for (auto it = fields_[i].rbegin(); it != fields_[i].rend(); ++it)
+      fieldByName_[i].emplace((*it)->name, *it);
   }
 }
 

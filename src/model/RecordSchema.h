@@ -11,9 +11,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <unordered_map>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace vorlen {
@@ -87,7 +87,7 @@ class RecordSchema {
 
   std::vector<ClassDef> classes_;
   std::unordered_map<std::string, size_t, NameHash, std::equal_to<>> index_;
-  std::vector<size_t> superclass_;                     // per class: its superclass's index, or kNone
+  std::vector<size_t> superclass_;                    // per class: its superclass's index, or kNone
   std::vector<std::vector<const FieldDef*>> fields_;  // per class: allFields()
   // per class: field() by name; of a name declared along the chain twice, the subclass's wins
   std::vector<std::unordered_map<std::string_view, const FieldDef*>> fieldByName_;

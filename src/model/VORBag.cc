@@ -58,9 +58,9 @@ std::string lower(std::string_view s) {
 const RecordBinding<VORBagRecord>& VORBagRecord::binding() {
   using B = RecordBinding<VORBagRecord>;
   static const B* const b = new B(kClassName, {
-                                   B::field("rawBag", &VORBagRecord::rawBag),
-                                   B::field("userAgent", &VORBagRecord::userAgent),
-                               });
+                                                  B::field("rawBag", &VORBagRecord::rawBag),
+                                                  B::field("userAgent", &VORBagRecord::userAgent),
+                                              });
   return *b;
 }
 

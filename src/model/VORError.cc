@@ -9,10 +9,10 @@ namespace vorlen {
 const RecordBinding<VORError>& VORError::binding() {
   using B = RecordBinding<VORError>;
   static const B* const b = new B(kClassName, {
-                                   B::field("domain", &VORError::domain, /*required=*/true),
-                                   B::field("code", &VORError::code, /*required=*/true),
-                                   B::field("userInfo", &VORError::userInfo),
-                               });
+                                                  B::field("domain", &VORError::domain, /*required=*/true),
+                                                  B::field("code", &VORError::code, /*required=*/true),
+                                                  B::field("userInfo", &VORError::userInfo),
+                                              });
   return *b;
 }
 

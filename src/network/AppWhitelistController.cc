@@ -33,7 +33,7 @@ AppWhitelistController::AppWhitelistController(const Assembly& assembly)
       clock_(assembly.clock() ? assembly.clock() : Clock::system()) {}
 
 AppWhitelistController::~AppWhitelistController() {
-  if (_timer) _timer->cancel();
+  if (timer_) timer_->cancel();
 }
 
 std::shared_ptr<AppWhitelistController> AppWhitelistController::create(const Assembly& assembly) {
@@ -43,29 +43,29 @@ std::shared_ptr<AppWhitelistController> AppWhitelistController::create(const Ass
 }
 
 void AppWhitelistController::_start() {
-  _backgroundQueue = Queue::serial("com.velmo.vorlend.appWhitelist", QueuePriority::Background, clock_);
+  backgroundQueue_ = Queue::serial("com.velmo.vorlend.appWhitelist", QueuePriority::Background, clock_);
   std::optional<std::string> stored =
       defaults_ ? defaults_->stringForKey(kSignaturePreference) : std::nullopt;
   setWhitelistSignature(stored);
 
   auto self = shared_from_this();
-  _timer = Timer::weak<AppWhitelistController>(
-      clock_, _backgroundQueue, self, [](AppWhitelistController& c) { c._generateWhitelistSignature(); });
+  timer_ = Timer::weak<AppWhitelistController>(
+      clock_, backgroundQueue_, self, [](AppWhitelistController& c) { c._generateWhitelistSignature(); });
   if (center_) {
-    std::weak_ptr<Timer> timer = _timer;
-    _registerToken = center_->addObserver(kPlatformInstalledApplicationsDidChangeNotification, nullptr,
+    std::weak_ptr<Timer> timer = timer_;
+    registerToken_ = center_->addObserver(kPlatformInstalledApplicationsDidChangeNotification, nullptr,
                                           [timer](const Notification&) {
                                             if (auto t = timer.lock()) t->arm(kDebounce);
                                           });
   }
   if (!stored) {
     std::weak_ptr<AppWhitelistController> weak = self;
-    _backgroundQueue->async([weak] {
+    backgroundQueue_->async([weak] {
       if (auto c = weak.lock()) c->_generateWhitelistSignature();
     });
   }
   if (center_) {
-    _downloadToken = center_->addObserver<AppWhitelistController>(
+    downloadToken_ = center_->addObserver<AppWhitelistController>(
         kVORFileDownloadCompletedNotification, nullptr, self,
         [](AppWhitelistController& c, const Notification& n) { c._handleNewWhitelistFile(n); });
   }
@@ -89,13 +89,13 @@ void AppWhitelistController::_handleNewWhitelistFile(const Notification& notific
   const std::string* id = identifier ? identifier->getString() : nullptr;
   if (!id || *id != kVORInstalledAppWhitelistResource) return;
   std::weak_ptr<AppWhitelistController> weak = weak_from_this();
-  _backgroundQueue->async([weak] {
+  backgroundQueue_->async([weak] {
     if (auto c = weak.lock()) c->_generateWhitelistSignature();
   });
 }
 
 void AppWhitelistController::_generateWhitelistSignature() {
-  _backgroundQueue->assertCurrent();
+  backgroundQueue_->assertCurrent();
   Transaction transaction("appWhitelist");
   std::optional<std::string> signature = _generate();
   if (defaults_) {
@@ -108,7 +108,7 @@ void AppWhitelistController::_generateWhitelistSignature() {
 }
 
 std::optional<std::string> AppWhitelistController::_generate() {
-  _backgroundQueue->assertCurrent();
+  backgroundQueue_->assertCurrent();
   log().debug("generating app whitelist");
   if (!downloadManager_) {
     log().error("error reading app whitelist {}", "no download manager");
@@ -138,7 +138,7 @@ std::optional<std::string> AppWhitelistController::_generate() {
 }
 
 void AppWhitelistController::drainForTesting() {
-  _backgroundQueue->sync([] {});
+  backgroundQueue_->sync([] {});
 }
 
 }  // namespace vorlen

@@ -60,7 +60,7 @@ class AppWhitelistController : public std::enable_shared_from_this<AppWhitelistC
 
   // Waits until every generation queued so far has run.
   void drainForTesting();
-  bool debounceArmedForTesting() const { return _timer && _timer->isArmed(); }
+  bool debounceArmedForTesting() const { return timer_ && timer_->isArmed(); }
 
  private:
   explicit AppWhitelistController(const Assembly& assembly);
@@ -72,10 +72,10 @@ class AppWhitelistController : public std::enable_shared_from_this<AppWhitelistC
   std::shared_ptr<InstalledApplications> installed_;
   std::weak_ptr<VORNetworkRequestFactory> requestFactory_;
   std::shared_ptr<Clock> clock_;
-  std::shared_ptr<Queue> _backgroundQueue;
-  std::shared_ptr<Timer> _timer;
-  std::unique_ptr<NotificationCenter::Token> _registerToken;
-  std::unique_ptr<NotificationCenter::Token> _downloadToken;
+  std::shared_ptr<Queue> backgroundQueue_;
+  std::shared_ptr<Timer> timer_;
+  std::unique_ptr<NotificationCenter::Token> registerToken_;
+  std::unique_ptr<NotificationCenter::Token> downloadToken_;
 
   mutable std::mutex mu_;
   std::optional<std::string> whitelistSignature_;  // guarded by mu_

@@ -332,7 +332,8 @@ void HttpTransfer::complete(CURLcode code) {
       downloadPath_.clear();
     }
   } else if (tooLarge_) {
-    r.error = HttpError::make(HttpError::kDataLengthExceedsMaximum, "download larger than the session allows", url_);
+    r.error = HttpError::make(HttpError::kDataLengthExceedsMaximum, "download larger than the session allows",
+                              url_);
   } else if (writeFailed_) {
     r.error = HttpError::make(HttpError::kCannotWriteToFile, "cannot write download file", url_);
   } else if (readFailed_) {

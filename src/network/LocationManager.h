@@ -62,8 +62,8 @@ class LocationManager : public std::enable_shared_from_this<LocationManager> {
   std::shared_ptr<LocationProvider> provider_;
   std::shared_ptr<GeoSession> geoSession_;
   std::shared_ptr<GeoConfiguration> geo_;
-  std::shared_ptr<Queue> _queue;
-  bool _hasLocationClient = false;  // on _queue
+  std::shared_ptr<Queue> queue_;
+  bool hasLocationClient_ = false;  // on queue_
 };
 
 }  // namespace vorlen

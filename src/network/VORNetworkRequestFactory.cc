@@ -21,7 +21,9 @@ namespace vorlen {
 
 namespace {
 
-const Logger& requestLog() { return VorlenLogForCategory(VorlenLogCategoryRequest); }
+const Logger& requestLog() {
+  return VorlenLogForCategory(VorlenLogCategoryRequest);
+}
 
 constexpr const char* kDebugParametersKey = "VORDebugParameters";
 constexpr const char* kUseQuintaraKey = "VORUseQuintara";
@@ -81,7 +83,7 @@ constexpr ContextRow kContextRows[] = {
     {kTyped, [](auto& c, auto& b, auto&) { c._addCalendarQueryItem(b); }},
     {kTyped, [](auto& c, auto& b, auto&) { c._addTimeZoneQueryItem(b); }},
     {kTyped, [](auto& c, auto& b, auto&) { c._addTemperatureUnitsQueryItem(b); }},
-    {kTyped, [](auto& c, auto& b, auto&) { c._addTempUnitPreferenceQueryItem(b, c._tempUnits); }},
+    {kTyped, [](auto& c, auto& b, auto&) { c._addTempUnitPreferenceQueryItem(b, c.tempUnits_); }},
     {kTyped, [](auto& c, auto& b, auto&) { c._add24hDateFormatQueryItem(b); }},
     {kTyped, [](auto& c, auto& b, auto&) { c._addSilhouetteTopics(b); }},
     {kTyped | kCard | kLookup | kFlight,
@@ -118,8 +120,8 @@ void addSharedContext(unsigned kind, const VORRequestContext& c, VorlenURLReques
 
 struct VORNetworkRequestFactory::Impl {
   Impl(const Assembly& assembly, std::shared_ptr<Queue> queue)
-      : _contextAccessQueue(std::move(queue)),
-        context(_contextAccessQueue, assembly.locationManager),
+      : contextAccessQueue_(std::move(queue)),
+        context(contextAccessQueue_, assembly.locationManager),
         defaults(assembly.userDefaults),
         center(assembly.notificationCenter),
         locationManager(assembly.locationManager),
@@ -128,8 +130,8 @@ struct VORNetworkRequestFactory::Impl {
         device(assembly.platform.device),
         clock(assembly.clock() ? assembly.clock() : Clock::system()) {}
 
-  std::shared_ptr<Queue> _contextAccessQueue;
-  VORRequestContext context;  // on _contextAccessQueue
+  std::shared_ptr<Queue> contextAccessQueue_;
+  VORRequestContext context;                       // on contextAccessQueue_
   std::optional<std::string> debugParametersText;  // the preference text the debug items were parsed from
   std::optional<std::string> _vorlendUserAgent;
 
@@ -159,11 +161,12 @@ struct VORNetworkRequestFactory::Impl {
 
   // Re-parses "VORDebugParameters" when its text changed since the last request.
   void _refreshDebugParameters() {
-    _contextAccessQueue->assertCurrent();
+    contextAccessQueue_->assertCurrent();
     std::optional<std::string> text = defaults ? defaults->stringForKey(kDebugParametersKey) : std::nullopt;
     if (text == debugParametersText) return;
     debugParametersText = text;
-    context._debuggingQueryItems = text ? VORRequestContext::parseDebugParameters(*text) : std::vector<QueryItem>{};
+    context.debuggingQueryItems_ =
+        text ? VORRequestContext::parseDebugParameters(*text) : std::vector<QueryItem>{};
   }
 
   bool useQuintara() const { return defaults && defaults->boolForKey(kUseQuintaraKey); }
@@ -171,7 +174,7 @@ struct VORNetworkRequestFactory::Impl {
   // What the bag fetch and the bag-cache request share, with the debug items read afresh: the version,
   // the debug items, locale, language, country and the alternate endpoint switch.
   void _addBagContext(VorlenURLRequestBuilder& b, const std::optional<std::string>& version, bool quintara) {
-    _contextAccessQueue->assertCurrent();
+    contextAccessQueue_->assertCurrent();
     _refreshDebugParameters();
     context._addVersionQueryItem(b, version);
     context._addDebugQueryItems(b);
@@ -199,7 +202,7 @@ struct VORNetworkRequestFactory::Impl {
   template <class Fill>
   std::optional<HttpRequest> compose(VorlenURLRequestBuilder& b, double timeout, Fill&& fill) {
     std::optional<HttpRequest> out;
-    _contextAccessQueue->sync([&] {
+    contextAccessQueue_->sync([&] {
       _refreshDebugParameters();
       fill(context, b);
       out = b.createMutableUrlRequest();
@@ -233,8 +236,8 @@ std::shared_ptr<VORNetworkRequestFactory> VORNetworkRequestFactory::create(const
 }
 
 VORNetworkRequestFactory::VORNetworkRequestFactory(const Assembly& assembly)
-    : impl_(std::make_unique<Impl>(assembly, Queue::serial("com.velmo.vorlend.contextaccess", QueuePriority::Default,
-                                                           assembly.clock()))) {
+    : impl_(std::make_unique<Impl>(assembly, Queue::serial("com.velmo.vorlend.contextaccess",
+                                                           QueuePriority::Default, assembly.clock()))) {
   if (impl_->device) impl_->_vorlendUserAgent = createUserAgentString(kVORVorlendNameVersion, *impl_->device);
 }
 
@@ -255,17 +258,19 @@ void VORNetworkRequestFactory::_setUp() {
     if (!text.empty()) metadata = std::move(text);
   }
   const int authorization = d.locationManager ? d.locationManager->authorizationStatus() : 0;
-  d._contextAccessQueue->sync([&] {
-    d.context._geoClientMetadata = metadata;
+  d.contextAccessQueue_->sync([&] {
+    d.context.geoClientMetadata_ = metadata;
     // _initLocationServices: until a fix arrives the source says why there is none.
-    d.context._geoLocationSource = LocationProvider::isAuthorized(authorization) ? "error.init" : "userno";
+    d.context.geoLocationSource_ = LocationProvider::isAuthorized(authorization) ? "error.init" : "userno";
   });
   _updateDeviceRestrictions();
   _updateIsManagedAccount();
 
   if (!d.center) return;
-  auto observe = [&](const char* name, std::function<void(VORNetworkRequestFactory&, const Notification&)> handler) {
-    d.observers.push_back(d.center->addObserver<VORNetworkRequestFactory>(name, nullptr, self, std::move(handler)));
+  auto observe = [&](const char* name,
+                     std::function<void(VORNetworkRequestFactory&, const Notification&)> handler) {
+    d.observers.push_back(
+        d.center->addObserver<VORNetworkRequestFactory>(name, nullptr, self, std::move(handler)));
   };
   observe(kPlatformCurrentLocaleDidChangeNotification,
           [](VORNetworkRequestFactory& f, const Notification&) { f._updateLocaleContexts(true); });
@@ -283,7 +288,8 @@ void VORNetworkRequestFactory::_setUp() {
           [](VORNetworkRequestFactory& f, const Notification& n) { f.bagChangeNotification(n); });
 }
 
-// ---- Context updates ---------------------------------------------------------------------------------------
+// ---- Context updates
+// ---------------------------------------------------------------------------------------
 
 void VORNetworkRequestFactory::_updateLocaleContexts(bool announce) {
   Impl& d = *impl_;
@@ -292,23 +298,25 @@ void VORNetworkRequestFactory::_updateLocaleContexts(bool announce) {
   const LocaleProvider& locale = *d.locale;
   std::string identifier = locale.localeIdentifier();
   std::string calendar = locale.calendarIdentifier();
-  std::optional<std::string> measurement = VORRequestContext::measurementSystemCode(locale.measurementSystem());
-  std::optional<std::string> languages = VORRequestContext::preferredLanguagesText(locale.preferredLanguages());
+  std::optional<std::string> measurement =
+      VORRequestContext::measurementSystemCode(locale.measurementSystem());
+  std::optional<std::string> languages =
+      VORRequestContext::preferredLanguagesText(locale.preferredLanguages());
   std::string temperature = locale.preferredTemperatureUnit().value_or(locale.localeTemperatureUnit());
   std::string esl = locale.effectiveSystemLanguage();
   bool is24h = locale.hourFormatPattern().find("HH") != std::string::npos;
   std::string timeZone = locale.timeZoneName();
 
-  d._contextAccessQueue->sync([&] {
+  d.contextAccessQueue_->sync([&] {
     VORRequestContext& c = d.context;
-    c._localeIdentifier = identifier.empty() ? std::nullopt : std::optional(identifier);
-    c._localeCalendarIdentifier = calendar.empty() ? std::nullopt : std::optional(calendar);
-    c._localeMeasurementSystem = measurement;
-    c._preferredLanguages = languages;
-    c._tempUnits = temperature.empty() ? std::nullopt : std::optional(temperature.substr(0, 1));
-    c._effectiveSystemLanguage = esl.empty() ? std::nullopt : std::optional(esl);
-    c._is24hDateFormat = is24h ? std::optional<std::string>("1") : std::nullopt;
-    c._localTimeZoneName = timeZone.empty() ? std::nullopt : std::optional(timeZone);
+    c.localeIdentifier_ = identifier.empty() ? std::nullopt : std::optional(identifier);
+    c.localeCalendarIdentifier_ = calendar.empty() ? std::nullopt : std::optional(calendar);
+    c.localeMeasurementSystem_ = measurement;
+    c.preferredLanguages_ = languages;
+    c.tempUnits_ = temperature.empty() ? std::nullopt : std::optional(temperature.substr(0, 1));
+    c.effectiveSystemLanguage_ = esl.empty() ? std::nullopt : std::optional(esl);
+    c.is24hDateFormat_ = is24h ? std::optional<std::string>("1") : std::nullopt;
+    c.localTimeZoneName_ = timeZone.empty() ? std::nullopt : std::optional(timeZone);
   });
   // Posted off the context queue, after the update: observers (the bag controller) build requests at once.
   if (announce && d.center) d.center->post(kVORBagRefreshRequired, this);
@@ -318,8 +326,8 @@ void VORNetworkRequestFactory::_updateTimeZoneName() {
   Impl& d = *impl_;
   if (!d.locale) return;
   std::string timeZone = d.locale->timeZoneName();
-  d._contextAccessQueue->sync(
-      [&] { d.context._localTimeZoneName = timeZone.empty() ? std::nullopt : std::optional(timeZone); });
+  d.contextAccessQueue_->sync(
+      [&] { d.context.localTimeZoneName_ = timeZone.empty() ? std::nullopt : std::optional(timeZone); });
 }
 
 void VORNetworkRequestFactory::_updateDeviceCountryCode(bool announce) {
@@ -327,9 +335,9 @@ void VORNetworkRequestFactory::_updateDeviceCountryCode(bool announce) {
   std::string code = d.locationManager ? d.locationManager->getDeviceCountryCode() : std::string();
   std::optional<std::string> next = code.empty() ? std::nullopt : std::optional(code);
   bool changed = false;
-  d._contextAccessQueue->sync([&] {
-    changed = d.context._geoDeviceCountryCode != next;
-    d.context._geoDeviceCountryCode = next;
+  d.contextAccessQueue_->sync([&] {
+    changed = d.context.geoDeviceCountryCode_ != next;
+    d.context.geoDeviceCountryCode_ = next;
   });
   if (changed && announce && d.center) d.center->post(kVORBagRefreshRequired, this);
 }
@@ -338,9 +346,9 @@ void VORNetworkRequestFactory::_updateDeviceRestrictions() {
   Impl& d = *impl_;
   if (!d.restrictions) return;
   const DeviceRestrictions& r = *d.restrictions;
-  d._contextAccessQueue->sync([&] {
+  d.contextAccessQueue_->sync([&] {
     requestLog().debug("device restriction have changed, currently restriction status is {}",
-                       int(d.context._deviceRestricted));
+                       int(d.context.deviceRestricted_));
     bool restricted;
     if (r.bookStoreSetting() == DeviceRestrictions::kNo) {
       restricted = true;
@@ -349,9 +357,9 @@ void VORNetworkRequestFactory::_updateDeviceRestrictions() {
     } else {
       restricted = !r.isAppInstallationAllowed();
     }
-    d.context._diagnosticsAllowed = r.isDiagnosticSubmissionAllowed();
-    if (restricted != d.context._deviceRestricted) {
-      d.context._deviceRestricted = restricted;
+    d.context.diagnosticsAllowed_ = r.isDiagnosticSubmissionAllowed();
+    if (restricted != d.context.deviceRestricted_) {
+      d.context.deviceRestricted_ = restricted;
       requestLog().info("updating device restriction status to: {}", int(restricted));
     }
   });
@@ -361,9 +369,9 @@ void VORNetworkRequestFactory::_updateIsManagedAccount() {
   Impl& d = *impl_;
   if (!d.restrictions) return;
   bool managed = d.restrictions->isManagedAccount();
-  d._contextAccessQueue->sync([&] {
-    if (managed == d.context._isManagedAccount) return;
-    d.context._isManagedAccount = managed;
+  d.contextAccessQueue_->sync([&] {
+    if (managed == d.context.isManagedAccount_) return;
+    d.context.isManagedAccount_ = managed;
     requestLog().info("updating managed account status to: {}", int(managed));
   });
 }
@@ -379,11 +387,11 @@ void VORNetworkRequestFactory::_didGetBag(const VORBag& bag) {
   Impl& d = *impl_;
   std::vector<std::string> sources = bag.supportedGeoLocationSources();
   std::weak_ptr<VORNetworkRequestFactory> weak = weak_from_this();
-  d._contextAccessQueue->async([weak, sources] {
+  d.contextAccessQueue_->async([weak, sources] {
     auto self = weak.lock();
     if (!self) return;
     Impl& d = *self->impl_;
-    d.context._supportedGeoLocationSources = sources;
+    d.context.supportedGeoLocationSources_ = sources;
     if (!sources.empty()) {
       if (d.locationManager) d.locationManager->startUpdatingLocation(self);
     } else {
@@ -417,7 +425,8 @@ std::optional<Value::Dict> VORNetworkRequestFactory::networkServiceProxyConfigur
   return impl_->proxyConfiguration;
 }
 
-// ---- Pushed context ----------------------------------------------------------------------------------------
+// ---- Pushed context
+// ----------------------------------------------------------------------------------------
 
 void VORNetworkRequestFactory::setSilhouetteTopics(const Value& topics) {
   std::optional<std::string> text;
@@ -426,31 +435,33 @@ void VORNetworkRequestFactory::setSilhouetteTopics(const Value& topics) {
   } else {
     text = VORRequestContext::jsonText(topics);
   }
-  impl_->_contextAccessQueue->sync([&] { impl_->context._silhouetteTopicsStr = text; });
+  impl_->contextAccessQueue_->sync([&] { impl_->context.silhouetteTopicsStr_ = text; });
 }
 
 void VORNetworkRequestFactory::setPerformedSearch() {
-  impl_->_contextAccessQueue->sync([&] { impl_->context.setPerformedSearch(); });
+  impl_->contextAccessQueue_->sync([&] { impl_->context.setPerformedSearch(); });
 }
 
-void VORNetworkRequestFactory::subscriptionManagerDidUpdateSubscriptionDictionaries(const Value::Array& dictionaries) {
+void VORNetworkRequestFactory::subscriptionManagerDidUpdateSubscriptionDictionaries(
+    const Value::Array& dictionaries) {
   std::optional<std::string> text;
   if (!dictionaries.empty()) {
     text = VORRequestContext::jsonText(Value(dictionaries));
     if (!text) {
-      VorlenLogForCategory(VorlenLogCategorySubscription).error("cannot encode subscription dictionaries as JSON");
+      VorlenLogForCategory(VorlenLogCategorySubscription)
+          .error("cannot encode subscription dictionaries as JSON");
     }
   }
-  impl_->_contextAccessQueue->sync([&] { impl_->context._subscriptionInfo = text; });
+  impl_->contextAccessQueue_->sync([&] { impl_->context.subscriptionInfo_ = text; });
 }
 
 void VORNetworkRequestFactory::subscriptionManagerDidUpdateStorefrontIdentifier(
     const std::optional<std::string>& storefront) {
-  impl_->_contextAccessQueue->sync([&] { impl_->context._storeFrontIdentifier = storefront; });
+  impl_->contextAccessQueue_->sync([&] { impl_->context.storeFrontIdentifier_ = storefront; });
 }
 
 void VORNetworkRequestFactory::setAppWhitelistSignature(const std::optional<std::string>& signature) {
-  impl_->_contextAccessQueue->sync([&] { impl_->context._appWhitelistSignature = signature; });
+  impl_->contextAccessQueue_->sync([&] { impl_->context.appWhitelistSignature_ = signature; });
 }
 
 std::optional<GeoSessionEntity> VORNetworkRequestFactory::getMapsUserSessionEntityAndReset(bool reset) {
@@ -459,59 +470,63 @@ std::optional<GeoSessionEntity> VORNetworkRequestFactory::getMapsUserSessionEnti
 }
 
 void VORNetworkRequestFactory::flushContextAccessQueue() {
-  impl_->_contextAccessQueue->sync([] {});
+  impl_->contextAccessQueue_->sync([] {});
 }
 
 VORNetworkRequestFactory::LocationState VORNetworkRequestFactory::locationStateForTesting() {
   LocationState state;
-  impl_->_contextAccessQueue->sync([&] {
-    state.latLng = impl_->context._geoLocationLatLng;
-    state.source = impl_->context._geoLocationSource;
-    state.lookupLatLng = impl_->context._lookupGeoLocationLatLng;
+  impl_->contextAccessQueue_->sync([&] {
+    state.latLng = impl_->context.geoLocationLatLng_;
+    state.source = impl_->context.geoLocationSource_;
+    state.lookupLatLng = impl_->context.lookupGeoLocationLatLng_;
   });
   return state;
 }
 
-// ---- Location delegate -------------------------------------------------------------------------------------
+// ---- Location delegate
+// -------------------------------------------------------------------------------------
 
 void VORNetworkRequestFactory::locationManagerDidUpdateLocations(const std::vector<LocationFix>& locations) {
   if (locations.empty()) return;
   LocationFix last = locations.back();
   std::weak_ptr<VORNetworkRequestFactory> weak = weak_from_this();
-  impl_->_contextAccessQueue->async([weak, last] {
+  impl_->contextAccessQueue_->async([weak, last] {
     auto self = weak.lock();
     if (!self) return;
     Impl& d = *self->impl_;
     // One fix per start: a fix the bag accepts ends the updates; a refused one leaves them running.
-    if (d.context._setLocationIfAllowedByBag(last) && d.locationManager) d.locationManager->stopUpdatingLocation();
+    if (d.context._setLocationIfAllowedByBag(last) && d.locationManager)
+      d.locationManager->stopUpdatingLocation();
   });
 }
 
 void VORNetworkRequestFactory::locationManagerDidFailWithError(const std::string& error) {
   requestLog().fault("Location determination failed with error {}", error);
   std::weak_ptr<VORNetworkRequestFactory> weak = weak_from_this();
-  impl_->_contextAccessQueue->async([weak] {
+  impl_->contextAccessQueue_->async([weak] {
     if (auto self = weak.lock()) self->impl_->context._setNoLocationWithReason("error.fail");
   });
 }
 
 void VORNetworkRequestFactory::locationManagerDidChangeAuthorizationStatus(int status) {
   Impl& d = *impl_;
-  if (d.locationManager && d.locationManager->locationServicesEnabled() && LocationProvider::isAuthorized(status)) {
+  if (d.locationManager && d.locationManager->locationServicesEnabled() &&
+      LocationProvider::isAuthorized(status)) {
     d.locationManager->startUpdatingLocation(weak_from_this());
     return;
   }
   std::weak_ptr<VORNetworkRequestFactory> weak = weak_from_this();
-  d._contextAccessQueue->async([weak] {
+  d.contextAccessQueue_->async([weak] {
     if (auto self = weak.lock()) self->impl_->context._setNoLocationWithReason("userno");
   });
 }
 
-// ---- Query requests ----------------------------------------------------------------------------------------
+// ---- Query requests
+// ----------------------------------------------------------------------------------------
 
-std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSearchRequest& query, const VORBag& bag,
-                                                                   const Uuid& userGuid, const VORRequestClient& client,
-                                                                   const std::optional<std::string>& fieldMask) {
+std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(
+    const VORSearchRequest& query, const VORBag& bag, const Uuid& userGuid, const VORRequestClient& client,
+    const std::optional<std::string>& fieldMask) {
   Impl& d = *impl_;
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
@@ -540,7 +555,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
     c._addl2l3modelVersions(b, bag.l2version(), bag.l3version());
     c._addSuggestionStrings(b, query);
     // Only a held fix: a search never sends the reason there is none.
-    if (c._geoLocation) {
+    if (c.geoLocation_) {
       c._addLocationQueryItem(b);
       c._addLocationSourceQueryItem(b);
     }
@@ -548,10 +563,9 @@ std::optional<HttpRequest> VORNetworkRequestFactory::searchRequest(const VORSear
   return d.composeQuery(*builder, kSearch, {query, bag, userGuid, client}, fieldMask, forced, extra);
 }
 
-std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VORZeroKeywordRequest& query,
-                                                                        const VORBag& bag, const Uuid& userGuid,
-                                                                        const VORRequestClient& client,
-                                                                        const std::optional<std::string>& fieldMask) {
+std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(
+    const VORZeroKeywordRequest& query, const VORBag& bag, const Uuid& userGuid,
+    const VORRequestClient& client, const std::optional<std::string>& fieldMask) {
   Impl& d = *impl_;
   auto builder = builderFor(bag.searchURL(), "search");
   if (!builder) return std::nullopt;
@@ -561,10 +575,9 @@ std::optional<HttpRequest> VORNetworkRequestFactory::zeroKeywordRequest(const VO
   return d.composeQuery(*builder, kZeroKeyword, {query, bag, userGuid, client}, fieldMask, forced, kNothing);
 }
 
-std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VORMoreResultsRequest& query,
-                                                                        const VORBag& bag, const Uuid& userGuid,
-                                                                        const VORRequestClient& client,
-                                                                        const std::optional<std::string>& fieldMask) {
+std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(
+    const VORMoreResultsRequest& query, const VORBag& bag, const Uuid& userGuid,
+    const VORRequestClient& client, const std::optional<std::string>& fieldMask) {
   Impl& d = *impl_;
   auto builder = builderFor(bag.moreResultsURL(), "more results");
   if (!builder) return std::nullopt;
@@ -574,16 +587,17 @@ std::optional<HttpRequest> VORNetworkRequestFactory::moreResultsRequest(const VO
                         kNothing);
 }
 
-std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRequest& query, const VORBag& bag,
-                                                                 const Uuid& userGuid, const VORRequestClient& client) {
+std::optional<HttpRequest> VORNetworkRequestFactory::cardRequest(const VORCardRequest& query,
+                                                                 const VORBag& bag, const Uuid& userGuid,
+                                                                 const VORRequestClient& client) {
   Impl& d = *impl_;
   auto builder = builderFor(bag.cardURL(), "card");
   if (!builder) return std::nullopt;
   return d.composeQuery(*builder, kCard, {query, bag, userGuid, client}, std::nullopt, kNothing, kNothing);
 }
 
-std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLookupRequest& query, const VORBag& bag,
-                                                                   const Uuid& userGuid,
+std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLookupRequest& query,
+                                                                   const VORBag& bag, const Uuid& userGuid,
                                                                    const VORRequestClient& client) {
   Impl& d = *impl_;
   auto builder = builderFor(bag.searchURL(), "search");
@@ -601,7 +615,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::lookupRequest(const VORLook
 }
 
 std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const VORFlightSearchRequest& query,
-                                                                         const VORBag& bag, const Uuid& userGuid,
+                                                                         const VORBag& bag,
+                                                                         const Uuid& userGuid,
                                                                          const VORRequestClient& client) {
   Impl& d = *impl_;
   auto builder = builderFor(bag.flightURL(), "flight");
@@ -616,7 +631,8 @@ std::optional<HttpRequest> VORNetworkRequestFactory::flightSearchRequest(const V
   return d.composeQuery(*builder, kFlight, {query, bag, userGuid, client}, std::nullopt, forced, extra);
 }
 
-// ---- Other requests ----------------------------------------------------------------------------------------
+// ---- Other requests
+// ----------------------------------------------------------------------------------------
 
 std::optional<HttpRequest> VORNetworkRequestFactory::warmRequest(const std::string& url) {
   auto builder = builderFor(url, "warm");
@@ -630,22 +646,22 @@ std::optional<VorlenURLRequestBuilder> VORNetworkRequestFactory::_bagRequestBuil
     const BagController& controller) {
   Impl& d = *impl_;
   std::optional<std::string> country;
-  d._contextAccessQueue->sync([&] { country = d.context._geoDeviceCountryCode; });
+  d.contextAccessQueue_->sync([&] { country = d.context.geoDeviceCountryCode_; });
   std::string url = controller.bagFetchURLWithCountry(country);
   auto builder = VorlenURLRequestBuilder::requestBuilderWithURL(url);
   if (!builder) VorlenLogForCategory(VorlenLogCategoryBag).error("bag URL is not absolute: {}", url);
   return builder;
 }
 
-std::optional<HttpRequest> VORNetworkRequestFactory::bagFetchRequest(const BagController& controller,
-                                                                     const std::optional<std::string>& userAgent,
-                                                                     const std::optional<std::string>& version) {
+std::optional<HttpRequest> VORNetworkRequestFactory::bagFetchRequest(
+    const BagController& controller, const std::optional<std::string>& userAgent,
+    const std::optional<std::string>& version) {
   Impl& d = *impl_;
   auto builder = _bagRequestBuilder(controller);
   if (!builder) return std::nullopt;
   const bool quintara = d.useQuintara();
   std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
+  d.contextAccessQueue_->sync([&] {
     VorlenURLRequestBuilder& b = *builder;
     d._addBagContext(b, version, quintara);
     d.context._addSecretKeyQueryItem(b);
@@ -657,9 +673,9 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagFetchRequest(const BagCo
   return out;
 }
 
-std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagController& controller,
-                                                                     const std::optional<std::string>& userAgent,
-                                                                     const std::optional<std::string>& version) {
+std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(
+    const BagController& controller, const std::optional<std::string>& userAgent,
+    const std::optional<std::string>& version) {
   Impl& d = *impl_;
   Impl::BagCacheInputs inputs;
   inputs.preferencesChange = d.defaults ? d.defaults->changeCount() : 0;
@@ -667,10 +683,10 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagCo
   inputs.userAgent = userAgent;
   inputs.version = version;
   std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
-    inputs.country = d.context._geoDeviceCountryCode;
-    inputs.locale = d.context._localeIdentifier;
-    inputs.language = d.context._effectiveSystemLanguage;
+  d.contextAccessQueue_->sync([&] {
+    inputs.country = d.context.geoDeviceCountryCode_;
+    inputs.locale = d.context.localeIdentifier_;
+    inputs.language = d.context.effectiveSystemLanguage_;
     if (d.lastBagCacheRequest && d.lastBagCacheRequest->first == inputs) out = d.lastBagCacheRequest->second;
   });
   if (out) return out;
@@ -678,7 +694,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagCo
   auto builder = _bagRequestBuilder(controller);
   if (!builder) return std::nullopt;
   const bool quintara = d.useQuintara();
-  d._contextAccessQueue->sync([&] {
+  d.contextAccessQueue_->sync([&] {
     VorlenURLRequestBuilder& b = *builder;
     d._addBagContext(b, version, quintara);
     d.context._addAgentQueryItem(b, userAgent);
@@ -689,15 +705,15 @@ std::optional<HttpRequest> VORNetworkRequestFactory::bagCacheRequest(const BagCo
   return out;
 }
 
-std::optional<HttpRequest> VORNetworkRequestFactory::fileDownloadRequest(const std::string& url,
-                                                                         const std::optional<std::string>& version,
-                                                                         bool includeLatLong) {
+std::optional<HttpRequest> VORNetworkRequestFactory::fileDownloadRequest(
+    const std::string& url, const std::optional<std::string>& version, bool includeLatLong) {
   Impl& d = *impl_;
   auto builder = builderFor(url, "resource");
   if (!builder) return std::nullopt;
-  std::optional<std::string> agent = d.device ? createUserAgentString(kDownloadClientText, *d.device) : std::nullopt;
+  std::optional<std::string> agent =
+      d.device ? createUserAgentString(kDownloadClientText, *d.device) : std::nullopt;
   std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
+  d.contextAccessQueue_->sync([&] {
     const VORRequestContext& c = d.context;
     VorlenURLRequestBuilder& b = *builder;
     c._addSecretKeyQueryItem(b);
@@ -716,7 +732,7 @@ std::optional<HttpRequest> VORNetworkRequestFactory::flusherUploadRequest(const 
   auto builder = builderFor(url, "upload");
   if (!builder) return std::nullopt;
   std::optional<HttpRequest> out;
-  d._contextAccessQueue->sync([&] {
+  d.contextAccessQueue_->sync([&] {
     d._refreshDebugParameters();
     const VORRequestContext& c = d.context;
     VorlenURLRequestBuilder& b = *builder;

@@ -86,8 +86,8 @@ class VORNetworkRequestFactory final : public LocationDelegate,
   // The display scale ("X-Velmo-UI-Scale") and keyboard input mode ("kb_ime") come from the query itself.
 
   // Search (bag searchURL); starts location updates first when the bag supports location.
-  std::optional<HttpRequest> searchRequest(const VORSearchRequest& query, const VORBag& bag, const Uuid& userGuid,
-                                           const VORRequestClient& client,
+  std::optional<HttpRequest> searchRequest(const VORSearchRequest& query, const VORBag& bag,
+                                           const Uuid& userGuid, const VORRequestClient& client,
                                            const std::optional<std::string>& fieldMask = std::nullopt);
   // Zero keyword (bag searchURL, "qtype=zkw" unless the query's items say otherwise); always starts location.
   std::optional<HttpRequest> zeroKeywordRequest(const VORZeroKeywordRequest& query, const VORBag& bag,
@@ -102,8 +102,8 @@ class VORNetworkRequestFactory final : public LocationDelegate,
   std::optional<HttpRequest> cardRequest(const VORCardRequest& query, const VORBag& bag, const Uuid& userGuid,
                                          const VORRequestClient& client);
   // Look-up (bag searchURL); always starts location.
-  std::optional<HttpRequest> lookupRequest(const VORLookupRequest& query, const VORBag& bag, const Uuid& userGuid,
-                                           const VORRequestClient& client);
+  std::optional<HttpRequest> lookupRequest(const VORLookupRequest& query, const VORBag& bag,
+                                           const Uuid& userGuid, const VORRequestClient& client);
   // Flight search (bag flightURL, "Accept: application/x-protobuf"); always starts location.
   std::optional<HttpRequest> flightSearchRequest(const VORFlightSearchRequest& query, const VORBag& bag,
                                                  const Uuid& userGuid, const VORRequestClient& client);
@@ -124,7 +124,8 @@ class VORNetworkRequestFactory final : public LocationDelegate,
                                              const std::optional<std::string>& userAgent,
                                              const std::optional<std::string>& version);
   // A resource file download; `version` (the stored version) becomes "If-None-Match".
-  std::optional<HttpRequest> fileDownloadRequest(const std::string& url, const std::optional<std::string>& version,
+  std::optional<HttpRequest> fileDownloadRequest(const std::string& url,
+                                                 const std::optional<std::string>& version,
                                                  bool includeLatLong);
   // A compressed feedback upload: POST, "Content-Encoding: deflate", "X-Velmo-Digest" = `digest`.
   std::optional<HttpRequest> flusherUploadRequest(const std::string& url, double timeoutSeconds,

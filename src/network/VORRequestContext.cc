@@ -18,9 +18,13 @@ namespace vorlen {
 
 namespace {
 
-const Logger& requestLog() { return VorlenLogForCategory(VorlenLogCategoryRequest); }
+const Logger& requestLog() {
+  return VorlenLogForCategory(VorlenLogCategoryRequest);
+}
 
-bool present(const std::optional<std::string>& s) { return s && !s->empty(); }
+bool present(const std::optional<std::string>& s) {
+  return s && !s->empty();
+}
 
 // The shape of most add-operations: the item (or header) `name` with default semantics, left out when
 // `value` is absent or empty.
@@ -136,141 +140,145 @@ std::optional<std::string> languageForScript(UScriptCode script, bool hasKana) {
 
 VORRequestContext::VORRequestContext(std::shared_ptr<Queue> contextAccessQueue,
                                      std::shared_ptr<LocationManager> locationManager)
-    : _contextAccessQueue(std::move(contextAccessQueue)), locationManager_(std::move(locationManager)) {}
+    : contextAccessQueue_(std::move(contextAccessQueue)), locationManager_(std::move(locationManager)) {}
 
 // ---- Query items.
 
 void VORRequestContext::_addSecretKeyQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   b.defaultQueryItemWithName("key", kSecretKey);
 }
 
 void VORRequestContext::_addLocaleQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  b.defaultQueryItemWithName("locale", _localeIdentifier);
+  contextAccessQueue_->assertCurrent();
+  b.defaultQueryItemWithName("locale", localeIdentifier_);
 }
 
 void VORRequestContext::_addDiagnosticsAndUsageQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  if (_diagnosticsAllowed) b.defaultQueryItemWithName("du_enabled", "1");
+  contextAccessQueue_->assertCurrent();
+  if (diagnosticsAllowed_) b.defaultQueryItemWithName("du_enabled", "1");
 }
 
 void VORRequestContext::_addKeyboardInputModeQueryItem(VorlenURLRequestBuilder& b,
                                                        const std::optional<std::string>& mode) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   addItem(b, "kb_ime", mode);
 }
 
 void VORRequestContext::_addTempUnitPreferenceQueryItem(VorlenURLRequestBuilder& b,
                                                         const std::optional<std::string>& temp) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   addItem(b, "temp", temp);
 }
 
-void VORRequestContext::_addQueryLanguageQueryItem(VorlenURLRequestBuilder& b, const std::string& queryString) const {
-  _contextAccessQueue->assertCurrent();
+void VORRequestContext::_addQueryLanguageQueryItem(VorlenURLRequestBuilder& b,
+                                                   const std::string& queryString) const {
+  contextAccessQueue_->assertCurrent();
   if (auto language = detectLanguage(queryString)) b.defaultQueryItemWithName("qlang", *language);
 }
 
 void VORRequestContext::_addLookupContextLanguageQueryItem(VorlenURLRequestBuilder& b,
                                                            const std::string& lookupContext) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   if (auto language = detectLanguage(lookupContext)) b.defaultQueryItemWithName("lctxlang", *language);
 }
 
-void VORRequestContext::_addLookupHintDomainQueryItem(VorlenURLRequestBuilder& b, const std::string& hintDomain) const {
-  _contextAccessQueue->assertCurrent();
+void VORRequestContext::_addLookupHintDomainQueryItem(VorlenURLRequestBuilder& b,
+                                                      const std::string& hintDomain) const {
+  contextAccessQueue_->assertCurrent();
   if (!hintDomain.empty()) b.defaultQueryItemWithName("ldomain", hintDomain);
 }
 
-void VORRequestContext::_addClientContextQueryItem(VorlenURLRequestBuilder& b, const std::string& context) const {
-  _contextAccessQueue->assertCurrent();
+void VORRequestContext::_addClientContextQueryItem(VorlenURLRequestBuilder& b,
+                                                   const std::string& context) const {
+  contextAccessQueue_->assertCurrent();
   b.defaultQueryItemWithName("context", context);
 }
 
-void VORRequestContext::_addLookupSelectionType(VorlenURLRequestBuilder& b, uint64_t lookupSelectionType) const {
-  _contextAccessQueue->assertCurrent();
+void VORRequestContext::_addLookupSelectionType(VorlenURLRequestBuilder& b,
+                                                uint64_t lookupSelectionType) const {
+  contextAccessQueue_->assertCurrent();
   const char* type = lookupSelectionType == 2 ? "hint" : lookupSelectionType == 1 ? "explicit" : "default";
   b.defaultQueryItemWithName("ltype", type);
 }
 
 void VORRequestContext::_addManagedAccountQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  if (_isManagedAccount || _deviceRestricted) b.defaultQueryItemWithName("mode", "managed");
+  contextAccessQueue_->assertCurrent();
+  if (isManagedAccount_ || deviceRestricted_) b.defaultQueryItemWithName("mode", "managed");
 }
 
 void VORRequestContext::_addVersionQueryItem(VorlenURLRequestBuilder& b,
                                              const std::optional<std::string>& version) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   addItem(b, "version", version);
 }
 
 void VORRequestContext::_addCardQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   b.defaultQueryItemWithName("card", "1");
 }
 
 void VORRequestContext::_addLocationQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "latlng", _geoLocationLatLng);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "latlng", geoLocationLatLng_);
 }
 
 void VORRequestContext::_addLocationSourceQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "geosrc", _geoLocationSource);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "geosrc", geoLocationSource_);
 }
 
 void VORRequestContext::_addAgentQueryItem(VorlenURLRequestBuilder& b,
                                            const std::optional<std::string>& userAgent) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   addItem(b, "agent", userAgent);
 }
 
 void VORRequestContext::_addStoreFrontQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "storefront", _storeFrontIdentifier);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "storefront", storeFrontIdentifier_);
 }
 
 void VORRequestContext::_addDeviceCountryCodeQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "cc", _geoDeviceCountryCode);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "cc", geoDeviceCountryCode_);
 }
 
 void VORRequestContext::_addTemperatureUnitsQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   // Sends the measurement system, not a temperature unit, whatever the name says: the service reads
   // "units" that way.
-  addItem(b, "units", _localeMeasurementSystem);
+  addItem(b, "units", localeMeasurementSystem_);
 }
 
 void VORRequestContext::_add24hDateFormatQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "24h", _is24hDateFormat);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "24h", is24hDateFormat_);
 }
 
 void VORRequestContext::_addSilhouetteTopics(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "sil", _silhouetteTopicsStr);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "sil", silhouetteTopicsStr_);
 }
 
 void VORRequestContext::_addTimeZoneQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "time_zone", _localTimeZoneName);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "time_zone", localTimeZoneName_);
 }
 
 void VORRequestContext::_addCalendarQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "calendar", _localeCalendarIdentifier);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "calendar", localeCalendarIdentifier_);
 }
 
 void VORRequestContext::_addEffectiveSystemLanguageQueryItem(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addItem(b, "esl", _effectiveSystemLanguage);
+  contextAccessQueue_->assertCurrent();
+  addItem(b, "esl", effectiveSystemLanguage_);
 }
 
 void VORRequestContext::_addl2l3modelVersions(VorlenURLRequestBuilder& b, const std::string& l2,
                                               const std::string& l3) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   if (l2.empty() || l3.empty()) {
     requestLog().error("error adding model versions to search request, one is invalid: l2={}, l3={}", l2, l3);
     return;
@@ -280,8 +288,8 @@ void VORRequestContext::_addl2l3modelVersions(VorlenURLRequestBuilder& b, const 
 }
 
 void VORRequestContext::_addDebugQueryItems(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  for (const QueryItem& item : _debuggingQueryItems) b.forceQueryItem(item);
+  contextAccessQueue_->assertCurrent();
+  for (const QueryItem& item : debuggingQueryItems_) b.forceQueryItem(item);
 }
 
 namespace {
@@ -305,8 +313,9 @@ std::string joined(const std::vector<std::string>& parts) {
 
 }  // namespace
 
-void VORRequestContext::_addSuggestionStrings(VorlenURLRequestBuilder& b, const VORSearchRequest& query) const {
-  _contextAccessQueue->assertCurrent();
+void VORRequestContext::_addSuggestionStrings(VorlenURLRequestBuilder& b,
+                                              const VORSearchRequest& query) const {
+  contextAccessQueue_->assertCurrent();
   std::vector<std::string> texts, origins, scores;
   if (query.engagedSuggestion) {
     addSuggestionAndSources(*query.engagedSuggestion, texts, origins, scores);
@@ -317,7 +326,8 @@ void VORRequestContext::_addSuggestionStrings(VorlenURLRequestBuilder& b, const 
   for (const QXSearchSuggestion& local : query.localContextualSuggestions) {
     addSuggestionAndSources(local, texts, origins, scores);
   }
-  if (query.completionCacheSuggestion) addSuggestionAndSources(*query.completionCacheSuggestion, texts, origins, scores);
+  if (query.completionCacheSuggestion)
+    addSuggestionAndSources(*query.completionCacheSuggestion, texts, origins, scores);
   if (texts.empty()) return;
   b.defaultQueryItemWithName("lc", joined(texts));
   b.defaultQueryItemWithName("lco", joined(origins));
@@ -327,88 +337,91 @@ void VORRequestContext::_addSuggestionStrings(VorlenURLRequestBuilder& b, const 
 // ---- Headers.
 
 void VORRequestContext::_forceProtobuf(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   b.forceHttpHeaderWithName("Accept", "application/x-protobuf");
 }
 
 void VORRequestContext::_addHttpRequestUserGuid(VorlenURLRequestBuilder& b, const Uuid& userGuid) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   b.defaultHttpHeaderWithName("X-Velmo-UserGuid", userGuid.string());
 }
 
 void VORRequestContext::_addHttpRequestUserAgent(VorlenURLRequestBuilder& b,
                                                  const std::optional<std::string>& userAgent) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   addHeader(b, "User-Agent", userAgent);
 }
 
 void VORRequestContext::_addHttpRequestUIScale(VorlenURLRequestBuilder& b, double scale) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   if (scale > 0) b.defaultHttpHeaderWithName("X-Velmo-UI-Scale", fmt::format("{:.1f}", scale));
 }
 
 void VORRequestContext::_addHttpRequestPreferredLanguages(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  addHeader(b, "X-Velmo-Languages", _preferredLanguages);
+  contextAccessQueue_->assertCurrent();
+  addHeader(b, "X-Velmo-Languages", preferredLanguages_);
 }
 
 void VORRequestContext::_addHttpRequestMapsSessionId(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   if (!locationManager_) return;
   auto entity = locationManager_->getMapsUserSessionEntityAndReset(false);
   if (!entity) return;
   auto id = entity->sessionEntityString();
   if (!id) {
-    requestLog().error("geo session entity of class {} cannot give its session id", GeoSessionEntity::kClassName);
+    requestLog().error("geo session entity of class {} cannot give its session id",
+                       GeoSessionEntity::kClassName);
     return;
   }
   if (!id->empty()) b.defaultHttpHeaderWithName("X-Velmo-GeoSession", *id);
 }
 
 void VORRequestContext::_addHttpMapsEnvironmentName(VorlenURLRequestBuilder& b, const VORBag& bag) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   if (!bag.sendGeoEnvironmentHeader() || !locationManager_) return;
   auto name = locationManager_->mapsEnvironment();
   addHeader(b, "X-Velmo-GeoEnvironment", name);
 }
 
 void VORRequestContext::_addHttpRequestSubscriptionInfo(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  if (_subscriptionInfo) b.defaultHttpHeaderWithName("X-Velmo-Subscriptions", *_subscriptionInfo);
+  contextAccessQueue_->assertCurrent();
+  if (subscriptionInfo_) b.defaultHttpHeaderWithName("X-Velmo-Subscriptions", *subscriptionInfo_);
 }
 
 void VORRequestContext::_addHttpAppWhitelistSignature(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  if (_appWhitelistSignature) b.defaultHttpHeaderWithName("X-Velmo-Whitelisted-App-Signature", *_appWhitelistSignature);
+  contextAccessQueue_->assertCurrent();
+  if (appWhitelistSignature_)
+    b.defaultHttpHeaderWithName("X-Velmo-Whitelisted-App-Signature", *appWhitelistSignature_);
 }
 
 void VORRequestContext::_addHttpRequestTopTopics(VorlenURLRequestBuilder& b, const Value& topTopics) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   if (auto text = jsonText(topTopics)) b.defaultHttpHeaderWithName("X-Velmo-TopTopics", *text);
 }
 
 void VORRequestContext::_addHttpFuzzedLocation(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  if (_lookupGeoLocationLatLng) b.defaultHttpHeaderWithName("X-Velmo-FuzzedLatLong", *_lookupGeoLocationLatLng);
+  contextAccessQueue_->assertCurrent();
+  if (lookupGeoLocationLatLng_)
+    b.defaultHttpHeaderWithName("X-Velmo-FuzzedLatLong", *lookupGeoLocationLatLng_);
 }
 
 void VORRequestContext::_addHttpIfNoneMatch(VorlenURLRequestBuilder& b,
                                             const std::optional<std::string>& version) const {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   addHeader(b, "If-None-Match", version);
 }
 
 void VORRequestContext::_addHttpGeoClientMetadata(VorlenURLRequestBuilder& b) const {
-  _contextAccessQueue->assertCurrent();
-  if (_geoClientMetadata) b.defaultHttpHeaderWithName("X-Velmo-GeoMetadata", *_geoClientMetadata);
+  contextAccessQueue_->assertCurrent();
+  if (geoClientMetadata_) b.defaultHttpHeaderWithName("X-Velmo-GeoMetadata", *geoClientMetadata_);
 }
 
 // ---- Location rules.
 
 bool VORRequestContext::_setLocationIfAllowedByBag(const LocationFix& fix) {
-  _contextAccessQueue->assertCurrent();
+  contextAccessQueue_->assertCurrent();
   std::string source = _locationSourceForLocation(fix);
-  for (const std::string& supported : _supportedGeoLocationSources) {
+  for (const std::string& supported : supportedGeoLocationSources_) {
     if (supported == source) {
       _setLocation(fix);
       return true;
@@ -419,28 +432,28 @@ bool VORRequestContext::_setLocationIfAllowedByBag(const LocationFix& fix) {
 }
 
 void VORRequestContext::_setLocation(const LocationFix& fix) {
-  _contextAccessQueue->assertCurrent();
-  _geoLocation = fix;
-  _geoLocationLatLng = fmt::format("{:f},{:f}", fix.latitude, fix.longitude);
-  _geoLocationSource = fmt::format("{},{:f}", _locationSourceForLocation(fix), fix.horizontalAccuracy);
+  contextAccessQueue_->assertCurrent();
+  geoLocation_ = fix;
+  geoLocationLatLng_ = fmt::format("{:f},{:f}", fix.latitude, fix.longitude);
+  geoLocationSource_ = fmt::format("{},{:f}", _locationSourceForLocation(fix), fix.horizontalAccuracy);
   // The look-up location is coarse (whole degrees) until a search was performed.
-  if (!_lookupGeoLocationLatLng) {
-    _lookupGeoLocationLatLng = fmt::format("{:f},{:f}", std::trunc(fix.latitude), std::trunc(fix.longitude));
+  if (!lookupGeoLocationLatLng_) {
+    lookupGeoLocationLatLng_ = fmt::format("{:f},{:f}", std::trunc(fix.latitude), std::trunc(fix.longitude));
   }
 }
 
 void VORRequestContext::_setNoLocationWithReason(const std::string& reason) {
-  _contextAccessQueue->assertCurrent();
-  _geoLocation.reset();
-  _geoLocationLatLng.reset();
-  _lookupGeoLocationLatLng.reset();
-  _geoLocationSource = reason;
+  contextAccessQueue_->assertCurrent();
+  geoLocation_.reset();
+  geoLocationLatLng_.reset();
+  lookupGeoLocationLatLng_.reset();
+  geoLocationSource_ = reason;
 }
 
 void VORRequestContext::setPerformedSearch() {
-  _contextAccessQueue->assertCurrent();
-  if (_geoLocation) {
-    _lookupGeoLocationLatLng = fmt::format("{:f},{:f}", _geoLocation->latitude, _geoLocation->longitude);
+  contextAccessQueue_->assertCurrent();
+  if (geoLocation_) {
+    lookupGeoLocationLatLng_ = fmt::format("{:f},{:f}", geoLocation_->latitude, geoLocation_->longitude);
   }
 }
 
@@ -472,7 +485,8 @@ std::string VORRequestContext::_locationSourceForLocation(const LocationFix& fix
   }
 }
 
-std::optional<std::string> VORRequestContext::originStringForSearchSuggestion(const QXSearchSuggestion& suggestion) {
+std::optional<std::string> VORRequestContext::originStringForSearchSuggestion(
+    const QXSearchSuggestion& suggestion) {
   switch (suggestion.type) {
     case 1:
       return std::string("se");
@@ -511,7 +525,8 @@ std::vector<QueryItem> VORRequestContext::parseDebugParameters(const std::string
   return items;
 }
 
-std::optional<std::string> VORRequestContext::preferredLanguagesText(const std::vector<std::string>& languages) {
+std::optional<std::string> VORRequestContext::preferredLanguagesText(
+    const std::vector<std::string>& languages) {
   nlohmann::json array = nlohmann::json::array();
   for (size_t i = 0; i < languages.size() && i < 3; ++i) array.push_back(languages[i]);
   try {
@@ -540,7 +555,8 @@ std::optional<std::string> VORRequestContext::detectLanguage(const std::string& 
   if (auto language = LanguageIdentifier::languageOfText(text)) return language;
   UErrorCode status = U_ZERO_ERROR;
   UText* ut = utext_openUTF8(nullptr, text.data(), static_cast<int64_t>(text.size()), &status);
-  std::unique_ptr<icu::BreakIterator> words(icu::BreakIterator::createWordInstance(icu::Locale::getRoot(), status));
+  std::unique_ptr<icu::BreakIterator> words(
+      icu::BreakIterator::createWordInstance(icu::Locale::getRoot(), status));
   if (U_FAILURE(status) || !words) {
     if (ut) utext_close(ut);
     return std::nullopt;
@@ -559,7 +575,8 @@ std::optional<std::string> VORRequestContext::detectLanguage(const std::string& 
   for (int32_t end = words->next(); end != icu::BreakIterator::DONE; start = end, end = words->next()) {
     if (words->getRuleStatus() == UBRK_WORD_NONE) continue;
     UChar32 first = -1;
-    for (UChar32 c = utext_next32From(ut, start); c >= 0 && utext_getNativeIndex(ut) <= end; c = utext_next32(ut)) {
+    for (UChar32 c = utext_next32From(ut, start); c >= 0 && utext_getNativeIndex(ut) <= end;
+         c = utext_next32(ut)) {
       if (u_isalpha(c)) {
         first = c;
         break;

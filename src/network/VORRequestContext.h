@@ -8,7 +8,7 @@
 //
 // Query items:
 //   key        the fixed API key                                  never left out
-//   locale     _localeIdentifier                                  never (bare name when absent)
+//   locale     localeIdentifier_                                  never (bare name when absent)
 //   du_enabled "1"                                                diagnostics not allowed
 //   kb_ime     the query's keyboard input mode                    none
 //   temp       the given temperature preference                   none
@@ -20,20 +20,20 @@
 //   mode       "managed"                                          neither managed account nor restricted
 //   version    the given version                                  empty
 //   card       "1"                                                never
-//   latlng     _geoLocationLatLng                                 empty
-//   geosrc     _geoLocationSource                                 empty
+//   latlng     geoLocationLatLng_                                 empty
+//   geosrc     geoLocationSource_                                 empty
 //   agent      the given user agent                               empty
-//   storefront _storeFrontIdentifier                              empty
-//   cc         _geoDeviceCountryCode                              empty
-//   units      _localeMeasurementSystem ("SI", "US", "UK")        none (the name speaks of temperature,
+//   storefront storeFrontIdentifier_                              empty
+//   cc         geoDeviceCountryCode_                              empty
+//   units      localeMeasurementSystem_ ("SI", "US", "UK")        none (the name speaks of temperature,
 //                                                                 but the measurement system is sent)
 //   24h        "1"                                                not a 24-hour locale
-//   sil        _silhouetteTopicsStr                               absent or empty
-//   time_zone  _localTimeZoneName                                 empty
-//   calendar   _localeCalendarIdentifier                          empty
-//   esl        _effectiveSystemLanguage                           empty
+//   sil        silhouetteTopicsStr_                               absent or empty
+//   time_zone  localTimeZoneName_                                 empty
+//   calendar   localeCalendarIdentifier_                          empty
+//   esl        effectiveSystemLanguage_                           empty
 //   l2, l3     the bag's model versions                           either empty: neither (logged)
-//   (debug)    _debuggingQueryItems, forced                       none configured
+//   (debug)    debuggingQueryItems_, forced                       none configured
 // Headers:
 //   Accept "application/x-protobuf" (forced); X-Velmo-UserGuid; User-Agent; X-Velmo-UI-Scale ("%.1f", when
 //   above 0); X-Velmo-Languages; X-Velmo-GeoSession; X-Velmo-GeoEnvironment (when the bag says so);
@@ -70,39 +70,42 @@ class VORRequestContext {
   static constexpr const char* kSecretKey = "corgipup2718";
 
   // `locationManager` may be null (no geo session, environment or metadata then).
-  VORRequestContext(std::shared_ptr<Queue> contextAccessQueue, std::shared_ptr<LocationManager> locationManager);
+  VORRequestContext(std::shared_ptr<Queue> contextAccessQueue,
+                    std::shared_ptr<LocationManager> locationManager);
 
   // ---- Context fields (on the context queue).
-  std::optional<std::string> _localeIdentifier;
-  std::optional<std::string> _localeCalendarIdentifier;
-  std::optional<std::string> _localeMeasurementSystem;
-  std::optional<std::string> _preferredLanguages;  // JSON array text
-  std::optional<std::string> _tempUnits;
-  std::optional<std::string> _effectiveSystemLanguage;
-  std::optional<std::string> _is24hDateFormat;
-  std::optional<std::string> _localTimeZoneName;
-  std::optional<std::string> _geoDeviceCountryCode;
-  std::optional<LocationFix> _geoLocation;
-  std::optional<std::string> _geoLocationLatLng;
-  std::optional<std::string> _geoLocationSource;
-  std::optional<std::string> _lookupGeoLocationLatLng;
-  std::optional<std::string> _geoClientMetadata;
-  std::optional<std::string> _storeFrontIdentifier;
-  std::optional<std::string> _subscriptionInfo;
-  std::optional<std::string> _silhouetteTopicsStr;
-  std::optional<std::string> _appWhitelistSignature;
-  bool _isManagedAccount = false;
-  bool _deviceRestricted = false;
-  bool _diagnosticsAllowed = false;
-  std::vector<QueryItem> _debuggingQueryItems;
-  std::vector<std::string> _supportedGeoLocationSources;
+  std::optional<std::string> localeIdentifier_;
+  std::optional<std::string> localeCalendarIdentifier_;
+  std::optional<std::string> localeMeasurementSystem_;
+  std::optional<std::string> preferredLanguages_;  // JSON array text
+  std::optional<std::string> tempUnits_;
+  std::optional<std::string> effectiveSystemLanguage_;
+  std::optional<std::string> is24hDateFormat_;
+  std::optional<std::string> localTimeZoneName_;
+  std::optional<std::string> geoDeviceCountryCode_;
+  std::optional<LocationFix> geoLocation_;
+  std::optional<std::string> geoLocationLatLng_;
+  std::optional<std::string> geoLocationSource_;
+  std::optional<std::string> lookupGeoLocationLatLng_;
+  std::optional<std::string> geoClientMetadata_;
+  std::optional<std::string> storeFrontIdentifier_;
+  std::optional<std::string> subscriptionInfo_;
+  std::optional<std::string> silhouetteTopicsStr_;
+  std::optional<std::string> appWhitelistSignature_;
+  bool isManagedAccount_ = false;
+  bool deviceRestricted_ = false;
+  bool diagnosticsAllowed_ = false;
+  std::vector<QueryItem> debuggingQueryItems_;
+  std::vector<std::string> supportedGeoLocationSources_;
 
   // ---- Query items.
   void _addSecretKeyQueryItem(VorlenURLRequestBuilder& b) const;
   void _addLocaleQueryItem(VorlenURLRequestBuilder& b) const;
   void _addDiagnosticsAndUsageQueryItem(VorlenURLRequestBuilder& b) const;
-  void _addKeyboardInputModeQueryItem(VorlenURLRequestBuilder& b, const std::optional<std::string>& mode) const;
-  void _addTempUnitPreferenceQueryItem(VorlenURLRequestBuilder& b, const std::optional<std::string>& temp) const;
+  void _addKeyboardInputModeQueryItem(VorlenURLRequestBuilder& b,
+                                      const std::optional<std::string>& mode) const;
+  void _addTempUnitPreferenceQueryItem(VorlenURLRequestBuilder& b,
+                                       const std::optional<std::string>& temp) const;
   void _addQueryLanguageQueryItem(VorlenURLRequestBuilder& b, const std::string& queryString) const;
   void _addLookupContextLanguageQueryItem(VorlenURLRequestBuilder& b, const std::string& lookupContext) const;
   void _addLookupHintDomainQueryItem(VorlenURLRequestBuilder& b, const std::string& hintDomain) const;
@@ -130,7 +133,8 @@ class VORRequestContext {
   // ---- Headers.
   void _forceProtobuf(VorlenURLRequestBuilder& b) const;
   void _addHttpRequestUserGuid(VorlenURLRequestBuilder& b, const Uuid& userGuid) const;
-  void _addHttpRequestUserAgent(VorlenURLRequestBuilder& b, const std::optional<std::string>& userAgent) const;
+  void _addHttpRequestUserAgent(VorlenURLRequestBuilder& b,
+                                const std::optional<std::string>& userAgent) const;
   void _addHttpRequestUIScale(VorlenURLRequestBuilder& b, double scale) const;
   void _addHttpRequestPreferredLanguages(VorlenURLRequestBuilder& b) const;
   void _addHttpRequestMapsSessionId(VorlenURLRequestBuilder& b) const;
@@ -170,7 +174,7 @@ class VORRequestContext {
   static std::optional<std::string> detectLanguage(const std::string& text);
 
  private:
-  std::shared_ptr<Queue> _contextAccessQueue;
+  std::shared_ptr<Queue> contextAccessQueue_;
   std::shared_ptr<LocationManager> locationManager_;
 };
 

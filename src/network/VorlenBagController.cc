@@ -19,8 +19,8 @@
 #include "model/Constants.h"
 #include "model/QXFeedbackFactory.h"
 #include "network/GUIDController.h"
-#include "network/NetworkTimingData.h"
 #include "network/HttpSessions.h"
+#include "network/NetworkTimingData.h"
 #include "network/UrlComponents.h"
 #include "network/UserAgent.h"
 #include "network/VORNetworkRequestFactory.h"
@@ -59,7 +59,6 @@ std::string describeResponse(const std::optional<HttpResponse>& response) {
   if (!response) return "(null)";
   return fmt::format("<HTTP response {} status {}>", response->url, response->status);
 }
-
 
 // A number as its shortest decimal text: 10 is "10", 10.5 is "10.5".
 std::string numberText(double n) {
@@ -112,13 +111,13 @@ std::shared_ptr<VorlenBagController> VorlenBagController::create(std::shared_ptr
 }
 
 VorlenBagController::VorlenBagController(std::shared_ptr<const Assembly> assembly)
-    : _assembly(std::move(assembly)) {
+    : assembly_(std::move(assembly)) {
   // The daemon's own agent: the name-and-version text on both sides of the device text.
-  const auto& device = _assembly->platform.device;
+  const auto& device = assembly_->platform.device;
   if (device)
-    _userAgent = createUserAgentString(kVORVorlendNameVersion, *device);
+    userAgent_ = createUserAgentString(kVORVorlendNameVersion, *device);
   else if (*kVORVorlendNameVersion)
-    _userAgent = std::string(kVORVorlendNameVersion);
+    userAgent_ = std::string(kVORVorlendNameVersion);
 }
 
 VorlenBagController::~VorlenBagController() = default;
@@ -127,13 +126,13 @@ void VorlenBagController::_start() {
   // The disk bag is installed before its refresh check, so that a refetch it starts can never be
   // overwritten by the stale bag it replaces; clients are served from the stale bag meanwhile.
   if (auto dict = _readDiskCache()) {
-    cacheBagState(VORBag(*dict, _userAgent.value_or("")), /*fromDisk=*/true);
+    cacheBagState(VORBag(*dict, userAgent_.value_or("")), /*fromDisk=*/true);
     if (_isRefreshRequiredForCachedBag(*dict)) _fetchBagStateWithVersion(std::nullopt);
   }
-  const auto& center = _assembly->notificationCenter;
-  const void* factory = _assembly->requestFactory.get();
+  const auto& center = assembly_->notificationCenter;
+  const void* factory = assembly_->requestFactory.get();
   if (center && factory) {
-    _refreshObservation = center->addObserver<VorlenBagController>(
+    refreshObservation_ = center->addObserver<VorlenBagController>(
         kVORBagRefreshRequired, factory, shared_from_this(),
         [](VorlenBagController& c, const Notification&) { c._handleRefreshNotification(); });
   }
@@ -142,8 +141,8 @@ void VorlenBagController::_start() {
 // ---- Reads -----------------------------------------------------------------------------------------------
 
 std::optional<VORBag> VorlenBagController::inMemoryBag() const {
-  std::shared_lock lock(_inMemoryBagCacheAccess);
-  return _inMemoryBag;
+  std::shared_lock lock(inMemoryBagCacheAccess_);
+  return inMemoryBag_;
 }
 
 std::optional<VORBag> VorlenBagController::currentBag() {
@@ -181,7 +180,7 @@ void VorlenBagController::forceFetchBag(const Value::Dict& info) {
 }
 
 std::string VorlenBagController::bagFetchURLWithCountry(const std::optional<std::string>& countryCode) const {
-  if (const auto& defaults = _assembly->userDefaults) {
+  if (const auto& defaults = assembly_->userDefaults) {
     auto url = defaults->stringForKey(kBagURLPreference);
     if (url && !url->empty()) {
       if (UrlComponents::parse(*url)) return *url;
@@ -203,7 +202,7 @@ bool VorlenBagController::fetchBagStateForTesting(const std::optional<std::strin
 bool VorlenBagController::_fetchBagStateWithVersion(const std::optional<std::string>& version,
                                                     FetchCompletion completion) {
   // Dropped, not queued: the fetch in flight will install the newest bag the server has.
-  if (_fetchInProgress.exchange(true)) return false;
+  if (fetchInProgress_.exchange(true)) return false;
   _fetchBagStateWithVersionUngated(version, std::move(completion));
   return true;
 }
@@ -211,13 +210,13 @@ bool VorlenBagController::_fetchBagStateWithVersion(const std::optional<std::str
 void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<std::string>& version,
                                                            FetchCompletion completion) {
   auto transaction = std::make_shared<Transaction>("bagFetch");
-  const std::string agent = _userAgent.value_or("");
+  const std::string agent = userAgent_.value_or("");
 
   std::optional<HttpRequest> request;
-  if (const auto& factory = _assembly->requestFactory)
-    request = factory->bagFetchRequest(*this, _userAgent, version);
+  if (const auto& factory = assembly_->requestFactory)
+    request = factory->bagFetchRequest(*this, userAgent_, version);
   std::shared_ptr<HttpSession> session;
-  if (_assembly->httpSessions) session = _assembly->httpSessions->bagSession();
+  if (assembly_->httpSessions) session = assembly_->httpSessions->bagSession();
   if (!request || !session) {
     bagLog().error("Error fetching bag: no bag request could be made");
     VorlenDiagnosticDataReporter::addValue(1, kFetchesFailedCounter);
@@ -229,12 +228,12 @@ void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<s
               Private(describeHeaders(request->headers)));
 
   std::optional<Uuid> guid;
-  if (const auto& guids = _assembly->guidController) guid = guids->currentUserGUID();
+  if (const auto& guids = assembly_->guidController) guid = guids->currentUserGUID();
   QXFeedback start = QXFeedbackFactory::startNetworkSearch("", request->url, request->headers,
                                                            kBagFetchTriggerEvent, kBagEndpoint);
   std::shared_ptr<ClientSessionProtocol> feedbackSession;
-  if (_assembly->makeClientSession)
-    feedbackSession = _assembly->makeClientSession(*_assembly, VorlenFeedback(start, 0, guid, agent));
+  if (assembly_->makeClientSession)
+    feedbackSession = assembly_->makeClientSession(*assembly_, VorlenFeedback(start, 0, guid, agent));
 
   // The completion reads the task's timing data; the holder is emptied when the completion has run, which
   // breaks the task -> completion -> holder -> task cycle.
@@ -247,7 +246,8 @@ void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<s
     std::optional<TaskMetrics> metrics;
     if (*taskHolder) metrics = (*taskHolder)->metrics();
     const long status = response ? response->status : 0;
-    QXFeedback end = QXFeedbackFactory::endNetworkSearch(start, data.size(), status, NetworkTimingData::fromMetrics(metrics));
+    QXFeedback end = QXFeedbackFactory::endNetworkSearch(start, data.size(), status,
+                                                         NetworkTimingData::fromMetrics(metrics));
 
     auto self = weak.lock();
     if (!self) {
@@ -256,8 +256,8 @@ void VorlenBagController::_fetchBagStateWithVersionUngated(const std::optional<s
       return;
     }
     std::optional<Uuid> guid;
-    if (const auto& guids = self->_assembly->guidController) guid = guids->currentUserGUID();
-    const std::string agent = self->_userAgent.value_or("");
+    if (const auto& guids = self->assembly_->guidController) guid = guids->currentUserGUID();
+    const std::string agent = self->userAgent_.value_or("");
     if (feedbackSession) feedbackSession->addFeedback(VorlenFeedback(end, 0, guid, agent));
 
     std::optional<VORBag> bag;
@@ -316,13 +316,13 @@ void VorlenBagController::_finishFetch(const std::optional<VORBag>& bag, const s
   std::vector<FetchCompletion> waiters;
   bool fetchAgain = false;
   {
-    std::lock_guard lock(_refreshWaitersMutex);
-    waiters.swap(_refreshWaiters);
+    std::lock_guard lock(refreshWaitersMutex_);
+    waiters.swap(refreshWaiters_);
     // Refreshes asked for while this fetch ran were built too early for them: they share one more fetch,
     // and the gate stays closed for it.
-    fetchAgain = !_refreshWaitersForNextFetch.empty();
-    _refreshWaiters.swap(_refreshWaitersForNextFetch);
-    if (!fetchAgain) _fetchInProgress.store(false);
+    fetchAgain = !refreshWaitersForNextFetch_.empty();
+    refreshWaiters_.swap(refreshWaitersForNextFetch_);
+    if (!fetchAgain) fetchInProgress_.store(false);
   }
   for (const FetchCompletion& waiter : waiters) waiter(bag, error);
   if (fetchAgain) _fetchBagStateWithVersionUngated(std::nullopt, {});
@@ -332,13 +332,13 @@ void VorlenBagController::refreshBag(RefreshCompletion done) {
   bagLog().notice("bag refresh requested");
   // A refresh follows a preference change (the bag URL) made by another process: the file is read again
   // now rather than trusting its stat stamp, which a rewrite of the same size within one tick can keep.
-  if (const auto& defaults = _assembly->userDefaults) defaults->synchronize();
+  if (const auto& defaults = assembly_->userDefaults) defaults->synchronize();
   if (!done) done = [](const std::optional<VORBag>&, const std::optional<VORError>&) {};
   bool opened = false;
   {
-    std::lock_guard lock(_refreshWaitersMutex);
-    opened = !_fetchInProgress.exchange(true);
-    (opened ? _refreshWaiters : _refreshWaitersForNextFetch).push_back(std::move(done));
+    std::lock_guard lock(refreshWaitersMutex_);
+    opened = !fetchInProgress_.exchange(true);
+    (opened ? refreshWaiters_ : refreshWaitersForNextFetch_).push_back(std::move(done));
   }
   if (opened) _fetchBagStateWithVersionUngated(std::nullopt, {});
 }
@@ -347,15 +347,15 @@ void VorlenBagController::refreshBag(RefreshCompletion done) {
 
 void VorlenBagController::cacheBagState(const std::optional<VORBag>& bag, bool fromDisk) {
   if (!bag) return;
-  std::lock_guard install(_installMutex);
+  std::lock_guard install(installMutex_);
   unsigned long oldStatus = kNewsStatusUnknown;
   if (auto old = inMemoryBag()) oldStatus = newsStatus(old->rawBag());
   const unsigned long newStatus = newsStatus(bag->rawBag());
   {
-    std::unique_lock lock(_inMemoryBagCacheAccess);
-    _inMemoryBag = bag;
+    std::unique_lock lock(inMemoryBagCacheAccess_);
+    inMemoryBag_ = bag;
   }
-  if (const auto& center = _assembly->notificationCenter) {
+  if (const auto& center = assembly_->notificationCenter) {
     Notification n;
     n.name = kVORBagChangeNotification;
     n.userInfo = Value::dict({{kVORBagKey, bag->toRecord()}});
@@ -366,7 +366,7 @@ void VorlenBagController::cacheBagState(const std::optional<VORBag>& bag, bool f
   // that bag was fetched and announced.
   if (oldStatus != newStatus && !fromDisk) {
     bagLog().notice("setting Vorlen News Available status to {}", newStatus);
-    if (const auto& notifier = _assembly->platform.systemNotifier)
+    if (const auto& notifier = assembly_->platform.systemNotifier)
       notifier->post(newStatus ? kVORNotifyEnabled : kVORNotifyDisabled);
   }
 }
@@ -374,9 +374,9 @@ void VorlenBagController::cacheBagState(const std::optional<VORBag>& bag, bool f
 // ---- Staleness -------------------------------------------------------------------------------------------
 
 std::optional<std::string> VorlenBagController::_currentBagCacheURL() const {
-  const auto& factory = _assembly->requestFactory;
+  const auto& factory = assembly_->requestFactory;
   if (!factory) return std::nullopt;
-  auto request = factory->bagCacheRequest(*this, _userAgent, std::nullopt);
+  auto request = factory->bagCacheRequest(*this, userAgent_, std::nullopt);
   if (!request) return std::nullopt;
   return request->url;
 }
@@ -388,7 +388,7 @@ bool VorlenBagController::_isRefreshRequiredForCachedBag(const Value::Dict& rawB
   }
   // A missing expiry counts as 1970, long past.
   const double expiration = VORBag::numberForKey(rawBag, kExpirationKey).value_or(0.0);
-  const double remaining = expiration - toUnixSeconds(_assembly->clock()->now());
+  const double remaining = expiration - toUnixSeconds(assembly_->clock()->now());
   if (remaining < kRefreshMarginSeconds) {
     bagLog().notice("bag expired: {:f}", remaining);
     VorlenDiagnosticDataReporter::addValue(1, kExpiredCounter);
@@ -428,7 +428,7 @@ void VorlenBagController::_handleRefreshNotification() {
 // ---- Disk cache ------------------------------------------------------------------------------------------
 
 std::optional<std::filesystem::path> VorlenBagController::_pathToCachedBag(std::string* error) {
-  const std::filesystem::path& caches = _assembly->fileManager().cachesDir;
+  const std::filesystem::path& caches = assembly_->fileManager().cachesDir;
   if (caches.empty()) {
     bagLog().fault("error getting cache directory {}", "(no caches folder configured)");
     if (error) *error = "no caches folder";
@@ -445,14 +445,14 @@ std::optional<std::filesystem::path> VorlenBagController::_pathToCachedBag(std::
 
 Value::Dict VorlenBagController::_dictionaryToCacheBag(const Value::Dict& dict) {
   Value::Dict out = dict;
-  out.insert_or_assign(kExpirationKey, Value(toUnixSeconds(_assembly->clock()->now()) + kBagLifetimeSeconds));
+  out.insert_or_assign(kExpirationKey, Value(toUnixSeconds(assembly_->clock()->now()) + kBagLifetimeSeconds));
   if (auto url = _currentBagCacheURL()) out.insert_or_assign(kBagURLKey, Value(*url));
   return out;
 }
 
 Value::Dict VorlenBagController::cacheBagDictionary(const Value::Dict& dict) {
   Value::Dict out = _dictionaryToCacheBag(dict);
-  if (!_assembly->diskBagCacheEnabled) {
+  if (!assembly_->diskBagCacheEnabled) {
     bagLog().notice("skipping writing bag to disk because the flag is disabled");
     return out;
   }
@@ -463,7 +463,7 @@ Value::Dict VorlenBagController::cacheBagDictionary(const Value::Dict& dict) {
     return out;
   }
   std::vector<uint8_t> bytes = Archive::encodeBinary(Value(out));
-  std::lock_guard lock(_diskMutex);
+  std::lock_guard lock(diskMutex_);
   if (!writeFileAtomically(*path, bytes, &error)) {
     bagLog().error("Error writing bag to persistent cache: {}.", error);
     return out;
@@ -475,7 +475,7 @@ Value::Dict VorlenBagController::cacheBagDictionary(const Value::Dict& dict) {
 }
 
 std::optional<Value::Dict> VorlenBagController::_readDiskCache() {
-  if (!_assembly->diskBagCacheEnabled) {
+  if (!assembly_->diskBagCacheEnabled) {
     bagLog().notice("skipping check for bag on disk because the flag is disabled");
     return std::nullopt;
   }

@@ -85,9 +85,9 @@ class VorlenBagController final : public BagController,
   // The installed bag without side effects.
   std::optional<VORBag> inMemoryBag() const;
   // The daemon's own user agent, as sent with the bag request; absent when it cannot be built.
-  const std::optional<std::string>& userAgent() const { return _userAgent; }
+  const std::optional<std::string>& userAgent() const { return userAgent_; }
   // True from the start of a fetch until its completion has run.
-  bool isFetchInProgress() const { return _fetchInProgress.load(); }
+  bool isFetchInProgress() const { return fetchInProgress_.load(); }
 
   // Installs `bag` (nothing for an absent one) and posts the change notification. When the news service's
   // availability (the bag's isEnabled for the agent "news/1.0") differs from the previously installed
@@ -132,26 +132,26 @@ class VorlenBagController final : public BagController,
   // The URL text of the bag-cache request with no version: the identity of a cached bag.
   std::optional<std::string> _currentBagCacheURL() const;
 
-  const std::shared_ptr<const Assembly> _assembly;
-  std::optional<std::string> _userAgent;
-  std::atomic<bool> _fetchInProgress{false};
+  const std::shared_ptr<const Assembly> assembly_;
+  std::optional<std::string> userAgent_;
+  std::atomic<bool> fetchInProgress_{false};
   // refreshBag() callers: those the fetch in flight will tell, and those that asked while it ran, who
   // share the fetch that follows it (one begun before they asked may use a bag URL they just changed).
   // Changed under the mutex together with the gate, so no caller is left without a fetch to tell it.
-  std::mutex _refreshWaitersMutex;
-  std::vector<FetchCompletion> _refreshWaiters;
-  std::vector<FetchCompletion> _refreshWaitersForNextFetch;
+  std::mutex refreshWaitersMutex_;
+  std::vector<FetchCompletion> refreshWaiters_;
+  std::vector<FetchCompletion> refreshWaitersForNextFetch_;
 
-  // Guards _inMemoryBag: shared for reads, exclusive for the swap of an install (the barrier writes of
+  // Guards inMemoryBag_: shared for reads, exclusive for the swap of an install (the barrier writes of
   // the access queue "com.velmo.vorlend.bagcontroller.cacheaccess").
-  mutable std::shared_mutex _inMemoryBagCacheAccess;
-  std::optional<VORBag> _inMemoryBag;
+  mutable std::shared_mutex inMemoryBagCacheAccess_;
+  std::optional<VORBag> inMemoryBag_;
   // Serialises installs together with their notifications, so observers see them in install order.
-  std::mutex _installMutex;
+  std::mutex installMutex_;
   // Serialises writes of bag.plist.
-  std::mutex _diskMutex;
+  std::mutex diskMutex_;
 
-  std::unique_ptr<NotificationCenter::Token> _refreshObservation;
+  std::unique_ptr<NotificationCenter::Token> refreshObservation_;
 };
 
 }  // namespace vorlen

@@ -18,7 +18,7 @@ VorlenSubscriptionManager::VorlenSubscriptionManager(const Assembly& assembly,
                                                      std::weak_ptr<SubscriptionManagerDelegate> delegate)
     : center_(assembly.notificationCenter),
       clock_(assembly.clock() ? assembly.clock() : Clock::system()),
-      _thirdPartySubscriptionRegistrationCenter(assembly.platform.subscriptionRegistry),
+      thirdPartySubscriptionRegistrationCenter_(assembly.platform.subscriptionRegistry),
       mediaStore_(assembly.platform.mediaStore),
       delegate_(std::move(delegate)) {}
 
@@ -31,12 +31,12 @@ std::shared_ptr<VorlenSubscriptionManager> VorlenSubscriptionManager::create(
 }
 
 void VorlenSubscriptionManager::_start() {
-  _queue = Queue::serial("com.velmo.vorlen.subscriptionsByProvider-Queue", QueuePriority::Default, clock_);
+  queue_ = Queue::serial("com.velmo.vorlen.subscriptionsByProvider-Queue", QueuePriority::Default, clock_);
   if (center_) {
     auto self = shared_from_this();
     using M = VorlenSubscriptionManager;
     observers_.push_back(center_->addObserver<M>(
-        kPlatformActiveSubscriptionsDidChangeNotification, _thirdPartySubscriptionRegistrationCenter.get(),
+        kPlatformActiveSubscriptionsDidChangeNotification, thirdPartySubscriptionRegistrationCenter_.get(),
         self, [](M& m, const Notification& n) { m._thirdPartyNotificationDidUpdate(n); }));
     observers_.push_back(
         center_->addObserver<M>(kVORBagChangeNotification, nullptr, self,
@@ -53,15 +53,15 @@ void VorlenSubscriptionManager::_start() {
 
 Value::Array VorlenSubscriptionManager::subscriptions() {
   Value::Array out;
-  _queue->sync([&] {
-    for (const auto& [provider, record] : _subscriptionsByProvider) out.push_back(record);
+  queue_->sync([&] {
+    for (const auto& [provider, record] : subscriptionsByProvider_) out.push_back(record);
   });
   return out;
 }
 
 void VorlenSubscriptionManager::_enqueueUpdate() {
   std::weak_ptr<VorlenSubscriptionManager> weak = weak_from_this();
-  _queue->async([weak] {
+  queue_->async([weak] {
     if (auto m = weak.lock()) m->_updateSubscriptions();
   });
 }
@@ -77,10 +77,10 @@ void VorlenSubscriptionManager::_bagChangeNotification(const Notification& notif
   const Value* record = notification.userInfo.find(kVORBagKey);
   std::optional<VORBag> bag = record ? VORBag::fromRecord(*record) : std::nullopt;
   std::weak_ptr<VorlenSubscriptionManager> weak = weak_from_this();
-  _queue->async([weak, bag = std::move(bag)] {
+  queue_->async([weak, bag = std::move(bag)] {
     auto m = weak.lock();
     if (!m) return;
-    m->_bag = bag;
+    m->bag_ = bag;
     m->_updateSubscriptions();
   });
 }
@@ -91,7 +91,7 @@ void VorlenSubscriptionManager::_storefrontChanged(const Notification&) {
 
 void VorlenSubscriptionManager::_initializeStorefront() {
   std::weak_ptr<VorlenSubscriptionManager> weak = weak_from_this();
-  _queue->async([weak] {
+  queue_->async([weak] {
     auto m = weak.lock();
     if (!m) return;
     m->_updateStorefrontIdentifier(m->mediaStore_ ? m->mediaStore_->storefrontIdentifier() : std::nullopt);
@@ -99,25 +99,25 @@ void VorlenSubscriptionManager::_initializeStorefront() {
 }
 
 void VorlenSubscriptionManager::_updateStorefrontIdentifier(const std::optional<std::string>& storefront) {
-  _queue->assertCurrent();
-  _storefrontIdentifier = storefront;
+  queue_->assertCurrent();
+  storefrontIdentifier_ = storefront;
   if (auto delegate = delegate_.lock())
     delegate->subscriptionManagerDidUpdateStorefrontIdentifier(storefront);
 }
 
 void VorlenSubscriptionManager::_updateSubscriptions() {
-  _queue->assertCurrent();
+  queue_->assertCurrent();
   log().debug("updating subscription info");
   auto delegate = delegate_.lock();
   std::optional<std::vector<std::string>> domains, bundles;
   double ttl = 0;
-  if (_bag) {
-    domains = _bag->subscriptionProviderDomainWhitelist();
-    bundles = _bag->subscriptionProviderBundleIdentifierWhitelist();
-    ttl = _bag->subscriptionTTL();
+  if (bag_) {
+    domains = bag_->subscriptionProviderDomainWhitelist();
+    bundles = bag_->subscriptionProviderBundleIdentifierWhitelist();
+    ttl = bag_->subscriptionTTL();
   }
   if (!domains || !bundles) {
-    _subscriptionsByProvider.clear();
+    subscriptionsByProvider_.clear();
     if (delegate) delegate->subscriptionManagerDidUpdateSubscriptionDictionaries({});
     return;
   }
@@ -125,10 +125,10 @@ void VorlenSubscriptionManager::_updateSubscriptions() {
       mediaStore_ && mediaStore_->subscriptionAccountStatus() == MediaStore::kSubscribedStatus;
 
   std::map<std::string, Value> fresh;
-  if (_thirdPartySubscriptionRegistrationCenter) {
+  if (thirdPartySubscriptionRegistrationCenter_) {
     SubscriptionFetchOptions options{*bundles, *domains};
     std::string error;
-    auto found = _thirdPartySubscriptionRegistrationCenter->activeSubscriptions(options, &error);
+    auto found = thirdPartySubscriptionRegistrationCenter_->activeSubscriptions(options, &error);
     if (!found) {
       log().error("Error fetching third party subscription information from daemon: {}", error);
     } else {
@@ -146,16 +146,16 @@ void VorlenSubscriptionManager::_updateSubscriptions() {
     fresh[kMediaStoreProvider] = Value::dict(
         {{"provider", Value(kMediaStoreProvider)}, {"attribute", Value("premium")}, {"active", Value(true)}});
   }
-  if (fresh == _subscriptionsByProvider) return;
-  _subscriptionsByProvider = std::move(fresh);
+  if (fresh == subscriptionsByProvider_) return;
+  subscriptionsByProvider_ = std::move(fresh);
   if (!delegate) return;
   Value::Array list;
-  for (const auto& [provider, record] : _subscriptionsByProvider) list.push_back(record);
+  for (const auto& [provider, record] : subscriptionsByProvider_) list.push_back(record);
   delegate->subscriptionManagerDidUpdateSubscriptionDictionaries(list);
 }
 
 void VorlenSubscriptionManager::drainForTesting() {
-  _queue->sync([] {});
+  queue_->sync([] {});
 }
 
 }  // namespace vorlen

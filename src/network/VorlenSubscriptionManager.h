@@ -67,16 +67,16 @@ class VorlenSubscriptionManager final : public SubscriptionManager,
 
   std::shared_ptr<NotificationCenter> center_;
   std::shared_ptr<Clock> clock_;
-  std::shared_ptr<SubscriptionRegistry> _thirdPartySubscriptionRegistrationCenter;
+  std::shared_ptr<SubscriptionRegistry> thirdPartySubscriptionRegistrationCenter_;
   std::shared_ptr<MediaStore> mediaStore_;
   std::weak_ptr<SubscriptionManagerDelegate> delegate_;
-  std::shared_ptr<Queue> _queue;
+  std::shared_ptr<Queue> queue_;
   std::vector<std::unique_ptr<NotificationCenter::Token>> observers_;
 
-  // On _queue.
-  std::map<std::string, Value> _subscriptionsByProvider;
-  std::optional<VORBag> _bag;
-  std::optional<std::string> _storefrontIdentifier;
+  // On queue_.
+  std::map<std::string, Value> subscriptionsByProvider_;
+  std::optional<VORBag> bag_;
+  std::optional<std::string> storefrontIdentifier_;
 };
 
 }  // namespace vorlen

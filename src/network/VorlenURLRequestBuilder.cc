@@ -9,21 +9,21 @@ std::optional<VorlenURLRequestBuilder> VorlenURLRequestBuilder::requestBuilderWi
 }
 
 VorlenURLRequestBuilder::VorlenURLRequestBuilder(UrlComponents components)
-    : _urlComponents(std::move(components)) {
-  for (QueryItem& item : _urlComponents.queryItems()) forceQueryItem(std::move(item));
+    : urlComponents_(std::move(components)) {
+  for (QueryItem& item : urlComponents_.queryItems()) forceQueryItem(std::move(item));
 }
 
 bool VorlenURLRequestBuilder::containsQueryItemWithName(const std::string& name) const {
-  return _queryItems.contains(name);
+  return queryItems_.contains(name);
 }
 
 bool VorlenURLRequestBuilder::containsHttpHeaderWithName(const std::string& name) const {
-  return _httpHeaders.contains(name);
+  return httpHeaders_.contains(name);
 }
 
 void VorlenURLRequestBuilder::forceQueryItem(QueryItem item) {
   std::string name = item.name;
-  _queryItems.insert_or_assign(std::move(name), std::move(item));
+  queryItems_.insert_or_assign(std::move(name), std::move(item));
 }
 
 void VorlenURLRequestBuilder::forceQueryItemWithName(std::string name, std::optional<std::string> value) {
@@ -46,9 +46,9 @@ void VorlenURLRequestBuilder::defaultQueryItemWithName(std::string name, std::op
 void VorlenURLRequestBuilder::forceHttpHeaderWithName(const std::string& name,
                                                       std::optional<std::string> value) {
   if (value) {
-    _httpHeaders.insert_or_assign(name, std::move(*value));
+    httpHeaders_.insert_or_assign(name, std::move(*value));
   } else {
-    _httpHeaders.erase(name);
+    httpHeaders_.erase(name);
   }
 }
 
@@ -58,10 +58,10 @@ void VorlenURLRequestBuilder::defaultHttpHeaderWithName(const std::string& name,
 }
 
 HttpRequest VorlenURLRequestBuilder::createMutableUrlRequest() const {
-  UrlComponents components = _urlComponents;
+  UrlComponents components = urlComponents_;
   std::vector<QueryItem> items;
-  items.reserve(_queryItems.size());
-  for (const auto& [name, item] : _queryItems) items.push_back(item);  // std::map order: byte order of names
+  items.reserve(queryItems_.size());
+  for (const auto& [name, item] : queryItems_) items.push_back(item);  // std::map order: byte order of names
   components.setQueryItems(items);
   if (auto query = components.percentEncodedQuery()) {
     std::string escaped;
@@ -77,7 +77,7 @@ HttpRequest VorlenURLRequestBuilder::createMutableUrlRequest() const {
   }
   HttpRequest request;
   request.url = components.string();
-  request.headers = _httpHeaders;
+  request.headers = httpHeaders_;
   return request;
 }
 

@@ -47,9 +47,9 @@ class VorlenURLRequestBuilder {
   HttpRequest createUrlRequest() const { return createMutableUrlRequest(); }
 
  private:
-  UrlComponents _urlComponents;
-  std::map<std::string, QueryItem> _queryItems;
-  std::map<std::string, std::string> _httpHeaders;
+  UrlComponents urlComponents_;
+  std::map<std::string, QueryItem> queryItems_;
+  std::map<std::string, std::string> httpHeaders_;
 };
 
 }  // namespace vorlen

@@ -43,9 +43,9 @@ class VorlenUserGUIDController final : public GUIDController,
 
   std::shared_ptr<Clock> clock_;
   std::shared_ptr<NotificationCenter> center_;
-  std::shared_ptr<Queue> _queue;
-  Uuid _lastKnownUserGUID;
-  Time _lastKnownUserGUIDExpirationDate;
+  std::shared_ptr<Queue> queue_;
+  Uuid lastKnownUserGUID_;
+  Time lastKnownUserGUIDExpirationDate_;
 };
 
 }  // namespace vorlen

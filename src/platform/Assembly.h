@@ -45,7 +45,7 @@ class Assembly {
   Platform platform;
 
   // In declaration order of the object graph.
-  std::shared_ptr<Preferences> userDefaults;                  // standard domain "com.velmo.vorlend"
+  std::shared_ptr<Preferences> userDefaults;  // standard domain "com.velmo.vorlend"
   std::shared_ptr<NotificationCenter> notificationCenter;
   std::shared_ptr<VORNetworkRequestFactory> requestFactory;
   std::shared_ptr<BagController> bagController;

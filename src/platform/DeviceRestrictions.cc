@@ -17,7 +17,8 @@ std::optional<bool> DeviceRestrictions::visibilitySetting(const std::string& set
   return it->second;
 }
 
-// ---- LinuxDeviceRestrictions ---------------------------------------------------------------------------------
+// ---- LinuxDeviceRestrictions
+// ---------------------------------------------------------------------------------
 
 LinuxDeviceRestrictions::LinuxDeviceRestrictions(std::shared_ptr<const Preferences> defaults,
                                                  std::shared_ptr<NotificationCenter> center)
@@ -41,7 +42,9 @@ int LinuxDeviceRestrictions::bookStoreSetting() const {
   return *allowed ? kYes : kNo;
 }
 
-bool LinuxDeviceRestrictions::isMediaStoreAllowed() const { return restriction("allowMediaStore").value_or(true); }
+bool LinuxDeviceRestrictions::isMediaStoreAllowed() const {
+  return restriction("allowMediaStore").value_or(true);
+}
 
 bool LinuxDeviceRestrictions::isAppInstallationAllowed() const {
   return restriction("allowAppInstallation").value_or(true);
@@ -51,11 +54,13 @@ bool LinuxDeviceRestrictions::isDiagnosticSubmissionAllowed() const {
   return defaults_ && defaults_->boolForKey(kDiagnosticsAllowedKey);
 }
 
-bool LinuxDeviceRestrictions::isManagedAccount() const { return defaults_ && defaults_->boolForKey(kManagedAccountKey); }
+bool LinuxDeviceRestrictions::isManagedAccount() const {
+  return defaults_ && defaults_->boolForKey(kManagedAccountKey);
+}
 
 std::string LinuxDeviceRestrictions::settingsSnapshot() const {
-  return std::to_string(bookStoreSetting()) + char('0' + isMediaStoreAllowed()) + char('0' + isAppInstallationAllowed()) +
-         char('0' + isDiagnosticSubmissionAllowed());
+  return std::to_string(bookStoreSetting()) + char('0' + isMediaStoreAllowed()) +
+         char('0' + isAppInstallationAllowed()) + char('0' + isDiagnosticSubmissionAllowed());
 }
 
 void LinuxDeviceRestrictions::checkForChanges() {

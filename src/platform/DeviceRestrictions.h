@@ -60,7 +60,8 @@ class LinuxDeviceRestrictions final : public DeviceRestrictions {
   static constexpr const char* kDiagnosticsAllowedKey = "VORDiagnosticsAllowed";
 
   // Either may be null.
-  LinuxDeviceRestrictions(std::shared_ptr<const Preferences> defaults, std::shared_ptr<NotificationCenter> center);
+  LinuxDeviceRestrictions(std::shared_ptr<const Preferences> defaults,
+                          std::shared_ptr<NotificationCenter> center);
 
   int bookStoreSetting() const override;
   bool isMediaStoreAllowed() const override;

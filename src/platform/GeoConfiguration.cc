@@ -9,7 +9,8 @@
 
 namespace vorlen {
 
-// ---- LinuxGeoConfiguration -----------------------------------------------------------------------------------
+// ---- LinuxGeoConfiguration
+// -----------------------------------------------------------------------------------
 
 LinuxGeoConfiguration::LinuxGeoConfiguration(std::shared_ptr<const Preferences> defaults,
                                              std::shared_ptr<const LocaleProvider> locale,
@@ -50,7 +51,8 @@ std::string LinuxGeoConfiguration::countryCode() const {
         for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
         return upper;
       }
-      VorlenDefaultLog().error("ignoring preference {}: not a two-letter country code: {}", kCountryCodeKey, *code);
+      VorlenDefaultLog().error("ignoring preference {}: not a two-letter country code: {}", kCountryCodeKey,
+                               *code);
     }
   }
   return locale_ ? locale_->regionCode() : std::string();

@@ -44,7 +44,8 @@ class LinuxGeoConfiguration final : public GeoConfiguration {
   static constexpr const char* kDefaultEnvironment = "prod";
 
   // Any argument may be null.
-  LinuxGeoConfiguration(std::shared_ptr<const Preferences> defaults, std::shared_ptr<const LocaleProvider> locale,
+  LinuxGeoConfiguration(std::shared_ptr<const Preferences> defaults,
+                        std::shared_ptr<const LocaleProvider> locale,
                         std::shared_ptr<NotificationCenter> center);
 
   std::optional<std::string> environmentName() const override;

@@ -19,7 +19,8 @@ class InteractionDonor {
  public:
   InteractionDonor(std::filesystem::path file, std::shared_ptr<Clock> clock);
 
-  void donate(const std::string& domain, const std::string& verb, const std::map<std::string, std::string>& parameters);
+  void donate(const std::string& domain, const std::string& verb,
+              const std::map<std::string, std::string>& parameters);
 
   const std::filesystem::path& file() const { return file_; }
 

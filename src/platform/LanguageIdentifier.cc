@@ -19,7 +19,8 @@ constexpr size_t kScanPadding = 16;
 // ~25 us of set-up whatever the length, so a single word is not asked.
 bool hasWordBreak(std::string_view text) {
   return text.find_first_of(" \t\r\n") != std::string_view::npos ||
-         text.find("\xC2\xA0") != std::string_view::npos || text.find("\xE3\x80\x80") != std::string_view::npos;
+         text.find("\xC2\xA0") != std::string_view::npos ||
+         text.find("\xE3\x80\x80") != std::string_view::npos;
 }
 
 }  // namespace

@@ -55,7 +55,8 @@ class LinuxFileSystem final : public FileSystem {
 
 std::shared_ptr<FileSystem> linuxFileSystem() {
   // Stateless and never destroyed: containers on late queue work may still reach it.
-  static std::shared_ptr<FileSystem>* fs = new std::shared_ptr<FileSystem>(std::make_shared<LinuxFileSystem>());
+  static std::shared_ptr<FileSystem>* fs =
+      new std::shared_ptr<FileSystem>(std::make_shared<LinuxFileSystem>());
   return *fs;
 }
 

@@ -35,14 +35,15 @@ std::string toUtf8(const icu::UnicodeString& s) {
 
 // Territories whose everyday temperature unit is Fahrenheit.
 const std::set<std::string>& fahrenheitTerritories() {
-  static const std::set<std::string> territories = {"US", "BS", "BZ", "KY", "PW", "LR", "PR", "GU",
-                                                   "VI", "AS", "MP", "FM", "MH"};
+  static const std::set<std::string> territories = {"US", "BS", "BZ", "KY", "PW", "LR", "PR",
+                                                    "GU", "VI", "AS", "MP", "FM", "MH"};
   return territories;
 }
 
 }  // namespace
 
-// ---- LinuxLocaleProvider -------------------------------------------------------------------------------------
+// ---- LinuxLocaleProvider
+// -------------------------------------------------------------------------------------
 
 LinuxLocaleProvider::LinuxLocaleProvider(std::shared_ptr<const Preferences> defaults,
                                          std::shared_ptr<NotificationCenter> center,
@@ -99,7 +100,8 @@ std::vector<std::string> LinuxLocaleProvider::preferredLanguages() const {
 
 std::string LinuxLocaleProvider::calendarIdentifier() const {
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::Calendar> calendar(icu::Calendar::createInstance(icu::Locale(localeIdentifier().c_str()), status));
+  std::unique_ptr<icu::Calendar> calendar(
+      icu::Calendar::createInstance(icu::Locale(localeIdentifier().c_str()), status));
   if (U_FAILURE(status) || !calendar) return "gregorian";
   return calendar->getType();
 }
@@ -186,7 +188,9 @@ std::string LinuxLocaleProvider::effectiveSystemLanguage() const {
   return first.substr(0, first.find('-'));
 }
 
-std::string LinuxLocaleProvider::regionCode() const { return icu::Locale(localeIdentifier().c_str()).getCountry(); }
+std::string LinuxLocaleProvider::regionCode() const {
+  return icu::Locale(localeIdentifier().c_str()).getCountry();
+}
 
 void LinuxLocaleProvider::notifyChanged() {
   {

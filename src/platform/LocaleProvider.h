@@ -45,15 +45,15 @@ class LocaleProvider {
  public:
   virtual ~LocaleProvider() = default;
 
-  virtual std::string localeIdentifier() const = 0;                      // "en_GB"
-  virtual std::vector<std::string> preferredLanguages() const = 0;       // "en-GB", "fr", ...
-  virtual std::string calendarIdentifier() const = 0;                    // "gregorian"
-  virtual std::string measurementSystem() const = 0;                     // "Metric", "U.S.", "U.K."
+  virtual std::string localeIdentifier() const = 0;                         // "en_GB"
+  virtual std::vector<std::string> preferredLanguages() const = 0;          // "en-GB", "fr", ...
+  virtual std::string calendarIdentifier() const = 0;                       // "gregorian"
+  virtual std::string measurementSystem() const = 0;                        // "Metric", "U.S.", "U.K."
   virtual std::optional<std::string> preferredTemperatureUnit() const = 0;  // the user's own choice
-  virtual std::string localeTemperatureUnit() const = 0;                 // "Celsius", "Fahrenheit"
-  virtual std::string hourFormatPattern() const = 0;                     // "HH:mm", "h:mm a", ...
-  virtual std::string timeZoneName() const = 0;                          // "Europe/London"
-  virtual std::string effectiveSystemLanguage() const = 0;               // "en"
+  virtual std::string localeTemperatureUnit() const = 0;                    // "Celsius", "Fahrenheit"
+  virtual std::string hourFormatPattern() const = 0;                        // "HH:mm", "h:mm a", ...
+  virtual std::string timeZoneName() const = 0;                             // "Europe/London"
+  virtual std::string effectiveSystemLanguage() const = 0;                  // "en"
   // The territory of the locale ("GB" for "en_GB"); empty when it has none.
   virtual std::string regionCode() const = 0;
 

@@ -8,7 +8,8 @@
 
 namespace vorlen {
 
-// ---- LinuxLocationProvider -----------------------------------------------------------------------------------
+// ---- LinuxLocationProvider
+// -----------------------------------------------------------------------------------
 
 LinuxLocationProvider::LinuxLocationProvider(std::shared_ptr<const Preferences> defaults,
                                              std::shared_ptr<NotificationCenter> center)
@@ -24,7 +25,8 @@ std::optional<LocationFix> LinuxLocationProvider::parseFixedLocation(const Value
   if (!value.isDict()) return fail("not a dictionary");
   const Value* lat = value.find("latitude");
   const Value* lng = value.find("longitude");
-  if (!lat || !lat->getDouble() || !lng || !lng->getDouble()) return fail("latitude and longitude must be numbers");
+  if (!lat || !lat->getDouble() || !lng || !lng->getDouble())
+    return fail("latitude and longitude must be numbers");
   LocationFix fix;
   fix.latitude = *lat->getDouble();
   fix.longitude = *lng->getDouble();
@@ -54,7 +56,9 @@ std::optional<LocationFix> LinuxLocationProvider::fixedLocation() const {
   return fix;
 }
 
-int LinuxLocationProvider::authorizationStatus() const { return fixedLocation() ? kAuthorizedAlways : kDenied; }
+int LinuxLocationProvider::authorizationStatus() const {
+  return fixedLocation() ? kAuthorizedAlways : kDenied;
+}
 
 void LinuxLocationProvider::setDelegate(std::weak_ptr<LocationDelegate> delegate) {
   std::lock_guard lock(mu_);

@@ -55,7 +55,9 @@ class LocationProvider {
   static constexpr int kDenied = 2;
   static constexpr int kAuthorizedAlways = 3;
   static constexpr int kAuthorizedWhenInUse = 4;
-  static bool isAuthorized(int status) { return status == kAuthorizedAlways || status == kAuthorizedWhenInUse; }
+  static bool isAuthorized(int status) {
+    return status == kAuthorizedAlways || status == kAuthorizedWhenInUse;
+  }
 
   virtual ~LocationProvider() = default;
   virtual int authorizationStatus() const = 0;
@@ -73,7 +75,8 @@ class LinuxLocationProvider final : public LocationProvider {
   static constexpr const char* kFixedLocationKey = "VORFixedLocation";
 
   // `center` may be null (then nothing is posted).
-  LinuxLocationProvider(std::shared_ptr<const Preferences> defaults, std::shared_ptr<NotificationCenter> center);
+  LinuxLocationProvider(std::shared_ptr<const Preferences> defaults,
+                        std::shared_ptr<NotificationCenter> center);
 
   int authorizationStatus() const override;
   bool locationServicesEnabled() const override { return true; }

@@ -19,7 +19,9 @@ namespace vorlen {
 
 namespace {
 
-const Logger& log() { return VorlenDefaultLog(); }
+const Logger& log() {
+  return VorlenDefaultLog();
+}
 
 // Unavailability is a property of the machine, not of one source: said once at default level, then at
 // debug level for every later source.
@@ -179,7 +181,8 @@ std::optional<Cgroup2Mount> cgroup2Mount(const std::string& mountInfo) {
 
 }  // namespace
 
-std::shared_ptr<MemoryPressureSource> MemoryPressureSource::create(std::shared_ptr<Queue> queue, Handler handler,
+std::shared_ptr<MemoryPressureSource> MemoryPressureSource::create(std::shared_ptr<Queue> queue,
+                                                                   Handler handler,
                                                                    MemoryPressureSettings settings) {
   return std::shared_ptr<MemoryPressureSource>(
       new MemoryPressureSource(std::move(queue), std::move(handler), std::move(settings)));
@@ -189,9 +192,12 @@ MemoryPressureSource::MemoryPressureSource(std::shared_ptr<Queue> queue, Handler
                                            MemoryPressureSettings settings)
     : queue_(std::move(queue)), handler_(std::move(handler)), settings_(std::move(settings)) {}
 
-MemoryPressureSource::~MemoryPressureSource() { cancel(); }
+MemoryPressureSource::~MemoryPressureSource() {
+  cancel();
+}
 
-std::vector<std::filesystem::path> MemoryPressureSource::candidatePaths(const MemoryPressureSettings& settings) {
+std::vector<std::filesystem::path> MemoryPressureSource::candidatePaths(
+    const MemoryPressureSettings& settings) {
   std::vector<std::filesystem::path> out;
   std::optional<std::string> cgroupFile = readSmallFile(settings.procSelfCgroup);
   std::optional<std::string> mountInfo = readSmallFile(settings.procSelfMountInfo);

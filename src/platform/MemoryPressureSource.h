@@ -87,8 +87,8 @@ class MemoryPressureSource : public std::enable_shared_from_this<MemoryPressureS
   std::atomic<bool> cancelled_{false};
 
   mutable std::mutex mu_;
-  int fd_ = -1;             // the armed trigger, or -1
-  uint64_t watchId_ = 0;    // registration with the watcher, 0 when none
+  int fd_ = -1;           // the armed trigger, or -1
+  uint64_t watchId_ = 0;  // registration with the watcher, 0 when none
   std::filesystem::path armedPath_;
 };
 

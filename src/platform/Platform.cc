@@ -5,8 +5,8 @@
 #include "base/Counters.h"
 #include "base/Log.h"
 #include "base/Preferences.h"
-#include "platform/DevicePowerState.h"
 #include "platform/DataDetectorStore.h"
+#include "platform/DevicePowerState.h"
 #include "platform/DeviceProperties.h"
 #include "platform/DeviceRestrictions.h"
 #include "platform/FileSystem.h"
@@ -28,8 +28,8 @@ Platform Platform::forLinux(const Paths& paths) {
   Platform p;
   p.paths = paths;
   p.clock = Clock::system();
-  p.device = std::make_shared<LinuxDeviceProperties>(
-      std::make_shared<Preferences>(paths.configDir, kServiceName));
+  p.device =
+      std::make_shared<LinuxDeviceProperties>(std::make_shared<Preferences>(paths.configDir, kServiceName));
   p.counters = std::make_shared<Counters>(paths.cachesDir / Counters::kFileName, p.clock);
   p.notificationCenter = NotificationCenter::create();
   p.interactionDonor = std::make_shared<InteractionDonor>(paths.cachesDir / "interactions.jsonl", p.clock);

@@ -39,8 +39,8 @@ class PlatformChangeMonitor : public std::enable_shared_from_this<PlatformChange
 
   std::shared_ptr<Clock> clock_;
   std::vector<std::function<void()>> checks_;
-  std::shared_ptr<Queue> _queue;
-  std::shared_ptr<Timer> _timer;
+  std::shared_ptr<Queue> queue_;
+  std::shared_ptr<Timer> timer_;
 };
 
 }  // namespace vorlen

@@ -10,7 +10,8 @@ inline constexpr const char* kPlatformCountryCodeDidChangeNotification = "VORPla
 // The system time zone changed.
 inline constexpr const char* kPlatformTimeZoneDidChangeNotification = "VORPlatformTimeZoneDidChange";
 // The current locale or the preferred languages changed.
-inline constexpr const char* kPlatformCurrentLocaleDidChangeNotification = "VORPlatformCurrentLocaleDidChange";
+inline constexpr const char* kPlatformCurrentLocaleDidChangeNotification =
+    "VORPlatformCurrentLocaleDidChange";
 // The effective device-management settings (restrictions) changed.
 inline constexpr const char* kPlatformEffectiveSettingsDidChangeNotification =
     "VORPlatformEffectiveSettingsDidChange";

@@ -34,19 +34,37 @@ namespace vorlen {
 
 namespace {
 
-const Logger& connectionLog() { return VorlenLogForCategory(VorlenLogCategoryConnection); }
-const Logger& sessionLog() { return VorlenLogForCategory(VorlenLogCategorySession); }
-const Logger& feedbackLog() { return VorlenLogForCategory(VorlenLogCategoryFeedback); }
-const Logger& bagLog() { return VorlenLogForCategory(VorlenLogCategoryBag); }
+const Logger& connectionLog() {
+  return VorlenLogForCategory(VorlenLogCategoryConnection);
+}
+const Logger& sessionLog() {
+  return VorlenLogForCategory(VorlenLogCategorySession);
+}
+const Logger& feedbackLog() {
+  return VorlenLogForCategory(VorlenLogCategoryFeedback);
+}
+const Logger& bagLog() {
+  return VorlenLogForCategory(VorlenLogCategoryBag);
+}
 
 using Arg = IpcExportedInterface::Arg;
 
-Value optionalRecord(const auto& record) { return record ? record->toRecord() : Value(); }
+Value optionalRecord(const auto& record) {
+  return record ? record->toRecord() : Value();
+}
 
 // View-appear events that mean a search screen is about to be used: worth pre-warming the connection.
 bool warmsConnection(uint64_t viewAppearEvent) {
   switch (viewAppearEvent) {
-    case 2: case 5: case 6: case 9: case 10: case 11: case 22: case 23: case 24:
+    case 2:
+    case 5:
+    case 6:
+    case 9:
+    case 10:
+    case 11:
+    case 22:
+    case 23:
+    case 24:
       return true;
     default:
       return false;
@@ -74,8 +92,8 @@ std::shared_ptr<ClientConnection> ClientConnection::create(std::shared_ptr<Assem
   return self;
 }
 
-ClientConnection::ClientConnection(std::shared_ptr<Assembly> assembly, std::shared_ptr<IpcConnection> connection,
-                                   ClientConnectionOptions options)
+ClientConnection::ClientConnection(std::shared_ptr<Assembly> assembly,
+                                   std::shared_ptr<IpcConnection> connection, ClientConnectionOptions options)
     : assembly_(std::move(assembly)),
       clientStateManager_(assembly_->clientStateManager),
       connection_(std::move(connection)),
@@ -133,7 +151,8 @@ void ClientConnection::start() {
   });
 }
 
-std::shared_ptr<const IpcExportedInterface> ClientConnection::makeInterface(std::weak_ptr<ClientConnection> weak) {
+std::shared_ptr<const IpcExportedInterface> ClientConnection::makeInterface(
+    std::weak_ptr<ClientConnection> weak) {
   auto exported = std::make_shared<IpcExportedInterface>(op::kDaemonInterface);
   // Binds an operation to a member; calls arriving after the connection object is gone do nothing.
   auto bind = [weak](auto member) {
@@ -158,20 +177,20 @@ std::shared_ptr<const IpcExportedInterface> ClientConnection::makeInterface(std:
                   if (auto request = VORRequest::fromRecord(call.arg(0)))
                     self.request(std::move(request), std::move(reply));
                 }));
-  exported->add(op::kReportEvent, {Arg::string(), Arg::unsignedInteger(), Arg::record()},
-                bind([](ClientConnection& self, const IpcMessage& call, IpcReplier) {
-                  // The event name is deliberately not used: the feedback's class says what happened.
-                  auto feedback = QXFeedback::fromRecord(call.arg(2));
-                  if (!feedback) return;
-                  if (feedback->isServiceEvent()) {
-                    self.repeatedLines_.log(
-                        feedbackLog(), LogLevel::Error,
-                        fmt::format("refusing {} from a client: only the service makes it",
-                                    feedback->className()));
-                    return;
-                  }
-                  self.reportEvent(*feedback, *call.arg(1).getUInt());
-                }));
+  exported->add(
+      op::kReportEvent, {Arg::string(), Arg::unsignedInteger(), Arg::record()},
+      bind([](ClientConnection& self, const IpcMessage& call, IpcReplier) {
+        // The event name is deliberately not used: the feedback's class says what happened.
+        auto feedback = QXFeedback::fromRecord(call.arg(2));
+        if (!feedback) return;
+        if (feedback->isServiceEvent()) {
+          self.repeatedLines_.log(
+              feedbackLog(), LogLevel::Error,
+              fmt::format("refusing {} from a client: only the service makes it", feedback->className()));
+          return;
+        }
+        self.reportEvent(*feedback, *call.arg(1).getUInt());
+      }));
   exported->add(op::kFeedback, {Arg::string()},
                 bind([](ClientConnection& self, const IpcMessage&, IpcReplier reply) {
                   self.feedback(std::move(reply));
@@ -433,14 +452,16 @@ void ClientConnection::request(std::shared_ptr<VORRequest> request, IpcReplier r
       bound->moreResults(std::static_pointer_cast<const VORMoreResultsRequest>(request), answer);
       break;
     case VORRequestKind::Card:
-      bound->card(std::static_pointer_cast<const VORCardRequest>(request), traced(kTraceCardStart, kTraceCardEnd));
+      bound->card(std::static_pointer_cast<const VORCardRequest>(request),
+                  traced(kTraceCardStart, kTraceCardEnd));
       break;
     case VORRequestKind::ZeroKeyword:
       bound->zeroKeyword(std::static_pointer_cast<const VORZeroKeywordRequest>(request),
                          traced(kTraceZeroKeywordStart, kTraceZeroKeywordEnd));
       break;
     case VORRequestKind::Lookup:
-      bound->lookup(std::static_pointer_cast<const VORLookupRequest>(request), traced(kTraceLookupStart, kTraceLookupEnd));
+      bound->lookup(std::static_pointer_cast<const VORLookupRequest>(request),
+                    traced(kTraceLookupStart, kTraceLookupEnd));
       break;
     case VORRequestKind::FlightLookup:
       bound->flightLookup(std::static_pointer_cast<const VORFlightLookupRequest>(request), answer);
@@ -494,7 +515,8 @@ uint64_t ClientConnection::clientQueryIdForFeedback(const QXFeedback& feedback) 
   if (feedback.isKindOf("QXLateSectionsAppendedFeedback")) {
     if (auto v = firstSectionQueryId(feedback.records<QXResultSection>("sections"))) id = v;
   }
-  if (feedback.isKindOf("QXSectionEngagementFeedback") || feedback.isKindOf("QXVisibleSectionHeaderFeedback")) {
+  if (feedback.isKindOf("QXSectionEngagementFeedback") ||
+      feedback.isKindOf("QXVisibleSectionHeaderFeedback")) {
     if (auto section = feedback.record<QXResultSection>("section")) {
       if (auto v = firstResultQueryId(section->results)) id = v;
     }
@@ -515,7 +537,8 @@ void ClientConnection::_reportEvent(const QXFeedback& feedback, uint64_t queryId
     feedbackLog().error("state must not be nil");
     return;
   }
-  if (feedback.className() == "QXSearchViewAppearFeedback" && !feedback.boolean("isOnLockScreen").value_or(false) &&
+  if (feedback.className() == "QXSearchViewAppearFeedback" &&
+      !feedback.boolean("isOnLockScreen").value_or(false) &&
       warmsConnection(feedback.uint("viewAppearEvent").value_or(0))) {
     bound->warm();
   }
@@ -543,8 +566,10 @@ void ClientConnection::_resultEngagementExtras(const ClientState& state, const Q
   if (!result) return;
   const std::string shortName = state.clientShortName();
   if (!shortName.empty()) {
-    if (result->isTopHit()) VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "tophit.engagements"));
-    if (result->type == 1) VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "vorlen.engagements"));
+    if (result->isTopHit())
+      VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "tophit.engagements"));
+    if (result->type == 1)
+      VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "vorlen.engagements"));
   }
   const bool voyant = shortName == "voyant";
   const bool norvanta = shortName == "norvanta";
@@ -554,7 +579,8 @@ void ClientConnection::_resultEngagementExtras(const ClientState& state, const Q
     if (auto donor = assembly_->platform.interactionDonor) {
       std::string domain = shortName;
       domain[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(domain[0])));
-      donor->donate(domain, "Engagement", {{"input", *result->userInput}, {"query", *result->completedQuery}});
+      donor->donate(domain, "Engagement",
+                    {{"input", *result->userInput}, {"query", *result->completedQuery}});
     }
   } else {
     feedbackLog().error("invalid input for intent creation, inputString = {}, queryString = {}",

@@ -15,6 +15,7 @@
 #include "base/JsonValue.h"
 #include "base/Log.h"
 #include "base/Queue.h"
+#include "base/UniqueFd.h"
 #include "cache/CachedResultSet.h"
 #include "cache/EngagedCompletionCache.h"
 #include "cache/Lookup.h"
@@ -23,7 +24,6 @@
 #include "feedback/ClientSessionManager.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "feedback/VorlenFeedback.h"
-#include "base/UniqueFd.h"
 #include "model/Constants.h"
 #include "model/QXFeedbackFactory.h"
 #include "network/BagController.h"
@@ -41,12 +41,22 @@ namespace vorlen {
 
 namespace {
 
-const Logger& searchLog() { return VorlenLogForCategory(VorlenLogCategorySearch); }
-const Logger& protocolLog() { return VorlenLogForCategory(VorlenLogCategoryProtocol); }
-const Logger& cachingLog() { return VorlenLogForCategory(VorlenLogCategoryCaching); }
-const Logger& flightLog() { return VorlenLogForCategory(VorlenLogCategoryFlight); }
+const Logger& searchLog() {
+  return VorlenLogForCategory(VorlenLogCategorySearch);
+}
+const Logger& protocolLog() {
+  return VorlenLogForCategory(VorlenLogCategoryProtocol);
+}
+const Logger& cachingLog() {
+  return VorlenLogForCategory(VorlenLogCategoryCaching);
+}
+const Logger& flightLog() {
+  return VorlenLogForCategory(VorlenLogCategoryFlight);
+}
 
-const char* describeReply(const ClientState::QueryReply& reply) { return reply ? "<reply>" : "(null)"; }
+const char* describeReply(const ClientState::QueryReply& reply) {
+  return reply ? "<reply>" : "(null)";
+}
 
 // Skip reasons of VORSkipSearchFeedback.
 constexpr uint64_t kSkipQueryTooShort = 1;
@@ -92,7 +102,9 @@ std::string lowered(std::string_view text) {
 }
 
 // Characters as the client counts them (UTF-16 code units).
-size_t characterCount(std::string_view text) { return CachedResultSet::utf16Length(text); }
+size_t characterCount(std::string_view text) {
+  return CachedResultSet::utf16Length(text);
+}
 
 Value::Dict describeHeaders(const std::map<std::string, std::string>& headers) {
   Value::Dict d;
@@ -285,11 +297,12 @@ void ClientState::_countForClient(std::string_view suffix) const {
   if (!name.empty()) VorlenDiagnosticDataReporter::addValue(1, createTallydKey(name, suffix));
 }
 
-void ClientState::_recordFeedback(QXFeedback feedback, const VORRequest& request, std::optional<Uuid> userGuid) {
+void ClientState::_recordFeedback(QXFeedback feedback, const VORRequest& request,
+                                  std::optional<Uuid> userGuid) {
   auto manager = sessionManager();
   if (!manager) return;
-  manager->addVorlenFeedback(VorlenFeedback(std::move(feedback), static_cast<int64_t>(request.queryId), userGuid,
-                                            userAgent().value_or(""), request.clientQueryId));
+  manager->addVorlenFeedback(VorlenFeedback(std::move(feedback), static_cast<int64_t>(request.queryId),
+                                            userGuid, userAgent().value_or(""), request.clientQueryId));
 }
 
 void ClientState::_recordFeedbacks(std::vector<QXFeedback> feedbacks, const VORRequest& request,
@@ -367,7 +380,8 @@ void ClientState::_markNetworkRequest() {
 }
 
 VORReply ClientState::_makeReply(const VORRequest& request, const HttpRequest* httpRequest,
-                                 const HttpResponse* response, std::vector<uint8_t> data, bool resetGeoSession) {
+                                 const HttpResponse* response, std::vector<uint8_t> data,
+                                 bool resetGeoSession) {
   VORReply out;
   out.scale = request.scale;
   if (request.verboseReply && httpRequest) {
@@ -427,7 +441,8 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
   const std::string client = clientShortName();
   auto completions = assembly_->engagedCompletionCache;
   if (completions && completions->enabled() &&
-      (client == "voyant" || (client == "norvanta" && request->triggerEvent == kTriggerSystemSearchCompletion))) {
+      (client == "voyant" ||
+       (client == "norvanta" && request->triggerEvent == kTriggerSystemSearchCompletion))) {
     QXFeedback start = QXFeedbackFactory::startLocalSearch(request->queryString, kTriggerLocalSearch,
                                                            kIndexTypeCompletionCache, request->queryId);
     events.push_back(start);
@@ -583,7 +598,8 @@ void ClientState::_handleNetworkAnswer(const NetworkQuery& query, const std::vec
     if (reply) reply(request.queryId, std::nullopt, e);
     return;
   }
-  if (query.cacheInput && body.is_object()) _cacheResponse(body, data, query.http, *query.cacheInput, query.uuid);
+  if (query.cacheInput && body.is_object())
+    _cacheResponse(body, data, query.http, *query.cacheInput, query.uuid);
   endNetworkFeedback(query, *response, data.size(), metrics);
   std::optional<nlohmann::json> filtered;
   if (query.lookupRequest && assembly_->lookup)
@@ -608,8 +624,8 @@ void ClientState::_cacheResponse(const nlohmann::json& response, const std::vect
       std::make_shared<CachedResultSet>(input, &request, response, uuid, data, assembly_->clock()->now()));
 }
 
-void ClientState::endNetworkFeedback(const NetworkQuery& query, const HttpResponse& response, uint64_t responseSize,
-                                     const std::optional<TaskMetrics>& metrics) {
+void ClientState::endNetworkFeedback(const NetworkQuery& query, const HttpResponse& response,
+                                     uint64_t responseSize, const std::optional<TaskMetrics>& metrics) {
   Value::Dict timing = NetworkTimingData::fromMetrics(metrics);
   std::optional<QXFeedback> end;
   if (auto header = response.header(kServerTimingHeader)) {
@@ -841,7 +857,8 @@ void ClientState::_replyWithFlightEntries(const VORRequest& request, const Query
     if (entry.is_object() && matches(entry)) matched.push_back(entry);
   }
   const std::string text = matched.dump();
-  VORReply answer = _makeReply(request, nullptr, nullptr, std::vector<uint8_t>(text.begin(), text.end()), false);
+  VORReply answer =
+      _makeReply(request, nullptr, nullptr, std::vector<uint8_t>(text.begin(), text.end()), false);
   if (reply) reply(request.queryId, std::move(answer), std::nullopt);
 }
 
@@ -885,17 +902,21 @@ void ClientState::warm() {
   if (!http || !session) return;
   // The warm-up is the daemon's own request, so its event carries the daemon's agent.
   if (auto manager = assembly_->clientSessionManager) {
-    std::string agent = assembly_->platform.device
-                            ? createUserAgentString(kVORVorlendNameVersion, *assembly_->platform.device).value_or("")
-                            : std::string(kVORVorlendNameVersion);
+    std::string agent =
+        assembly_->platform.device
+            ? createUserAgentString(kVORVorlendNameVersion, *assembly_->platform.device).value_or("")
+            : std::string(kVORVorlendNameVersion);
     manager->addVorlenFeedback(VorlenFeedback(
         QXFeedbackFactory::startNetworkSearch("", http->url, http->headers, kTriggerWarm, kEndpointWarm), 0,
         std::nullopt, std::move(agent)));
   }
-  session->dataTask(*http, [](const std::vector<uint8_t>&, const std::optional<HttpResponse>&,
-                              const std::optional<HttpError>& error) {
-    if (error) searchLog().debug("warm request failed: {}", error->message);
-  })->resume();
+  session
+      ->dataTask(*http,
+                 [](const std::vector<uint8_t>&, const std::optional<HttpResponse>&,
+                    const std::optional<HttpError>& error) {
+                   if (error) searchLog().debug("warm request failed: {}", error->message);
+                 })
+      ->resume();
   _markNetworkRequest();
 }
 

@@ -113,7 +113,8 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   Time _applyRenderDeadline(HttpRequest& http, const VORBag& bag) const;
   // The request a factory built, or an empty one (no URL) when it built none.
   static HttpRequest _built(std::optional<HttpRequest> request);
-  void _recordFeedback(QXFeedback feedback, const VORRequest& request, std::optional<Uuid> userGuid = std::nullopt);
+  void _recordFeedback(QXFeedback feedback, const VORRequest& request,
+                       std::optional<Uuid> userGuid = std::nullopt);
   // Hands several events of one request to the session manager in one piece, in order.
   void _recordFeedbacks(std::vector<QXFeedback> feedbacks, const VORRequest& request,
                         std::optional<Uuid> userGuid = std::nullopt);
@@ -125,10 +126,11 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // the session's queue).
   void _sendNetworkQuery(std::shared_ptr<NetworkQuery> query, QueryReply reply);
   void _handleNetworkAnswer(const NetworkQuery& query, const std::vector<uint8_t>& data,
-                            const std::optional<HttpResponse>& response, const std::optional<HttpError>& error,
-                            const std::optional<TaskMetrics>& metrics, const QueryReply& reply);
-  void _cacheResponse(const nlohmann::json& response, const std::vector<uint8_t>& data, const HttpRequest& request,
-                      const std::string& input, const Uuid& uuid);
+                            const std::optional<HttpResponse>& response,
+                            const std::optional<HttpError>& error, const std::optional<TaskMetrics>& metrics,
+                            const QueryReply& reply);
+  void _cacheResponse(const nlohmann::json& response, const std::vector<uint8_t>& data,
+                      const HttpRequest& request, const std::string& input, const Uuid& uuid);
   void endNetworkFeedback(const NetworkQuery& query, const HttpResponse& response, uint64_t responseSize,
                           const std::optional<TaskMetrics>& metrics);
   void failSearchFeedback(const NetworkQuery& query, const VORError& error, uint64_t responseSize,

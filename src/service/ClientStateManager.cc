@@ -13,8 +13,12 @@ namespace vorlen {
 
 namespace {
 
-const Logger& sessionLog() { return VorlenLogForCategory(VorlenLogCategorySession); }
-const Logger& connectionLog() { return VorlenLogForCategory(VorlenLogCategoryConnection); }
+const Logger& sessionLog() {
+  return VorlenLogForCategory(VorlenLogCategorySession);
+}
+const Logger& connectionLog() {
+  return VorlenLogForCategory(VorlenLogCategoryConnection);
+}
 
 constexpr const char* kSessionsKey = "sessions";
 
@@ -30,7 +34,8 @@ std::shared_ptr<ClientStateManager> ClientStateManager::create(std::shared_ptr<A
 ClientStateManager::ClientStateManager(std::shared_ptr<Assembly> assembly, ClientStateManagerOptions options)
     : assembly_(std::move(assembly)), options_(options) {
   persistSessions_ = assembly_->userDefaults && assembly_->userDefaults->boolForKey("VORPersistSessions");
-  stateCacheQueue_ = Queue::serial("com.velmo.vorlend.stateCache", QueuePriority::Default, assembly_->clock());
+  stateCacheQueue_ =
+      Queue::serial("com.velmo.vorlend.stateCache", QueuePriority::Default, assembly_->clock());
 }
 
 ClientStateManager::~ClientStateManager() {
@@ -170,7 +175,8 @@ std::optional<IpcEndpoint> ClientStateManager::endpoint() const {
   return listener_->endpoint();
 }
 
-bool ClientStateManager::shouldAcceptNewConnection(IpcListener&, const std::shared_ptr<IpcConnection>& connection) {
+bool ClientStateManager::shouldAcceptNewConnection(IpcListener&,
+                                                   const std::shared_ptr<IpcConnection>& connection) {
   connectionLog().debug("new endpoint connection");
   if (!connectSemaphore_.try_acquire_for(options_.endpointSlotWait)) {
     connectionLog().error("endpoint semaphore timeout");

@@ -41,7 +41,8 @@ struct ClientStateManagerOptions {
   Duration endpointSlotWait = std::chrono::milliseconds(100);
 };
 
-class ClientStateManager : public IpcListenerDelegate, public std::enable_shared_from_this<ClientStateManager> {
+class ClientStateManager : public IpcListenerDelegate,
+                           public std::enable_shared_from_this<ClientStateManager> {
  public:
   static constexpr std::ptrdiff_t kMaxEndpointConnections = 10;
   // States kept warm: beyond this many, the least recently asked for lose their in-memory caches.
@@ -71,7 +72,8 @@ class ClientStateManager : public IpcListenerDelegate, public std::enable_shared
   const std::shared_ptr<IpcListener>& listener() const { return listener_; }
   bool persistSessions() const { return persistSessions_; }
 
-  bool shouldAcceptNewConnection(IpcListener& listener, const std::shared_ptr<IpcConnection>& connection) override;
+  bool shouldAcceptNewConnection(IpcListener& listener,
+                                 const std::shared_ptr<IpcConnection>& connection) override;
 
  private:
   ClientStateManager(std::shared_ptr<Assembly> assembly, ClientStateManagerOptions options);

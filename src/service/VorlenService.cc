@@ -19,8 +19,12 @@ namespace vorlen {
 
 namespace {
 
-const Logger& connectionLog() { return VorlenLogForCategory(VorlenLogCategoryConnection); }
-const Logger& sessionLog() { return VorlenLogForCategory(VorlenLogCategorySession); }
+const Logger& connectionLog() {
+  return VorlenLogForCategory(VorlenLogCategoryConnection);
+}
+const Logger& sessionLog() {
+  return VorlenLogForCategory(VorlenLogCategorySession);
+}
 
 std::string clientIdForPeer(const IpcPeer& peer) {
   if (peer.executableName) return *peer.executableName;
@@ -84,7 +88,8 @@ VorlenService::VorlenService(std::shared_ptr<Assembly> assembly, ClientConnectio
   }
 }
 
-bool VorlenService::shouldAcceptNewConnection(IpcListener&, const std::shared_ptr<IpcConnection>& connection) {
+bool VorlenService::shouldAcceptNewConnection(IpcListener&,
+                                              const std::shared_ptr<IpcConnection>& connection) {
   const IpcPeer& peer = connection->peer();
   const std::string clientId = clientIdForPeer(peer);
   connectionLog().notice("new connection from {} ({})", clientId, peer.pid);
@@ -110,7 +115,8 @@ bool VorlenService::shouldAcceptNewConnection(IpcListener&, const std::shared_pt
     connectionLog().notice("connection from {} ({}) invalidated", clientId, pid);
     if (auto state = client->state()) {
       std::string shortName = state->clientShortName();
-      if (!shortName.empty()) VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "icpinvalidation"));
+      if (!shortName.empty())
+        VorlenDiagnosticDataReporter::addValue(1, createTallydKey(shortName, "icpinvalidation"));
     }
     if (auto self = weak.lock()) self->connectionInvalidated(client);
   });

@@ -31,7 +31,8 @@ class VorlenService : public IpcListenerDelegate, public std::enable_shared_from
   static std::shared_ptr<VorlenService> create(std::shared_ptr<Assembly> assembly,
                                                ClientConnectionOptions connectionOptions = {});
 
-  bool shouldAcceptNewConnection(IpcListener& listener, const std::shared_ptr<IpcConnection>& connection) override;
+  bool shouldAcceptNewConnection(IpcListener& listener,
+                                 const std::shared_ptr<IpcConnection>& connection) override;
 
   // A copy of the live connections, taken on the service queue.
   std::vector<std::shared_ptr<ClientConnection>> getClientConnections() const;

@@ -36,11 +36,11 @@ std::shared_ptr<BackgroundActivitiesManager> BackgroundActivitiesManager::create
 }
 
 BackgroundActivitiesManager::BackgroundActivitiesManager(const std::shared_ptr<Assembly>& assembly)
-    : _assembly(assembly),
+    : assembly_(assembly),
       scheduler_(assembly ? assembly->platform.activityScheduler : nullptr),
-      _queueFlusher(Queue::serial("com.velmo.vorlend.backgrondActivitiesManagerQueue", QueuePriority::Utility,
+      queueFlusher_(Queue::serial("com.velmo.vorlend.backgrondActivitiesManagerQueue", QueuePriority::Utility,
                                   assembly ? assembly->clock() : nullptr)),
-      _feedbackFlusher(VorlenFeedbackFlusher::create(assembly, VorlenFeedbackFlusher::kFeedback)) {}
+      feedbackFlusher_(VorlenFeedbackFlusher::create(assembly, VorlenFeedbackFlusher::kFeedback)) {}
 
 BackgroundActivitiesManager::~BackgroundActivitiesManager() {
   if (scheduler_) VorlenIPCActivity::unregister(*scheduler_, kFlushActivityIdentifier);
@@ -76,7 +76,7 @@ void BackgroundActivitiesManager::_flushActivityHandler(const std::shared_ptr<Ba
   log().notice("scheduled flush feedbacks to wire {}", kFlushActivityIdentifier);
   _setState(activity, kActivityStateContinue);
   std::weak_ptr<BackgroundActivitiesManager> weak = weak_from_this();
-  _queueFlusher->async([weak, activity] {
+  queueFlusher_->async([weak, activity] {
     auto self = weak.lock();
     if (!self) return;
     self->_flusherActivity();
@@ -93,17 +93,17 @@ void BackgroundActivitiesManager::_setState(const std::shared_ptr<BackgroundActi
 
 void BackgroundActivitiesManager::insertFlushActivity(std::function<void()> completion) {
   std::weak_ptr<BackgroundActivitiesManager> weak = weak_from_this();
-  _queueFlusher->async([weak, completion = std::move(completion)] {
+  queueFlusher_->async([weak, completion = std::move(completion)] {
     if (auto self = weak.lock()) self->_flusherActivity();
     if (completion) completion();
   });
 }
 
 void BackgroundActivitiesManager::_flusherActivity() {
-  _queueFlusher->assertCurrent();
+  queueFlusher_->assertCurrent();
   // The process must not be ended as idle while sessions are on their way out.
   Transaction transaction("_flusherActivity");
-  auto assembly = _assembly.lock();
+  auto assembly = assembly_.lock();
   if (!assembly) return;
   std::shared_ptr<FlusherIPC> listener = assembly->flusherIPCListener;
   if (std::shared_ptr<PersistentStorage> storage = assembly->persistentStorage) {
@@ -112,8 +112,8 @@ void BackgroundActivitiesManager::_flusherActivity() {
       // Deleted before it is sent: a session is attempted at most once.
       storage->deleteSessionWithFileContainer(handle);
       if (!session) continue;
-      _feedbackFlusher->flushSyncFromArray({session});
-      sendBuffer(*_feedbackFlusher, listener);
+      feedbackFlusher_->flushSyncFromArray({session});
+      sendBuffer(*feedbackFlusher_, listener);
     }
   }
   if (std::shared_ptr<FeedbackFlusher> crowdsourcing = assembly->crowdsourcingFeedbackFlusher)
@@ -122,7 +122,7 @@ void BackgroundActivitiesManager::_flusherActivity() {
 
 std::vector<std::shared_ptr<ClientSession>> BackgroundActivitiesManager::_readFeedbacksFromDisk() {
   std::vector<std::shared_ptr<ClientSession>> sessions;
-  auto assembly = _assembly.lock();
+  auto assembly = assembly_.lock();
   if (!assembly || !assembly->persistentStorage) return sessions;
   for (const auto& handle : assembly->persistentStorage->getAvailableSessionHandles())
     if (auto session = _readFeedbackFromDisk(*assembly, handle)) sessions.push_back(std::move(session));

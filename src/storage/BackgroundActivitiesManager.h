@@ -58,8 +58,8 @@ class BackgroundActivitiesManager final : public BackgroundFlusher,
   static std::shared_ptr<ClientSession> _readFeedbackFromDisk(const Assembly& assembly,
                                                               const std::shared_ptr<FileContainer>& handle);
 
-  const std::shared_ptr<VorlenFeedbackFlusher>& feedbackFlusher() const { return _feedbackFlusher; }
-  const std::shared_ptr<Queue>& queue() const { return _queueFlusher; }
+  const std::shared_ptr<VorlenFeedbackFlusher>& feedbackFlusher() const { return feedbackFlusher_; }
+  const std::shared_ptr<Queue>& queue() const { return queueFlusher_; }
 
  private:
   explicit BackgroundActivitiesManager(const std::shared_ptr<Assembly>& assembly);
@@ -68,13 +68,13 @@ class BackgroundActivitiesManager final : public BackgroundFlusher,
   void _flushActivityHandler(const std::shared_ptr<BackgroundActivity>& activity);
   // Sets the state; a refused transition is logged as a fault and otherwise ignored.
   void _setState(const std::shared_ptr<BackgroundActivity>& activity, int64_t state);
-  // The drain. REQUIRES: on _queueFlusher.
+  // The drain. REQUIRES: on queueFlusher_.
   void _flusherActivity();
 
-  const std::weak_ptr<Assembly> _assembly;
+  const std::weak_ptr<Assembly> assembly_;
   const std::shared_ptr<BackgroundActivityScheduler> scheduler_;
-  const std::shared_ptr<Queue> _queueFlusher;
-  std::shared_ptr<VorlenFeedbackFlusher> _feedbackFlusher;
+  const std::shared_ptr<Queue> queueFlusher_;
+  std::shared_ptr<VorlenFeedbackFlusher> feedbackFlusher_;
   std::atomic<bool> stopFlushing_{false};
 };
 

@@ -16,109 +16,109 @@ const Logger& log() {
 }  // namespace
 
 CompressedOutputStream::CompressedOutputStream(std::shared_ptr<OutputStream> outputStream, int level)
-    : _outputStream(std::move(outputStream)) {
+    : outputStream_(std::move(outputStream)) {
   // windowBits -15: raw DEFLATE, no header or trailer; memLevel 8 is zlib's default.
-  if (deflateInit2(&_stream, level, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) == Z_OK) {
-    _encoderLive = true;
+  if (deflateInit2(&stream_, level, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) == Z_OK) {
+    encoderLive_ = true;
   } else {
     log().error("cannot start the deflate encoder");
-    _status = kStatusError;
+    status_ = kStatusError;
   }
-  _sha512Context = EVP_MD_CTX_new();
-  if (!_sha512Context || EVP_DigestInit_ex(_sha512Context, EVP_sha512(), nullptr) != 1) {
+  sha512Context_ = EVP_MD_CTX_new();
+  if (!sha512Context_ || EVP_DigestInit_ex(sha512Context_, EVP_sha512(), nullptr) != 1) {
     log().error("cannot start the SHA-512 digest");
-    _status = kStatusError;
+    status_ = kStatusError;
   }
-  if (!_outputStream) _status = kStatusError;
+  if (!outputStream_) status_ = kStatusError;
 }
 
 CompressedOutputStream::~CompressedOutputStream() {
-  if (_encoderLive) deflateEnd(&_stream);
-  if (_sha512Context) EVP_MD_CTX_free(_sha512Context);
+  if (encoderLive_) deflateEnd(&stream_);
+  if (sha512Context_) EVP_MD_CTX_free(sha512Context_);
 }
 
 void CompressedOutputStream::open() {
-  if (_outputStream) _outputStream->open();
+  if (outputStream_) outputStream_->open();
 }
 
 bool CompressedOutputStream::_drainBuffer() {
-  const size_t used = kBufferBytes - _stream.avail_out;
-  if (used > 0 && _outputStream->write(_destBuffer.data(), used) != static_cast<ssize_t>(used)) {
-    _status = kStatusError;
+  const size_t used = kBufferBytes - stream_.avail_out;
+  if (used > 0 && outputStream_->write(destBuffer_.data(), used) != static_cast<ssize_t>(used)) {
+    status_ = kStatusError;
     return false;
   }
-  _stream.next_out = _destBuffer.data();
-  _stream.avail_out = kBufferBytes;
+  stream_.next_out = destBuffer_.data();
+  stream_.avail_out = kBufferBytes;
   return true;
 }
 
 ssize_t CompressedOutputStream::write(const uint8_t* buffer, size_t length) {
-  if (_status != kStatusOk || _closed) return -1;
+  if (status_ != kStatusOk || closed_) return -1;
   if (length == 0) return 0;
-  EVP_DigestUpdate(_sha512Context, buffer, length);
+  EVP_DigestUpdate(sha512Context_, buffer, length);
   // zlib counts in uInt; feed very large writes in pieces.
   size_t consumed = 0;
-  while (consumed < length && _status == kStatusOk) {
+  while (consumed < length && status_ == kStatusOk) {
     const size_t piece = std::min<size_t>(length - consumed, 1u << 30);
-    _stream.next_in = const_cast<Bytef*>(buffer + consumed);
-    _stream.avail_in = static_cast<uInt>(piece);
-    while (_stream.avail_in > 0 && _status == kStatusOk) {
-      _stream.next_out = _destBuffer.data();
-      _stream.avail_out = kBufferBytes;
-      int rc = deflate(&_stream, Z_NO_FLUSH);
+    stream_.next_in = const_cast<Bytef*>(buffer + consumed);
+    stream_.avail_in = static_cast<uInt>(piece);
+    while (stream_.avail_in > 0 && status_ == kStatusOk) {
+      stream_.next_out = destBuffer_.data();
+      stream_.avail_out = kBufferBytes;
+      int rc = deflate(&stream_, Z_NO_FLUSH);
       if (rc != Z_OK && rc != Z_BUF_ERROR) {
-        _status = kStatusError;
+        status_ = kStatusError;
         break;
       }
       _drainBuffer();
     }
-    consumed += piece - _stream.avail_in;
+    consumed += piece - stream_.avail_in;
   }
-  _stream.next_in = nullptr;
-  _stream.avail_in = 0;
-  return _status == kStatusOk ? static_cast<ssize_t>(consumed) : -1;
+  stream_.next_in = nullptr;
+  stream_.avail_in = 0;
+  return status_ == kStatusOk ? static_cast<ssize_t>(consumed) : -1;
 }
 
 void CompressedOutputStream::close() {
-  if (_closed) return;
-  _closed = true;
-  while (_status == kStatusOk) {
-    _stream.next_out = _destBuffer.data();
-    _stream.avail_out = kBufferBytes;
-    int rc = deflate(&_stream, Z_FINISH);
+  if (closed_) return;
+  closed_ = true;
+  while (status_ == kStatusOk) {
+    stream_.next_out = destBuffer_.data();
+    stream_.avail_out = kBufferBytes;
+    int rc = deflate(&stream_, Z_FINISH);
     if (rc == Z_STREAM_END) {
-      _status = kStatusEnd;
+      status_ = kStatusEnd;
     } else if (rc != Z_OK && rc != Z_BUF_ERROR) {
-      _status = kStatusError;
+      status_ = kStatusError;
     }
     if (!_drainBuffer()) break;
   }
-  if (_sha512Context) {
+  if (sha512Context_) {
     unsigned int length = 0;
-    _digestReady =
-        EVP_DigestFinal_ex(_sha512Context, _digest.data(), &length) == 1 && length == _digest.size();
+    digestReady_ =
+        EVP_DigestFinal_ex(sha512Context_, digest_.data(), &length) == 1 && length == digest_.size();
   }
-  if (_encoderLive) {
-    deflateEnd(&_stream);
-    _encoderLive = false;
+  if (encoderLive_) {
+    deflateEnd(&stream_);
+    encoderLive_ = false;
   }
-  if (_outputStream) _outputStream->close();
+  if (outputStream_) outputStream_->close();
 }
 
 std::optional<int> CompressedOutputStream::streamError() const {
-  if (_outputStream) {
-    if (auto e = _outputStream->streamError()) return e;
+  if (outputStream_) {
+    if (auto e = outputStream_->streamError()) return e;
   }
-  if (_status == kStatusError) return 0;
+  if (status_ == kStatusError) return 0;
   return std::nullopt;
 }
 
 std::string CompressedOutputStream::dataDigestForStream() const {
-  if (!_digestReady) return {};
+  if (!digestReady_) return {};
   static constexpr char kHex[] = "0123456789abcdef";
   std::string out;
-  out.reserve(_digest.size() * 2);
-  for (uint8_t b : _digest) {
+  out.reserve(digest_.size() * 2);
+  for (uint8_t b : digest_) {
     out += kHex[b >> 4];
     out += kHex[b & 0xf];
   }

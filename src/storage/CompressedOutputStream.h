@@ -47,21 +47,21 @@ class CompressedOutputStream final : public OutputStream {
   std::optional<int> streamError() const override;
 
   std::string dataDigestForStream() const;
-  int status() const { return _status; }
+  int status() const { return status_; }
 
  private:
   // Writes the used part of the buffer to the destination; false (status error) when that fails.
   bool _drainBuffer();
 
-  const std::shared_ptr<OutputStream> _outputStream;
-  z_stream _stream{};
-  bool _encoderLive = false;
-  bool _closed = false;
-  std::array<uint8_t, kBufferBytes> _destBuffer{};
-  int _status = kStatusOk;
-  evp_md_ctx_st* _sha512Context = nullptr;
-  std::array<uint8_t, 64> _digest{};
-  bool _digestReady = false;
+  const std::shared_ptr<OutputStream> outputStream_;
+  z_stream stream_{};
+  bool encoderLive_ = false;
+  bool closed_ = false;
+  std::array<uint8_t, kBufferBytes> destBuffer_{};
+  int status_ = kStatusOk;
+  evp_md_ctx_st* sha512Context_ = nullptr;
+  std::array<uint8_t, 64> digest_{};
+  bool digestReady_ = false;
 };
 
 }  // namespace vorlen

@@ -20,19 +20,23 @@
 namespace vorlen {
 namespace {
 
-const Logger& log() { return VorlenLogForCategory(VorlenLogCategorySession); }
+const Logger& log() {
+  return VorlenLogForCategory(VorlenLogCategorySession);
+}
 
 constexpr uint64_t kMaxMappedLength = uint64_t{1} << 32;
 
 }  // namespace
 
 std::shared_ptr<FileContainer> FileContainer::forReading(std::filesystem::path fileUrl, Settings settings) {
-  return std::shared_ptr<FileContainer>(new FileContainer(std::move(fileUrl), std::move(settings), UniqueFd()));
+  return std::shared_ptr<FileContainer>(
+      new FileContainer(std::move(fileUrl), std::move(settings), UniqueFd()));
 }
 
 std::shared_ptr<FileContainer> FileContainer::forWriting(UniqueFd handle, std::filesystem::path fileUrl,
                                                          Settings settings) {
-  return std::shared_ptr<FileContainer>(new FileContainer(std::move(fileUrl), std::move(settings), std::move(handle)));
+  return std::shared_ptr<FileContainer>(
+      new FileContainer(std::move(fileUrl), std::move(settings), std::move(handle)));
 }
 
 FileContainer::FileContainer(std::filesystem::path fileUrl, Settings settings, UniqueFd handle)
@@ -44,7 +48,9 @@ FileContainer::FileContainer(std::filesystem::path fileUrl, Settings settings, U
   }
 }
 
-bool FileContainer::isOpenForTesting() const { return open_.load(); }
+bool FileContainer::isOpenForTesting() const {
+  return open_.load();
+}
 
 void FileContainer::writeSessionHeader(const ClientSession& session) {
   std::vector<uint8_t> header = Archive::encodeBinary(session.toArchive());
@@ -92,12 +98,14 @@ bool FileContainer::_archiveData(std::span<const uint8_t> payload) {
   bytes.insert(bytes.end(), payload.begin(), payload.end());
   size_t written = 0;
   while (written < bytes.size()) {
-    ssize_t n = settings_.fileSystem->write(fileHandle_.get(), bytes.data() + written, bytes.size() - written);
+    ssize_t n =
+        settings_.fileSystem->write(fileHandle_.get(), bytes.data() + written, bytes.size() - written);
     if (n <= 0) {
       const int err = n < 0 ? errno : ENOSPC;
       log().error("writing session record to {} failed: {}", fileUrl_.string(), std::strerror(err));
       if (settings_.fileSystem->ftruncate(fileHandle_.get(), static_cast<off_t>(offset)) != 0) {
-        log().error("cutting {} back to {} bytes failed: {}", fileUrl_.string(), offset, std::strerror(errno));
+        log().error("cutting {} back to {} bytes failed: {}", fileUrl_.string(), offset,
+                    std::strerror(errno));
       }
       return false;
     }
@@ -202,7 +210,8 @@ std::shared_ptr<ClientSession> FileContainer::_unarchiveObject(const Assembly& a
   return unarchive(mapping->bytes(), settings_.version, assembly);
 }
 
-std::shared_ptr<ClientSession> FileContainer::unarchive(std::span<const uint8_t> image, const std::string& version,
+std::shared_ptr<ClientSession> FileContainer::unarchive(std::span<const uint8_t> image,
+                                                        const std::string& version,
                                                         const Assembly& assembly) {
   if (image.empty()) {
     log().error("empty file");
@@ -239,7 +248,8 @@ std::shared_ptr<ClientSession> FileContainer::unarchive(std::span<const uint8_t>
       log().error("vorlen feedback expected");
       break;
     }
-    std::optional<VorlenFeedback> feedback = archive ? VorlenFeedback::fromArchive(*archive, &error) : std::nullopt;
+    std::optional<VorlenFeedback> feedback =
+        archive ? VorlenFeedback::fromArchive(*archive, &error) : std::nullopt;
     if (!feedback) {
       log().error("could not unarchive feedback range {} size {}", start, record->size());
       break;

@@ -82,41 +82,41 @@ std::shared_ptr<UploadManager> UploadManager::create(const Assembly& assembly, S
 }
 
 UploadManager::UploadManager(const Assembly& assembly, Settings settings)
-    : _settings(settings),
-      _temporaryDirectory(assembly.fileManager().tempDir.empty() ? std::filesystem::path("/tmp")
+    : settings_(settings),
+      temporaryDirectory_(assembly.fileManager().tempDir.empty() ? std::filesystem::path("/tmp")
                                                                  : assembly.fileManager().tempDir),
-      _notificationCenter(assembly.notificationCenter ? assembly.notificationCenter
+      notificationCenter_(assembly.notificationCenter ? assembly.notificationCenter
                                                       : assembly.platform.notificationCenter),
-      _bagController(assembly.bagController),
-      _requestFactory(assembly.requestFactory),
-      _httpSessions(assembly.httpSessions),
+      bagController_(assembly.bagController),
+      requestFactory_(assembly.requestFactory),
+      httpSessions_(assembly.httpSessions),
       queue(Queue::serial("com.velmo.vorlend.uploadmanager")) {}
 
 UploadManager::~UploadManager() {
   // Uploads still running go on reading their open files, but nobody will see them end: their paths go now.
-  std::lock_guard lock(_inFlightMutex);
-  for (auto& [id, upload] : _inFlight) {
+  std::lock_guard lock(inFlightMutex_);
+  for (auto& [id, upload] : inFlight_) {
     if (upload.file) upload.file->removePath();
   }
 }
 
 void UploadManager::start() {
-  if (_notificationCenter) {
-    _bagObserver = _notificationCenter->addObserver<UploadManager>(
+  if (notificationCenter_) {
+    bagObserver_ = notificationCenter_->addObserver<UploadManager>(
         kVORBagChangeNotification, nullptr, shared_from_this(),
         [](UploadManager& m, const Notification& n) { m.bagChangeNotification(n); });
   }
-  if (_httpSessions) _uploadSession = _httpSessions->uploadURLSession(shared_from_this());
+  if (httpSessions_) uploadSession_ = httpSessions_->uploadURLSession(shared_from_this());
   _removeLeftoverTempFiles();
-  if (_bagController) {
-    if (std::optional<VORBag> bag = _bagController->currentBag()) {
+  if (bagController_) {
+    if (std::optional<VORBag> bag = bagController_->currentBag()) {
       queue->sync([&] { _fetchEndpointsFromBag(*bag); });
     }
   }
 }
 
 void UploadManager::_removeLeftoverTempFiles() {
-  DIR* dir = ::opendir(_temporaryDirectory.c_str());
+  DIR* dir = ::opendir(temporaryDirectory_.c_str());
   if (!dir) return;
   const time_t now = ::time(nullptr);
   const size_t prefixLength = std::strlen(UploadFile::kNamePrefix);
@@ -128,7 +128,7 @@ void UploadManager::_removeLeftoverTempFiles() {
         st.st_uid != ::getuid() || now - st.st_mtime < kLeftoverAgeSeconds)
       continue;
     if (::unlinkat(::dirfd(dir), entry->d_name, 0) == 0)
-      log().info("removed leftover upload file {}", (_temporaryDirectory / entry->d_name).string());
+      log().info("removed leftover upload file {}", (temporaryDirectory_ / entry->d_name).string());
   }
   ::closedir(dir);
 }
@@ -153,37 +153,37 @@ void UploadManager::bagChangeNotification(const Notification& notification) {
 void UploadManager::_fetchEndpointsFromBag(const VORBag& bag) {
   queue->assertCurrent();
   const bool enabled = bag.feedbackEnabled();
-  _feedbackEndpoint.reset();
+  feedbackEndpoint_.reset();
   if (enabled) {
     if (std::optional<std::string> url = bag.feedbackURL())
-      _feedbackEndpoint = appendingQueryItem(*url, "v", "2");
+      feedbackEndpoint_ = appendingQueryItem(*url, "v", "2");
   }
-  _crowdsourcingEndpoint = enabled ? bag.crowdsourcingURL() : std::nullopt;
+  crowdsourcingEndpoint_ = enabled ? bag.crowdsourcingURL() : std::nullopt;
 }
 
 std::optional<std::string> UploadManager::feedbackEndpoint() {
   std::optional<std::string> out;
-  queue->sync([&] { out = _feedbackEndpoint; });
+  queue->sync([&] { out = feedbackEndpoint_; });
   return out;
 }
 
 void UploadManager::setFeedbackEndpoint(std::optional<std::string> url) {
   std::weak_ptr<UploadManager> weak = weak_from_this();
   queue->async([weak, url = std::move(url)] {
-    if (auto self = weak.lock()) self->_feedbackEndpoint = url;
+    if (auto self = weak.lock()) self->feedbackEndpoint_ = url;
   });
 }
 
 std::optional<std::string> UploadManager::crowdsourcingEndpoint() {
   std::optional<std::string> out;
-  queue->sync([&] { out = _crowdsourcingEndpoint; });
+  queue->sync([&] { out = crowdsourcingEndpoint_; });
   return out;
 }
 
 void UploadManager::setCrowdsourcingEndpoint(std::optional<std::string> url) {
   std::weak_ptr<UploadManager> weak = weak_from_this();
   queue->async([weak, url = std::move(url)] {
-    if (auto self = weak.lock()) self->_crowdsourcingEndpoint = url;
+    if (auto self = weak.lock()) self->crowdsourcingEndpoint_ = url;
   });
 }
 
@@ -198,9 +198,9 @@ std::optional<std::string> UploadManager::_urlForEndpoint(uint32_t endpointType,
 // ---- Uploads -------------------------------------------------------------------------------------
 
 std::shared_ptr<UploadFile> UploadManager::makeTempFile() {
-  std::shared_ptr<UploadFile> file = UploadFile::create(_temporaryDirectory);
+  std::shared_ptr<UploadFile> file = UploadFile::create(temporaryDirectory_);
   if (!file)
-    log().debug("cannot create a temporary file in {}: {}", _temporaryDirectory.string(),
+    log().debug("cannot create a temporary file in {}: {}", temporaryDirectory_.string(),
                 std::strerror(errno));
   return file;
 }
@@ -295,20 +295,20 @@ bool UploadManager::_enqueue(const std::shared_ptr<UploadFile>& file, const std:
     return false;
   }
   std::optional<HttpRequest> request;
-  if (_requestFactory)
-    request = _requestFactory->flusherUploadRequest(*url, _settings.requestTimeoutSeconds, digest);
-  if (!request || !_uploadSession) {
+  if (requestFactory_)
+    request = requestFactory_->flusherUploadRequest(*url, settings_.requestTimeoutSeconds, digest);
+  if (!request || !uploadSession_) {
     log().error("cannot make the upload request for {}", Private(*url));
     file->removePath();
     return false;
   }
   log().debug("Enqueuing for upload: {}, headers {}", Private(request->url),
               Private(headersText(request->headers)));
-  std::shared_ptr<HttpTask> task = _uploadSession->uploadTask(std::move(*request), *path);
+  std::shared_ptr<HttpTask> task = uploadSession_->uploadTask(std::move(*request), *path);
   if (numberOfFeedbacks) task->setNumberOfFeedbacks(numberOfFeedbacks);
   {
-    std::lock_guard lock(_inFlightMutex);
-    _inFlight[task->taskIdentifier()] =
+    std::lock_guard lock(inFlightMutex_);
+    inFlight_[task->taskIdentifier()] =
         InFlight{file, std::make_shared<Transaction>("com.velmo.vorlend.uploadmanager.upload")};
   }
   task->resume();
@@ -350,34 +350,34 @@ void UploadManager::didSendBodyData(HttpSession& /*session*/, const std::shared_
 void UploadManager::_ended(uint64_t taskIdentifier) {
   std::shared_ptr<UploadFile> file;
   {
-    std::lock_guard lock(_inFlightMutex);
-    auto it = _inFlight.find(taskIdentifier);
-    if (it == _inFlight.end()) return;
+    std::lock_guard lock(inFlightMutex_);
+    auto it = inFlight_.find(taskIdentifier);
+    if (it == inFlight_.end()) return;
     file = it->second.file;
   }
   // The path goes before the upload counts as ended, so whoever waits for the end finds it gone.
   if (file) file->removePath();
   {
-    std::lock_guard lock(_inFlightMutex);
-    _inFlight.erase(taskIdentifier);
-    ++_endedCount;
+    std::lock_guard lock(inFlightMutex_);
+    inFlight_.erase(taskIdentifier);
+    ++endedCount_;
   }
-  _inFlightChanged.notify_all();
+  inFlightChanged_.notify_all();
 }
 
 size_t UploadManager::uploadsInFlight() const {
-  std::lock_guard lock(_inFlightMutex);
-  return _inFlight.size();
+  std::lock_guard lock(inFlightMutex_);
+  return inFlight_.size();
 }
 
 uint64_t UploadManager::uploadsEnded() const {
-  std::lock_guard lock(_inFlightMutex);
-  return _endedCount;
+  std::lock_guard lock(inFlightMutex_);
+  return endedCount_;
 }
 
 bool UploadManager::waitForUploadsToEnd(std::chrono::milliseconds timeout) const {
-  std::unique_lock lock(_inFlightMutex);
-  return _inFlightChanged.wait_for(lock, timeout, [this] { return _inFlight.empty(); });
+  std::unique_lock lock(inFlightMutex_);
+  return inFlightChanged_.wait_for(lock, timeout, [this] { return inFlight_.empty(); });
 }
 
 }  // namespace vorlen

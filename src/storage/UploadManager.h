@@ -117,19 +117,19 @@ class UploadManager final : public HttpSessionDelegate, public std::enable_share
                 const std::string& digest, std::optional<uint64_t> numberOfFeedbacks);
   void _ended(uint64_t taskIdentifier);
 
-  const Settings _settings;
-  const std::filesystem::path _temporaryDirectory;
-  const std::shared_ptr<NotificationCenter> _notificationCenter;
-  const std::shared_ptr<BagController> _bagController;
-  const std::shared_ptr<VORNetworkRequestFactory> _requestFactory;
-  const std::shared_ptr<HttpSessions> _httpSessions;
-  std::shared_ptr<HttpSession> _uploadSession;  // set in start()
+  const Settings settings_;
+  const std::filesystem::path temporaryDirectory_;
+  const std::shared_ptr<NotificationCenter> notificationCenter_;
+  const std::shared_ptr<BagController> bagController_;
+  const std::shared_ptr<VORNetworkRequestFactory> requestFactory_;
+  const std::shared_ptr<HttpSessions> httpSessions_;
+  std::shared_ptr<HttpSession> uploadSession_;  // set in start()
   const std::shared_ptr<Queue> queue;
-  std::unique_ptr<NotificationCenter::Token> _bagObserver;
+  std::unique_ptr<NotificationCenter::Token> bagObserver_;
 
   // On `queue`.
-  std::optional<std::string> _feedbackEndpoint;
-  std::optional<std::string> _crowdsourcingEndpoint;
+  std::optional<std::string> feedbackEndpoint_;
+  std::optional<std::string> crowdsourcingEndpoint_;
 
   // Uploads in flight by task identifier: the file whose path goes when the task ends, and the
   // keep-alive transaction that holds the process while it runs.
@@ -137,10 +137,10 @@ class UploadManager final : public HttpSessionDelegate, public std::enable_share
     std::shared_ptr<UploadFile> file;
     std::shared_ptr<Transaction> transaction;
   };
-  mutable std::mutex _inFlightMutex;
-  mutable std::condition_variable _inFlightChanged;
-  std::map<uint64_t, InFlight> _inFlight;
-  uint64_t _endedCount = 0;
+  mutable std::mutex inFlightMutex_;
+  mutable std::condition_variable inFlightChanged_;
+  std::map<uint64_t, InFlight> inFlight_;
+  uint64_t endedCount_ = 0;
 };
 
 }  // namespace vorlen

@@ -41,10 +41,10 @@ void VorlenCustomFeedbackFlusher::scheduleMaintenance() {
   auto task = VorlenPeriodicTask::taskWithName(kMaintenanceTaskName, kMaintenancePeriodSeconds, [weak] {
     auto self = weak.lock();
     if (!self) return;
-    const Time now = self->_assembly->clock()->now();
+    const Time now = self->assembly_->clock()->now();
     self->flushStartingOn(now - seconds(86400), now);
   });
-  VorlenPeriodicTaskManager::sharedInstance(*_assembly)->registerTask(task);
+  VorlenPeriodicTaskManager::sharedInstance(*assembly_)->registerTask(task);
 }
 
 void VorlenCustomFeedbackFlusher::flushStartingOn(Time, Time) {
@@ -61,7 +61,7 @@ std::string VorlenCustomFeedbackFlusher::feedbackTypeForSubDir(const std::string
 
 uint64_t VorlenCustomFeedbackFlusher::_maximumSize(const std::string& type) const {
   std::optional<VORBag> bag =
-      _assembly->bagController ? _assembly->bagController->cachedBagState() : std::nullopt;
+      assembly_->bagController ? assembly_->bagController->cachedBagState() : std::nullopt;
   const uint64_t fromBag = bag ? bag->maximumSizeForFeedbackType(type) : 0;
   return fromBag ? fromBag : kDefaultMaximumSize;
 }
@@ -102,7 +102,7 @@ std::vector<std::filesystem::path> VorlenCustomFeedbackFlusher::reportsInDirecto
 }
 
 void VorlenCustomFeedbackFlusher::flushCustomFeedback() {
-  const std::filesystem::path& caches = _assembly->fileManager().cachesDir;
+  const std::filesystem::path& caches = assembly_->fileManager().cachesDir;
   if (caches.empty()) {
     log().error("Failed to get cache directory: {}", "no caches folder");
     return;
@@ -114,7 +114,7 @@ void VorlenCustomFeedbackFlusher::flushCustomFeedback() {
     log().info("No custom feedback found. Nothing to flush.");
     return;
   }
-  const std::shared_ptr<UploadManager>& uploads = _assembly->uploadManager;
+  const std::shared_ptr<UploadManager>& uploads = assembly_->uploadManager;
   for (const char* subDir : kSubDirs) {
     const std::string name = subDir;
     // The folder itself is listed without descending: its report-kind folders are listed on their own.
@@ -138,7 +138,7 @@ void VorlenCustomFeedbackFlusher::flushCustomFeedback() {
       error.domain = kVORErrorDomain;
       error.code = kFileTooLargeCode;
       error.userInfo = {{"size", Value(size)}, {"type", Value(type)}};
-      ClientSession::createFeedbackSessionFromError(error, *_assembly)->sessionComplete();
+      ClientSession::createFeedbackSessionFromError(error, *assembly_)->sessionComplete();
       VorlenDiagnosticDataReporter::addValue(
           1, fmt::format("com.velmo.vorlend.customfeedback.{}.filetoolarge", type));
       log().error("Custom feedback item {} too big to process: {}", Private(file.filename().string()), size);
@@ -151,13 +151,13 @@ void VorlenCustomFeedbackFlusher::flushCustomFeedback() {
 }
 
 void VorlenCustomFeedbackFlusher::flushDPFeedback() {
-  PrivacyReportFolder reports(_assembly->fileManager().cachesDir);
+  PrivacyReportFolder reports(assembly_->fileManager().cachesDir);
   std::vector<std::filesystem::path> pending = reports.pendingReports();
   if (pending.empty()) {
     log().info("No crowdsourcing reports available for flushing");
     return;
   }
-  if (const auto& uploads = _assembly->uploadManager)
+  if (const auto& uploads = assembly_->uploadManager)
     for (const auto& report : pending) uploads->uploadFeedback(report, "", kCrowdsourcingEndpoint);
   reports.retire(pending);
 }

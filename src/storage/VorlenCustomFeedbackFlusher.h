@@ -54,10 +54,10 @@ class VorlenCustomFeedbackFlusher : public std::enable_shared_from_this<VorlenCu
   static std::string feedbackTypeForSubDir(const std::string& subDir);
 
  private:
-  explicit VorlenCustomFeedbackFlusher(std::shared_ptr<Assembly> assembly) : _assembly(std::move(assembly)) {}
+  explicit VorlenCustomFeedbackFlusher(std::shared_ptr<Assembly> assembly) : assembly_(std::move(assembly)) {}
   uint64_t _maximumSize(const std::string& type) const;
 
-  const std::shared_ptr<Assembly> _assembly;
+  const std::shared_ptr<Assembly> assembly_;
 };
 
 }  // namespace vorlen

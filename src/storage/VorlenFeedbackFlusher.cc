@@ -26,17 +26,17 @@ std::shared_ptr<VorlenFeedbackFlusher> VorlenFeedbackFlusher::create(std::shared
 }
 
 VorlenFeedbackFlusher::VorlenFeedbackFlusher(std::shared_ptr<Assembly> assembly, uint32_t identifier)
-    : _assembly(assembly),
-      _identifier(identifier),
-      _queueBuffer(Queue::serial("com.velmo.vorlend.vorlenDataBufferQueue", QueuePriority::Utility,
+    : assembly_(assembly),
+      identifier_(identifier),
+      queueBuffer_(Queue::serial("com.velmo.vorlend.vorlenDataBufferQueue", QueuePriority::Utility,
                                  assembly ? assembly->clock() : nullptr)),
-      _feedbackCountQueue(Queue::serial("com.velmo.vorlend.feedbackCountQueue", QueuePriority::Utility,
+      feedbackCountQueue_(Queue::serial("com.velmo.vorlend.feedbackCountQueue", QueuePriority::Utility,
                                         assembly ? assembly->clock() : nullptr)) {
   log().debug("Initialize flusher for {}", nameForIdentifier(identifier));
 }
 
 VorlenFeedbackFlusher::~VorlenFeedbackFlusher() {
-  log().debug("Vorlen Feedback Flusher {} deallocated", nameForIdentifier(_identifier));
+  log().debug("Vorlen Feedback Flusher {} deallocated", nameForIdentifier(identifier_));
 }
 
 std::string VorlenFeedbackFlusher::nameForIdentifier(uint32_t identifier) {
@@ -54,34 +54,34 @@ std::string VorlenFeedbackFlusher::nameForIdentifier(uint32_t identifier) {
 
 void VorlenFeedbackFlusher::flush(std::shared_ptr<ClientSession> session, std::function<void()> callback) {
   std::weak_ptr<VorlenFeedbackFlusher> weak = weak_from_this();
-  _queueBuffer->async([weak, session = std::move(session)] {
-    if (auto self = weak.lock(); self && session) self->_sessionBuffer.push_back(session);
+  queueBuffer_->async([weak, session = std::move(session)] {
+    if (auto self = weak.lock(); self && session) self->sessionBuffer_.push_back(session);
   });
   if (callback) callback();
 }
 
 void VorlenFeedbackFlusher::flushSyncFromArray(std::vector<std::shared_ptr<ClientSession>> sessions) {
   std::weak_ptr<VorlenFeedbackFlusher> weak = weak_from_this();
-  _queueBuffer->async([weak, sessions = std::move(sessions)] {
+  queueBuffer_->async([weak, sessions = std::move(sessions)] {
     auto self = weak.lock();
     if (!self) return;
     for (const auto& s : sessions)
-      if (s) self->_sessionBuffer.push_back(s);
+      if (s) self->sessionBuffer_.push_back(s);
   });
 }
 
 void VorlenFeedbackFlusher::dropFeedbacks() {
   std::weak_ptr<VorlenFeedbackFlusher> weak = weak_from_this();
-  _queueBuffer->async([weak] {
-    if (auto self = weak.lock()) self->_sessionBuffer.clear();
+  queueBuffer_->async([weak] {
+    if (auto self = weak.lock()) self->sessionBuffer_.clear();
   });
 }
 
 void VorlenFeedbackFlusher::flushToWireAsync(std::function<void(std::vector<MappedFile>)> callback) {
   auto self = shared_from_this();
-  _queueBuffer->async([self, callback = std::move(callback)]() mutable {
+  queueBuffer_->async([self, callback = std::move(callback)]() mutable {
     auto payloads = std::make_shared<std::vector<MappedFile>>(self->_flushToWireWithObjectsReturned(true));
-    self->_feedbackCountQueue->async([payloads, callback = std::move(callback)] {
+    self->feedbackCountQueue_->async([payloads, callback = std::move(callback)] {
       VorlenDiagnosticDataReporter::addValue(static_cast<int64_t>(payloads->size()),
                                              "com.velmo.vorlend.clientconnection");
       if (callback) callback(std::move(*payloads));
@@ -90,7 +90,7 @@ void VorlenFeedbackFlusher::flushToWireAsync(std::function<void(std::vector<Mapp
 }
 
 void VorlenFeedbackFlusher::flushToWireSync(std::vector<MappedFile>* payloads) {
-  _queueBuffer->sync([&] {
+  queueBuffer_->sync([&] {
     std::vector<MappedFile> sent = _flushToWireWithObjectsReturned(payloads != nullptr);
     if (payloads)
       for (MappedFile& m : sent) payloads->push_back(std::move(m));
@@ -99,28 +99,28 @@ void VorlenFeedbackFlusher::flushToWireSync(std::vector<MappedFile>* payloads) {
 
 size_t VorlenFeedbackFlusher::countOfDatabuffer() const {
   size_t n = 0;
-  _queueBuffer->sync([&] { n = _sessionBuffer.size(); });
+  queueBuffer_->sync([&] { n = sessionBuffer_.size(); });
   return n;
 }
 
 std::vector<std::shared_ptr<ClientSession>> VorlenFeedbackFlusher::sessionBuffer() const {
   std::vector<std::shared_ptr<ClientSession>> copy;
-  _queueBuffer->sync([&] { copy = _sessionBuffer; });
+  queueBuffer_->sync([&] { copy = sessionBuffer_; });
   return copy;
 }
 
 std::vector<MappedFile> VorlenFeedbackFlusher::_flushToWireWithObjectsReturned(bool wantPayloads) {
-  _queueBuffer->assertCurrent();
-  log().debug("Sessions Flushed {}", _sessionBuffer.size());
+  queueBuffer_->assertCurrent();
+  log().debug("Sessions Flushed {}", sessionBuffer_.size());
   std::vector<MappedFile> payloads;
   std::shared_ptr<UploadManager> uploads;
-  if (auto assembly = _assembly.lock()) uploads = assembly->uploadManager;
-  for (const auto& session : _sessionBuffer) {
+  if (auto assembly = assembly_.lock()) uploads = assembly->uploadManager;
+  for (const auto& session : sessionBuffer_) {
     // One helper per session: replacement identifiers are session-local.
     SessionProcessingHelper helper;
     nlohmann::ordered_json record = session->getFeedbacksToSend(helper);
     if (!uploads) continue;
-    std::shared_ptr<UploadFile> file = uploads->uploadJSONFeedback(record, _identifier);
+    std::shared_ptr<UploadFile> file = uploads->uploadJSONFeedback(record, identifier_);
     if (!wantPayloads || !file) continue;
     const off_t size = file->size();
     std::optional<MappedFile> mapped =
@@ -132,7 +132,7 @@ std::vector<MappedFile> VorlenFeedbackFlusher::_flushToWireWithObjectsReturned(b
     }
     payloads.push_back(std::move(*mapped));
   }
-  _sessionBuffer.clear();
+  sessionBuffer_.clear();
   return payloads;
 }
 

@@ -55,18 +55,18 @@ class VorlenFeedbackFlusher final : public FeedbackFlusher,
 
   size_t countOfDatabuffer() const;
   std::vector<std::shared_ptr<ClientSession>> sessionBuffer() const;
-  uint32_t identifier() const { return _identifier; }
+  uint32_t identifier() const { return identifier_; }
 
  private:
   VorlenFeedbackFlusher(std::shared_ptr<Assembly> assembly, uint32_t identifier);
   // Sends the buffer and empties it; the mapped payloads when `wantPayloads`. REQUIRES: on the buffer queue.
   std::vector<MappedFile> _flushToWireWithObjectsReturned(bool wantPayloads);
 
-  const std::weak_ptr<Assembly> _assembly;
-  const uint32_t _identifier;
-  const std::shared_ptr<Queue> _queueBuffer;
-  const std::shared_ptr<Queue> _feedbackCountQueue;
-  std::vector<std::shared_ptr<ClientSession>> _sessionBuffer;  // _queueBuffer only
+  const std::weak_ptr<Assembly> assembly_;
+  const uint32_t identifier_;
+  const std::shared_ptr<Queue> queueBuffer_;
+  const std::shared_ptr<Queue> feedbackCountQueue_;
+  std::vector<std::shared_ptr<ClientSession>> sessionBuffer_;  // queueBuffer_ only
 };
 
 }  // namespace vorlen

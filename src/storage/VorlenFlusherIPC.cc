@@ -6,9 +6,9 @@
 #include "ipc/IpcConnection.h"
 #include "ipc/IpcExportedInterface.h"
 #include "ipc/IpcListener.h"
+#include "model/Operations.h"
 #include "platform/Assembly.h"
 #include "storage/BackgroundFlusher.h"
-#include "model/Operations.h"
 
 namespace vorlen {
 
@@ -58,9 +58,9 @@ std::shared_ptr<VorlenFlusherIPC> VorlenFlusherIPC::create(const std::shared_ptr
 
 VorlenFlusherIPC::VorlenFlusherIPC(const std::shared_ptr<Assembly>& assembly,
                                    GetClientConnections getClientConnections)
-    : _assembly(assembly),
+    : assembly_(assembly),
       getClientConnections_(std::move(getClientConnections)),
-      _flusheripcQueue(Queue::serial("com.velmo.vorlend.flusherIPCQueue", QueuePriority::Utility,
+      flusheripcQueue_(Queue::serial("com.velmo.vorlend.flusherIPCQueue", QueuePriority::Utility,
                                      assembly ? assembly->clock() : nullptr)) {}
 
 VorlenFlusherIPC::~VorlenFlusherIPC() {
@@ -69,7 +69,7 @@ VorlenFlusherIPC::~VorlenFlusherIPC() {
 }
 
 void VorlenFlusherIPC::start() {
-  auto assembly = _assembly.lock();
+  auto assembly = assembly_.lock();
   if (!assembly) return;
   IpcListenerOptions options;
   options.maxConnections = kMaxToolConnections;
@@ -106,7 +106,7 @@ bool VorlenFlusherIPC::shouldAcceptNewConnection(IpcListener&,
       auto self = weak.lock();
       auto tool = weakTool.lock();
       if (!self || !tool) return;
-      self->_flusheripcQueue->async([self, tool] { self->_removeProxy(tool); });
+      self->flusheripcQueue_->async([self, tool] { self->_removeProxy(tool); });
     };
   };
   connection->setInterruptionHandler(remover("listener interrupted"));
@@ -119,11 +119,11 @@ bool VorlenFlusherIPC::shouldAcceptNewConnection(IpcListener&,
                   auto tool = weakTool.lock();
                   if (!self || !tool) return;
                   const uint64_t intent = *call.arg(0).getUInt();
-                  self->_flusheripcQueue->async(
+                  self->flusheripcQueue_->async(
                       [self, tool, intent] { self->initiateConnectionWithIntent(intent, tool); });
                 });
   connection->setExportedInterface(std::move(exported));
-  _flusheripcQueue->async([weak, connection] {
+  flusheripcQueue_->async([weak, connection] {
     if (auto self = weak.lock()) self->remoteObject_ = connection;
   });
   return true;
@@ -131,7 +131,7 @@ bool VorlenFlusherIPC::shouldAcceptNewConnection(IpcListener&,
 
 void VorlenFlusherIPC::initiateConnectionWithIntent(uint64_t intent,
                                                     const std::shared_ptr<IpcConnection>& tool) {
-  _flusheripcQueue->assertCurrent();
+  flusheripcQueue_->assertCurrent();
   switch (intent) {
     case kIntentSendingStream:
       sendingStreamListener_ = tool;
@@ -142,7 +142,7 @@ void VorlenFlusherIPC::initiateConnectionWithIntent(uint64_t intent,
       log().notice("new listener for client feedbacks, delegate: {}", describe(tool));
       break;
     case kIntentStopFlushing:
-      if (auto assembly = _assembly.lock(); assembly && assembly->backgroundFlusher)
+      if (auto assembly = assembly_.lock(); assembly && assembly->backgroundFlusher)
         assembly->backgroundFlusher->setStopFlushing(true);
       log().notice("flushing stopped; dump command will start flushing again");
       tool->send(op::kWorkDone, {});
@@ -157,13 +157,13 @@ void VorlenFlusherIPC::initiateConnectionWithIntent(uint64_t intent,
 }
 
 void VorlenFlusherIPC::_dump(const std::shared_ptr<IpcConnection>& tool) {
-  _flusheripcQueue->assertCurrent();
+  flusheripcQueue_->assertCurrent();
   if (!sendingStreamListener_) {
     log().notice("no listener for sending stream setting this client as remote");
     sendingStreamListener_ = tool;
   }
   log().notice("new listener for flusher client sessions, delegate: {}", describe(tool));
-  auto assembly = _assembly.lock();
+  auto assembly = assembly_.lock();
   std::weak_ptr<IpcConnection> weakTool = tool;
   if (!assembly || !getClientConnections_) {
     _workDone(weakTool);
@@ -195,22 +195,22 @@ void VorlenFlusherIPC::_dump(const std::shared_ptr<IpcConnection>& tool) {
 }
 
 void VorlenFlusherIPC::_workDone(const std::weak_ptr<IpcConnection>& tool) {
-  if (auto assembly = _assembly.lock(); assembly && assembly->backgroundFlusher)
+  if (auto assembly = assembly_.lock(); assembly && assembly->backgroundFlusher)
     assembly->backgroundFlusher->setStopFlushing(false);
-  _flusheripcQueue->async([tool] {
+  flusheripcQueue_->async([tool] {
     if (auto connection = tool.lock()) connection->send(op::kWorkDone, {});
   });
 }
 
 void VorlenFlusherIPC::_setReceiving(std::shared_ptr<IpcConnection> tool) {
-  _flusheripcQueue->assertCurrent();
+  flusheripcQueue_->assertCurrent();
   receivingStreamListener_ = std::move(tool);
   receivingGeneration_.fetch_add(1);
   hasReceivingListener_.store(receivingStreamListener_ != nullptr);
 }
 
 void VorlenFlusherIPC::_removeProxy(const std::shared_ptr<IpcConnection>& proxy) {
-  _flusheripcQueue->assertCurrent();
+  flusheripcQueue_->assertCurrent();
   if (receivingStreamListener_ == proxy) {
     _setReceiving(nullptr);
     log().notice("Removed receiving stream listener");
@@ -229,7 +229,7 @@ void VorlenFlusherIPC::sendDataToSendingStreamListener(std::vector<MappedFile> p
   if (payloads.empty()) return;
   auto held = std::make_shared<std::vector<MappedFile>>(std::move(payloads));
   std::weak_ptr<VorlenFlusherIPC> weak = weak_from_this();
-  _flusheripcQueue->async([weak, held] {
+  flusheripcQueue_->async([weak, held] {
     auto self = weak.lock();
     if (!self || !self->sendingStreamListener_) return;
     if (!self->sendingStreamListener_->isValid()) {
@@ -254,7 +254,7 @@ void VorlenFlusherIPC::sendDataToReceivingStreamListener(const VorlenFeedback& f
       // Only the listener of now is cut off, not one that a tool sets before this runs.
       const uint64_t generation = receivingGeneration_.load();
       std::weak_ptr<VorlenFlusherIPC> weak = weak_from_this();
-      _flusheripcQueue->async([weak, generation] {
+      flusheripcQueue_->async([weak, generation] {
         auto self = weak.lock();
         if (!self || !self->receivingStreamListener_ || self->receivingGeneration_.load() != generation)
           return;
@@ -268,7 +268,7 @@ void VorlenFlusherIPC::sendDataToReceivingStreamListener(const VorlenFeedback& f
   VorlenFeedback copy = feedback;
   copy.untilStored.reset();
   std::weak_ptr<VorlenFlusherIPC> weak = weak_from_this();
-  _flusheripcQueue->async([weak, copy = std::move(copy)] {
+  flusheripcQueue_->async([weak, copy = std::move(copy)] {
     auto self = weak.lock();
     if (!self) return;
     self->pendingDescriptions_.fetch_sub(1);

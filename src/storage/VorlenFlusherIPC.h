@@ -72,7 +72,7 @@ class VorlenFlusherIPC final : public FlusherIPC,
   bool shouldAcceptNewConnection(IpcListener& listener,
                                  const std::shared_ptr<IpcConnection>& connection) override;
 
-  const std::shared_ptr<Queue>& queue() const { return _flusheripcQueue; }
+  const std::shared_ptr<Queue>& queue() const { return flusheripcQueue_; }
 
  private:
   VorlenFlusherIPC(const std::shared_ptr<Assembly>& assembly, GetClientConnections getClientConnections);
@@ -85,12 +85,12 @@ class VorlenFlusherIPC final : public FlusherIPC,
   // Any thread: clears stopFlushing and tells `tool` workDone from the queue.
   void _workDone(const std::weak_ptr<IpcConnection>& tool);
 
-  const std::weak_ptr<Assembly> _assembly;
+  const std::weak_ptr<Assembly> assembly_;
   const GetClientConnections getClientConnections_;
-  const std::shared_ptr<Queue> _flusheripcQueue;
+  const std::shared_ptr<Queue> flusheripcQueue_;
   std::shared_ptr<IpcListener> listener_;
 
-  // _flusheripcQueue only.
+  // flusheripcQueue_ only.
   std::shared_ptr<IpcConnection> remoteObject_;
   std::shared_ptr<IpcConnection> sendingStreamListener_;
   std::shared_ptr<IpcConnection> receivingStreamListener_;

@@ -16,7 +16,9 @@
 namespace vorlen {
 namespace {
 
-const Logger& log() { return VorlenLogForCategory(VorlenLogCategorySession); }
+const Logger& log() {
+  return VorlenLogForCategory(VorlenLogCategorySession);
+}
 
 // A name taken by a file of an earlier run (or planted) is skipped; a few tries are plenty, since the
 // counter starts past every number the scan saw.
@@ -36,35 +38,36 @@ std::shared_ptr<VorlenPersistentStorage> VorlenPersistentStorage::create(const A
                                                                          std::string version) {
   auto storage =
       std::shared_ptr<VorlenPersistentStorage>(new VorlenPersistentStorage(assembly, std::move(version)));
-  storage->_queue->sync([&] { storage->_scanCacheDirectory(); });
+  storage->queue_->sync([&] { storage->_scanCacheDirectory(); });
   return storage;
 }
 
 VorlenPersistentStorage::VorlenPersistentStorage(const Assembly& assembly, std::string version)
     : clock_(assembly.clock()),
       fileSystem_(assembly.platform.fileSystem ? assembly.platform.fileSystem : linuxFileSystem()),
-      _queue(Queue::serial("com.velmo.vorlend.persistentStorageQueue", QueuePriority::Utility, assembly.clock())),
-      _cachesUrl(assembly.fileManager().cachesDir),
-      _version(std::move(version)) {
+      queue_(Queue::serial("com.velmo.vorlend.persistentStorageQueue", QueuePriority::Utility,
+                           assembly.clock())),
+      cachesUrl_(assembly.fileManager().cachesDir),
+      version_(std::move(version)) {
   if (assembly.userDefaults) {
     const int64_t size = assembly.userDefaults->integerForKey("VORSessionSizeLimit");
-    if (size > 0) _maxFileSize = static_cast<uint64_t>(size);
+    if (size > 0) maxFileSize_ = static_cast<uint64_t>(size);
     const double age = assembly.userDefaults->doubleForKey("VORSessionMaxAge");
-    if (age > 0) _maxFileAge = age;
+    if (age > 0) maxFileAge_ = age;
   }
 }
 
 FileContainer::Settings VorlenPersistentStorage::_settings() const {
-  return FileContainer::Settings{_version, _queue, _maxFileSize, fileSystem_};
+  return FileContainer::Settings{version_, queue_, maxFileSize_, fileSystem_};
 }
 
 std::pair<UniqueFd, std::filesystem::path> VorlenPersistentStorage::_newFile() {
-  if (_cachesUrl.empty()) return {};
+  if (cachesUrl_.empty()) return {};
   // The folder normally exists; a failure here shows in the create below.
-  fileSystem_->mkdir(_cachesUrl, 0700);
+  fileSystem_->mkdir(cachesUrl_, 0700);
   for (int attempt = 0; attempt < kCreateAttempts; ++attempt) {
-    const uint32_t n = _handleId.fetch_add(1);
-    std::filesystem::path path = _cachesUrl / (kFilePrefix + std::to_string(n));
+    const uint32_t n = handleId_.fetch_add(1);
+    std::filesystem::path path = cachesUrl_ / (kFilePrefix + std::to_string(n));
     UniqueFd fd = fileSystem_->open(path, O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW, 0600);
     if (fd) return {std::move(fd), std::move(path)};
     if (errno != EEXIST) {
@@ -86,28 +89,29 @@ std::shared_ptr<FileContainerProtocol> VorlenPersistentStorage::createFileContai
   return FileContainer::forWriting(std::move(fd), std::move(path), _settings());
 }
 
-void VorlenPersistentStorage::closeSessionWithFileContainer(std::shared_ptr<FileContainerProtocol> container) {
+void VorlenPersistentStorage::closeSessionWithFileContainer(
+    std::shared_ptr<FileContainerProtocol> container) {
   auto file = std::dynamic_pointer_cast<FileContainer>(container);
   if (!file) return;
-  _queue->async([self = shared_from_this(), file] {
+  queue_->async([self = shared_from_this(), file] {
     file->_closeFile();
-    self->_fileContainers.push_back(file);
+    self->fileContainers_.push_back(file);
   });
 }
 
 std::vector<std::shared_ptr<FileContainer>> VorlenPersistentStorage::getAvailableSessionHandles() {
   std::vector<std::shared_ptr<FileContainer>> copy;
-  _queue->sync([&] {
-    for (const auto& c : _fileContainers) log().debug("available file url {}", c->fileUrl().string());
-    copy = _fileContainers;
+  queue_->sync([&] {
+    for (const auto& c : fileContainers_) log().debug("available file url {}", c->fileUrl().string());
+    copy = fileContainers_;
   });
   return copy;
 }
 
 void VorlenPersistentStorage::deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) {
   if (!container) return;
-  _queue->async([self = shared_from_this(), container] {
-    std::erase(self->_fileContainers, container);
+  queue_->async([self = shared_from_this(), container] {
+    std::erase(self->fileContainers_, container);
     container->_closeFile();
     self->_deleteSessionFile(*container);
   });
@@ -125,11 +129,11 @@ void VorlenPersistentStorage::_deleteSessionFile(const FileContainer& container)
 }
 
 void VorlenPersistentStorage::_scanCacheDirectory() {
-  if (_cachesUrl.empty()) {
+  if (cachesUrl_.empty()) {
     log().error("error scanning cache directory, could not get path");
     return;
   }
-  std::optional<std::vector<std::string>> names = fileSystem_->list(_cachesUrl);
+  std::optional<std::vector<std::string>> names = fileSystem_->list(cachesUrl_);
   if (!names) {
     log().error("error scanning cache directory {}", std::strerror(errno));
     return;
@@ -148,7 +152,7 @@ void VorlenPersistentStorage::_scanCacheDirectory() {
   const uid_t me = ::geteuid();
   std::optional<int64_t> largest;
   for (const auto& [number, name] : entries) {
-    const std::filesystem::path path = _cachesUrl / name;
+    const std::filesystem::path path = cachesUrl_ / name;
     struct stat st {};
     if (fileSystem_->lstat(path, &st) != 0) {
       log().error("Attribute fetch error {}", std::strerror(errno));
@@ -161,18 +165,18 @@ void VorlenPersistentStorage::_scanCacheDirectory() {
     // A session file is written until its session ends, so its last write is when it became finished.
     const Time written = Time(std::chrono::seconds(st.st_mtim.tv_sec)) +
                          std::chrono::duration_cast<Duration>(std::chrono::nanoseconds(st.st_mtim.tv_nsec));
-    if (std::chrono::duration<double>(now - written).count() > _maxFileAge) {
+    if (std::chrono::duration<double>(now - written).count() > maxFileAge_) {
       VorlenDiagnosticDataReporter::addValue(1, "com.velmo.vorlend.filetooold");
       if (fileSystem_->unlink(path) != 0) log().error("file removing error {}", std::strerror(errno));
       continue;
     }
-    _fileContainers.push_back(FileContainer::forReading(path, _settings()));
+    fileContainers_.push_back(FileContainer::forReading(path, _settings()));
     if (number && (!largest || *number > *largest)) largest = number;
   }
-  if (largest && *largest >= 0 && static_cast<uint64_t>(*largest) >= _handleId.load()) {
-    uint32_t expected = _handleId.load();
+  if (largest && *largest >= 0 && static_cast<uint64_t>(*largest) >= handleId_.load()) {
+    uint32_t expected = handleId_.load();
     const uint64_t next = std::min<uint64_t>(static_cast<uint64_t>(*largest) + 1, UINT32_MAX);
-    _handleId.compare_exchange_strong(expected, static_cast<uint32_t>(next));
+    handleId_.compare_exchange_strong(expected, static_cast<uint32_t>(next));
   }
 }
 

@@ -50,11 +50,11 @@ class VorlenPersistentStorage final : public PersistentStorage,
   // Forgets the file and deletes it (after it was read for sending).
   void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
 
-  const std::filesystem::path& directory() const { return _cachesUrl; }
-  const std::string& version() const { return _version; }
-  uint64_t maxFileSize() const { return _maxFileSize; }
-  const std::shared_ptr<Queue>& queue() const { return _queue; }
-  uint32_t nextFileNumberForTesting() const { return _handleId.load(); }
+  const std::filesystem::path& directory() const { return cachesUrl_; }
+  const std::string& version() const { return version_; }
+  uint64_t maxFileSize() const { return maxFileSize_; }
+  const std::shared_ptr<Queue>& queue() const { return queue_; }
+  uint32_t nextFileNumberForTesting() const { return handleId_.load(); }
 
  private:
   VorlenPersistentStorage(const Assembly& assembly, std::string version);
@@ -66,13 +66,13 @@ class VorlenPersistentStorage final : public PersistentStorage,
 
   const std::shared_ptr<Clock> clock_;
   const std::shared_ptr<FileSystem> fileSystem_;
-  const std::shared_ptr<Queue> _queue;
-  const std::filesystem::path _cachesUrl;
-  const std::string _version;
-  uint64_t _maxFileSize = 2097152;
-  double _maxFileAge = 172800;
-  std::atomic<uint32_t> _handleId{0};
-  std::vector<std::shared_ptr<FileContainer>> _fileContainers;  // queue only
+  const std::shared_ptr<Queue> queue_;
+  const std::filesystem::path cachesUrl_;
+  const std::string version_;
+  uint64_t maxFileSize_ = 2097152;
+  double maxFileAge_ = 172800;
+  std::atomic<uint32_t> handleId_{0};
+  std::vector<std::shared_ptr<FileContainer>> fileContainers_;  // queue only
 };
 
 }  // namespace vorlen

@@ -311,7 +311,8 @@ struct RefServer::Impl {
     res.status = static_cast<int>(number("ref_status", c.status));
     if (!c.forceFetch.empty()) res.set_header("X-Velmo-ForceFetch", c.forceFetch);
     if (c.serverTiming) {
-      Json timing = Json::array({Json{{"status", "OK"}, {"duration", 12.5}, {"partial_client_ip", "127.0.0"}}});
+      Json timing =
+          Json::array({Json{{"status", "OK"}, {"duration", 12.5}, {"partial_client_ip", "127.0.0"}}});
       res.set_header("X-Velmo-Server-Timing", dump(timing));
     }
     if (res.status != 200) {
@@ -429,30 +430,34 @@ struct RefServer::Impl {
       });
     });
     server.Get("/card", [this](const httplib::Request& req, httplib::Response& res) {
-      handleSearch(req, res,
-                   [&](const std::string& q, const SearchControl&) { return SearchCorpus::card(q, baseURL()); });
+      handleSearch(req, res, [&](const std::string& q, const SearchControl&) {
+        return SearchCorpus::card(q, baseURL());
+      });
     });
     server.Get("/lookup", [this](const httplib::Request& req, httplib::Response& res) {
-      handleSearch(req, res,
-                   [&](const std::string& q, const SearchControl&) { return SearchCorpus::lookup(q, baseURL()); });
+      handleSearch(req, res, [&](const std::string& q, const SearchControl&) {
+        return SearchCorpus::lookup(q, baseURL());
+      });
     });
     server.Get("/flight", [this](const httplib::Request& req, httplib::Response& res) {
-      handleSearch(req, res, [](const std::string& q, const SearchControl&) { return SearchCorpus::flights(q); });
+      handleSearch(req, res,
+                   [](const std::string& q, const SearchControl&) { return SearchCorpus::flights(q); });
     });
     server.Get("/warm", [this](const httplib::Request& req, httplib::Response& res) {
       record(req);
       res.set_content("", "text/plain");
     });
-    server.Post("/_control/search",
-                [this](const httplib::Request& req, httplib::Response& res) {
-                  applyControl(req, res, "search", &RefServer::parseSearchControl, searchControl,
-                               [](const SearchControl& c) { return Json{{"status", c.status}}; });
-                });
-    server.Post("/_control/bag",
-                [this](const httplib::Request& req, httplib::Response& res) {
-                  applyControl(req, res, "bag", &RefServer::parseBagControl, control,
-                               [](const BagControl& c) { return Json{{"mode", modeName(c.mode)}}; });
-                });
+    server.Post("/_control/search", [this](const httplib::Request& req, httplib::Response& res) {
+      applyControl(req, res, "search", &RefServer::parseSearchControl, searchControl,
+                   [](const SearchControl& c) {
+                     return Json{{"status", c.status}};
+                   });
+    });
+    server.Post("/_control/bag", [this](const httplib::Request& req, httplib::Response& res) {
+      applyControl(req, res, "bag", &RefServer::parseBagControl, control, [](const BagControl& c) {
+        return Json{{"mode", modeName(c.mode)}};
+      });
+    });
     server.Get("/_requests", [this](const httplib::Request&, httplib::Response& res) {
       res.set_content(dump(requestsJson()), "application/json");
     });
@@ -484,9 +489,10 @@ struct RefServer::Impl {
       }
       res.set_redirect(baseURL() + to, 302);
     });
-    inbox = std::make_unique<FeedbackInbox>(FeedbackInbox::Hooks{
-        [this](const httplib::Request& req) { record(req); }, [this](const httplib::Request& req) { drop(req); },
-        [this](int ms) { pause(ms); }, kSetAsideEncoding});
+    inbox = std::make_unique<FeedbackInbox>(
+        FeedbackInbox::Hooks{[this](const httplib::Request& req) { record(req); },
+                             [this](const httplib::Request& req) { drop(req); },
+                             [this](int ms) { pause(ms); }, kSetAsideEncoding});
     inbox->install(server);
     resources.routes(
         server, [this](const httplib::Request& req) { record(req); }, [this] { return baseURL(); });

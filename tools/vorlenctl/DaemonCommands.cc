@@ -79,7 +79,9 @@ ExitCode DaemonCommands::configure() {
   if (auto failed = connect(&endpoint)) return *failed;
   out_.line(fmt::format("configured {} ({})", identity_.identifier, identity_.agent));
   out_.line("client-state endpoint: " + endpoint.path.string());
-  out_.document({{"identifier", identity_.identifier}, {"agent", identity_.agent}, {"endpoint", endpoint.path.string()}});
+  out_.document({{"identifier", identity_.identifier},
+                 {"agent", identity_.agent},
+                 {"endpoint", endpoint.path.string()}});
   return ExitCode::Ok;
 }
 
@@ -87,9 +89,9 @@ ExitCode DaemonCommands::search(const std::string& text) {
   if (auto failed = connect()) return *failed;
   VORSearchRequest request;
   // Fresh and growing from run to run: the daemon keeps only the newest search of a connection.
-  request.queryId = static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-          .count());
+  request.queryId = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                              std::chrono::system_clock::now().time_since_epoch())
+                                              .count());
   request.clientQueryId = request.queryId;
   request.queryString = text;
   ClientResult<RequestReply> r = client_->request(request);
@@ -107,8 +109,10 @@ ExitCode DaemonCommands::search(const std::string& text) {
   std::string body(reply.data.begin(), reply.data.end());
   nlohmann::json parsed = nlohmann::json::parse(body, nullptr, /*allow_exceptions=*/false);
   ojson doc = {{"queryId", r.value->queryId}, {"scale", reply.scale}, {"bytes", reply.data.size()}};
-  if (!parsed.is_discarded()) doc["body"] = ojson::parse(body);
-  else if (isValidUtf8(body)) doc["body"] = body;
+  if (!parsed.is_discarded())
+    doc["body"] = ojson::parse(body);
+  else if (isValidUtf8(body))
+    doc["body"] = body;
   out_.document(doc);
 
   out_.line(fmt::format("query {}: {} bytes", r.value->queryId, reply.data.size()));
@@ -122,12 +126,15 @@ ExitCode DaemonCommands::search(const std::string& text) {
       for (const auto& item : *it) out_.line("  " + label(item));
     }
   }
-  if (!listed && !parsed.is_discarded()) out_.line(parsed.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
-  else if (!listed && isValidUtf8(body)) out_.line(body);
+  if (!listed && !parsed.is_discarded())
+    out_.line(parsed.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+  else if (!listed && isValidUtf8(body))
+    out_.line(body);
   return ExitCode::Ok;
 }
 
-ExitCode DaemonCommands::type(const std::string& text, const std::optional<std::string>& refserver, int delayMs) {
+ExitCode DaemonCommands::type(const std::string& text, const std::optional<std::string>& refserver,
+                              int delayMs) {
   if (auto failed = connect()) return *failed;
   TypingSession session(out_, client_, refserver ? std::optional<ServiceProbe>(*refserver) : std::nullopt);
   return session.typeLetters(text, delayMs);

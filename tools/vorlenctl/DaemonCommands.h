@@ -50,7 +50,6 @@ class DaemonCommands {
   const std::shared_ptr<VorlenClient>& client() const { return client_; }
 
  private:
-
   const CtlOutput& out_;
   Identity identity_;
   std::shared_ptr<VorlenClient> client_;

@@ -35,7 +35,8 @@ std::optional<Value> DefaultsCommand::parseTyped(const std::string& text, const 
     if (t == "false" || t == "no" || t == "0") return Value(false);
     return refuse("a boolean (true/false, yes/no, 1/0)");
   }
-  if (text.empty() || std::isspace(static_cast<unsigned char>(text.front()))) return refuse(("a " + type).c_str());
+  if (text.empty() || std::isspace(static_cast<unsigned char>(text.front())))
+    return refuse(("a " + type).c_str());
   char* end = nullptr;
   errno = 0;
   if (type == "int") {

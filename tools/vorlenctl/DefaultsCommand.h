@@ -30,7 +30,8 @@ class DefaultsCommand {
   ExitCode remove(const std::string& domain, const std::string& key);
 
   // The Value `text` denotes as `type`; nullopt with the reason when it does not parse.
-  static std::optional<Value> parseTyped(const std::string& text, const std::string& type, std::string* error);
+  static std::optional<Value> parseTyped(const std::string& text, const std::string& type,
+                                         std::string* error);
 
  private:
   bool validDomain(const std::string& domain) const;

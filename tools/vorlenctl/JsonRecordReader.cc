@@ -52,8 +52,8 @@ std::optional<Value> readItem(const json& j, const FieldDef& def, const std::str
     }
     case FieldType::Date:
     case FieldType::Data:
-      fail(error, fmt::format("{}: {} fields cannot be written in JSON here (not supported by vorlenctl)", place,
-                              fieldTypeName(def.type)));
+      fail(error, fmt::format("{}: {} fields cannot be written in JSON here (not supported by vorlenctl)",
+                              place, fieldTypeName(def.type)));
       return std::nullopt;
     case FieldType::Record:
       if (!j.is_object()) return wrong("an object");
@@ -118,7 +118,8 @@ std::optional<Value> readRecord(const json& j, std::string_view defaultClass, st
       }
       Value::Array items;
       for (size_t i = 0; i < it.value().size(); ++i) {
-        std::optional<Value> item = readItem(it.value()[i], *field, fmt::format("{}[{}]", fieldPlace, i), depth, error);
+        std::optional<Value> item =
+            readItem(it.value()[i], *field, fmt::format("{}[{}]", fieldPlace, i), depth, error);
         if (!item) return std::nullopt;
         items.push_back(std::move(*item));
       }
@@ -136,7 +137,8 @@ std::optional<Value> readRecord(const json& j, std::string_view defaultClass, st
 
 }  // namespace
 
-std::optional<Value> JsonRecordReader::read(const json& object, std::string_view expectedClass, std::string* error) {
+std::optional<Value> JsonRecordReader::read(const json& object, std::string_view expectedClass,
+                                            std::string* error) {
   return readRecord(object, "", expectedClass, "event", 1, error);
 }
 

@@ -23,7 +23,8 @@ namespace vorlen::ctl {
 class JsonRecordReader {
  public:
   // `expectedClass`: the class the record must be or derive from (empty: any).
-  static std::optional<Value> read(const nlohmann::json& object, std::string_view expectedClass, std::string* error);
+  static std::optional<Value> read(const nlohmann::json& object, std::string_view expectedClass,
+                                   std::string* error);
 };
 
 }  // namespace vorlen::ctl

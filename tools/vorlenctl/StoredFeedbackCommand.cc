@@ -108,8 +108,9 @@ ExitCode StoredFeedbackCommand::stored() {
     item["version"] = f.version;
     doc.push_back(std::move(item));
     if (f.session) {
-      out_.line(fmt::format("session.{:<5} {:>9} bytes  {:>4} events  {:>8} old  {}", f.number, f.size, events,
-                            age(f.ageSeconds), f.session->agent().empty() ? "(no agent)" : f.session->agent()));
+      out_.line(fmt::format("session.{:<5} {:>9} bytes  {:>4} events  {:>8} old  {}", f.number, f.size,
+                            events, age(f.ageSeconds),
+                            f.session->agent().empty() ? "(no agent)" : f.session->agent()));
     } else {
       out_.line(fmt::format("session.{:<5} {:>9} bytes  unreadable (run vorlenctl feedback show {} for why)",
                             f.number, f.size, f.number));

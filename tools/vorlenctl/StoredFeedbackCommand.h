@@ -21,7 +21,8 @@ namespace vorlen::ctl {
 
 class StoredFeedbackCommand {
  public:
-  StoredFeedbackCommand(const CtlOutput& out, std::filesystem::path cachesDir, std::filesystem::path configDir);
+  StoredFeedbackCommand(const CtlOutput& out, std::filesystem::path cachesDir,
+                        std::filesystem::path configDir);
 
   ExitCode stored();
   ExitCode show(uint64_t number);

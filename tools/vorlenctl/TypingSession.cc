@@ -63,9 +63,9 @@ TypingSession::TypingSession(const CtlOutput& out, std::shared_ptr<VorlenClient>
       client_(std::move(client)),
       probe_(std::move(probe)),
       // Fresh and growing from run to run: the daemon keeps only the newest search of a connection.
-      nextQueryId_(static_cast<uint64_t>(
-          std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-              .count())) {}
+      nextQueryId_(static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                             std::chrono::system_clock::now().time_since_epoch())
+                                             .count())) {}
 
 TypingSession::Keystroke TypingSession::type(const std::string& text) {
   Keystroke k;
@@ -80,7 +80,8 @@ TypingSession::Keystroke TypingSession::type(const std::string& text) {
   request.queryString = text;
   auto start = std::chrono::steady_clock::now();
   ClientResult<RequestReply> r = client_->request(request);
-  k.milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  k.milliseconds =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 
   if (!r.ok()) {
     k.source = "error";
@@ -149,8 +150,8 @@ ExitCode TypingSession::typeLetters(const std::string& text, int delayMs) {
     Keystroke k = type(typed);
     failed = failed || k.error.has_value();
     out_.line(describe(k));
-    nlohmann::ordered_json entry = {{"text", k.text}, {"queryId", k.queryId}, {"source", k.source},
-                                    {"milliseconds", k.milliseconds}};
+    nlohmann::ordered_json entry = {
+        {"text", k.text}, {"queryId", k.queryId}, {"source", k.source}, {"milliseconds", k.milliseconds}};
     if (k.completion) entry["completion"] = *k.completion;
     if (k.localCompletion) entry["localCompletion"] = *k.localCompletion;
     if (k.error) entry["error"] = *k.error;

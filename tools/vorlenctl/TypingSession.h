@@ -37,7 +37,8 @@ class TypingSession {
     std::optional<std::string> error;
   };
 
-  TypingSession(const CtlOutput& out, std::shared_ptr<VorlenClient> client, std::optional<ServiceProbe> probe);
+  TypingSession(const CtlOutput& out, std::shared_ptr<VorlenClient> client,
+                std::optional<ServiceProbe> probe);
 
   // Searches `text` as the next keystroke.
   Keystroke type(const std::string& text);

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include "CompletionsCommand.h"
 #include "CtlHelp.h"
@@ -52,7 +52,8 @@ int run(int argc, char** argv) {
   search->add_option("TEXT", searchText, "the query");
   search->add_flag("--interactive,-i", interactive, "type in the terminal and see suggestions live");
   search->add_option("--refserver", refserver, "base URL of vorlen-refserver, to tell network from cache");
-  auto* typeCmd = app.add_subcommand("type", "type TEXT letter by letter and show where each answer came from");
+  auto* typeCmd =
+      app.add_subcommand("type", "type TEXT letter by letter and show where each answer came from");
   std::string typeText;
   int delayMs = 0;
   typeCmd->add_option("TEXT", typeText, "the text to type")->required();
@@ -73,8 +74,10 @@ int run(int argc, char** argv) {
   feedback->require_subcommand(1);
   auto* fCurrent =
       feedback->add_subcommand("current", "the open session's events, with times relative to its first");
-  auto* fStored = feedback->add_subcommand("stored", "the session files waiting for upload (no daemon needed)");
-  auto* fShow = feedback->add_subcommand("show", "one session file as the JSON record it would be uploaded as");
+  auto* fStored =
+      feedback->add_subcommand("stored", "the session files waiting for upload (no daemon needed)");
+  auto* fShow =
+      feedback->add_subcommand("show", "one session file as the JSON record it would be uploaded as");
   uint64_t sessionNumber = 0;
   fShow->add_option("N", sessionNumber, "the number of the file session.N")->required();
   auto* fWatch = feedback->add_subcommand("watch", "print each event as clients report it (Ctrl-C ends)");
@@ -170,17 +173,24 @@ int run(int argc, char** argv) {
   options.callTimeout = seconds(timeout);
   DaemonCommands command(out, options, identity);
   ExitCode code = ExitCode::Usage;
-  if (*status) code = command.status();
-  else if (*configure) code = command.configure();
-  else if (*search && interactive) code = command.interactive(refserver);
+  if (*status)
+    code = command.status();
+  else if (*configure)
+    code = command.configure();
+  else if (*search && interactive)
+    code = command.interactive(refserver);
   else if (*search && searchText.empty())
     code = out.error(ExitCode::Usage, "search needs TEXT or --interactive");
-  else if (*search) code = command.search(searchText);
-  else if (*typeCmd) code = command.type(typeText, refserver, delayMs);
+  else if (*search)
+    code = command.search(searchText);
+  else if (*typeCmd)
+    code = command.type(typeText, refserver, delayMs);
   else if (*bag)
     code = command.bag(refreshBag);
-  else if (*sessions) code = command.sessions();
-  else if (*report) code = command.report(eventJson, queryId);
+  else if (*sessions)
+    code = command.sessions();
+  else if (*report)
+    code = command.report(eventJson, queryId);
   else if (*fCurrent)
     code = command.feedbackCurrent();
   else if (*fWatch || *fFlush || *fPause) {
