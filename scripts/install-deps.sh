@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
+  build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev
   libplist-dev libcurl4-openssl-dev libasio-dev nlohmann-json3-dev
   libsqlite3-dev zlib1g-dev libssl-dev libicu-dev libfmt-dev libcld2-dev
   libsystemd-dev systemtap-sdt-dev libcli11-dev libcpp-httplib-dev

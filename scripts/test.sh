@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The whole test suite: installs what is missing, builds with ninja, runs every test in the default
+# The whole test suite: installs what is missing, checks the formatting, builds with ninja, runs every test in the default
 # (RelWithDebInfo) build and again under AddressSanitizer + UndefinedBehaviorSanitizer, then runs every
 # fuzz target for FUZZ_SECONDS (20) each (scripts/fuzz.sh).
 #   scripts/test.sh            both builds and the fuzz run
@@ -7,6 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
+bash scripts/check-format.sh
 
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(default asan)
