@@ -200,6 +200,7 @@ std::vector<uint8_t> BinaryPlistWriter::write(const Value& root) {
   uint8_t refWidth = widthFor(objects.size() - 1);
 
   std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+  out.reserve(64 + objects.size() * 24);  // most objects are a marker and a short string or ref list
   std::vector<uint64_t> offsets;
   offsets.reserve(objects.size());
   for (const auto& object : objects) {

@@ -554,28 +554,26 @@ bool IpcConnection::call(IpcMessage message, ReplyHandler onReply) {
     pending_.emplace(serial, std::move(onReply));
   }
   message.setSerial(serial);
-  std::string summary = message.summary();
   bool closed = false;
-  if (enqueue(std::move(message), &closed)) return true;
+  if (enqueue(message, &closed)) return true;
   bool stillOurs;
   {
     std::lock_guard lock(mu_);
     stillOurs = pending_.erase(serial) > 0;
   }
   // When the connection closed meanwhile, finishOnQueue() may already have reported this call.
-  if (closed && stillOurs) reportProxyError(fmt::format("{} not sent: connection closed", summary));
+  if (closed && stillOurs) reportProxyError(fmt::format("{} not sent: connection closed", message.summary()));
   return false;
 }
 
 bool IpcConnection::send(IpcMessage message) {
-  std::string summary = message.summary();
   bool closed = false;
-  if (enqueue(std::move(message), &closed)) return true;
-  if (closed) reportProxyError(fmt::format("{} not sent: connection closed", summary));
+  if (enqueue(message, &closed)) return true;
+  if (closed) reportProxyError(fmt::format("{} not sent: connection closed", message.summary()));
   return false;
 }
 
-bool IpcConnection::enqueue(IpcMessage message, bool* closed) {
+bool IpcConnection::enqueue(IpcMessage& message, bool* closed) {
   if (invalidated_.load()) {
     *closed = true;
     return false;
@@ -587,7 +585,7 @@ bool IpcConnection::enqueue(IpcMessage message, bool* closed) {
     return false;
   }
   auto frame = std::make_shared<OutFrame>();
-  frame->bytes = IpcFraming::encode(message.toValue());
+  frame->bytes = IpcFraming::encode(std::move(message).toValue());
   frame->fds = std::move(fds);
   if (frame->bytes.size() - IpcFraming::kHeaderBytes > options_.maxFrameBytes) {
     connectionLog().error("{} to {} not sent: {} bytes exceed the frame limit of {}", message.summary(),

@@ -181,8 +181,9 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   // Any thread: writes `frame` now when nothing is queued before it, else hands it to the I/O thread.
   void writeOrQueue(const std::shared_ptr<OutFrame>& frame);
   // Any thread: encodes and queues a message for the I/O thread. *closed tells a closed connection apart
-  // from the other refusals (which are logged here).
-  bool enqueue(IpcMessage message, bool* closed);
+  // from the other refusals (which are logged here). The message's arguments are moved into the frame;
+  // its summary() stays right for the caller's error line.
+  bool enqueue(IpcMessage& message, bool* closed);
   // Queue.
   void serveFrame(IpcRawFrame& frame);
   // True when a reply to a call served now could never be read: the connection closed, or the peer hung up

@@ -77,10 +77,15 @@ std::optional<IpcMessage> IpcMessage::fromValue(const Value& root, std::vector<U
   return m;
 }
 
-Value IpcMessage::toValue() const {
+Value IpcMessage::toValue() const& {
+  IpcMessage copy = *this;
+  return std::move(copy).toValue();
+}
+
+Value IpcMessage::toValue() && {
   Value::Array args;
   args.reserve(args_.size());
-  for (const Value& a : args_) args.push_back(a.isNull() ? Value::record(kNullClass) : a);
+  for (Value& a : args_) args.push_back(a.isNull() ? Value::record(kNullClass) : std::move(a));
   Value root;
   if (kind_ == Kind::Call) {
     root.set(kOpKey, op_);

@@ -39,8 +39,9 @@ class IpcMessage {
   // well-formed call nor a well-formed reply.
   static std::optional<IpcMessage> fromValue(const Value& root, std::vector<UniqueFd> descriptors,
                                              std::string* error);
-  // The wire dictionary.
-  Value toValue() const;
+  // The wire dictionary. The rvalue form moves the arguments out (summary() still counts them).
+  Value toValue() const&;
+  Value toValue() &&;
 
   Kind kind() const { return kind_; }
   bool isCall() const { return kind_ == Kind::Call; }
