@@ -10,6 +10,7 @@
 #include "model/QXFeedback.h"
 #include "model/VORSessionConfiguration.h"
 #include "support/DaemonProcess.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 #include "support/TerminalProcess.h"
 #include "vorlen-refserver/FeedbackInbox.h"
@@ -36,7 +37,7 @@ class FeedbackToolProcessTest : public ::testing::Test {
     configuration.identifier = "com.example.browser";
     configuration.userAgent = "Voyant/5.0";
     ASSERT_TRUE(browser->configure(configuration).ok());
-    ASSERT_TRUE(test::waitUntil([&] {
+    ASSERT_TRUE(test::eventually([&] {
       auto bag = browser->bag();
       return bag.ok() && bag.value->bag.has_value();
     }));
@@ -85,7 +86,7 @@ TEST_F(FeedbackToolProcessTest, WatchShowsEachEventAsItArrivesAndEndsCleanlyOnCt
 
 TEST_F(FeedbackToolProcessTest, FlushUploadsTheOpenSessionAtOnceAndSaysWhatItSent) {
   reportStart(1, "flush me");
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     auto current = browser->feedback();
     return current.ok() && !current.value->events.empty();
   }));
@@ -95,7 +96,7 @@ TEST_F(FeedbackToolProcessTest, FlushUploadsTheOpenSessionAtOnceAndSaysWhatItSen
   EXPECT_NE(out.find("Voyant/5.0"), std::string::npos) << out;
   EXPECT_NE(out.find("/feedback"), std::string::npos) << out;
   EXPECT_NE(out.find("sent "), std::string::npos) << out;
-  ASSERT_TRUE(test::waitUntil([&] {
+  ASSERT_TRUE(test::eventually([&] {
     for (const auto& r : server.feedbackInbox().received())
       if (r.record.dump().find("flush me") != std::string::npos) return r.valid;
     return false;
