@@ -9,6 +9,7 @@
 #include "base/Preferences.h"
 #include "client/VorlenClient.h"
 #include "daemon/Daemon.h"
+#include "daemon/DaemonFixture.h"
 #include "feedback/ClientSession.h"
 #include "feedback/ClientSessionManagerProtocol.h"
 #include "ipc/IpcTestSupport.h"
@@ -31,28 +32,11 @@ namespace {
 
 constexpr const char* kBrowserAgent = "Voyant/5.0";
 
-class BackgroundDrainTest : public ::testing::Test {
+class BackgroundDrainTest : public test::DaemonFixture {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(server.start());
-    platform = test::platformForTesting(dir.path(), clock);
-    Preferences(platform.paths.configDir, "com.velmo.vorlend")
-        .set("VORBagURL", Value(server.baseURL() + "/bag"));
-    daemon.emplace(platform);
-    assembly = daemon->start();
-    ASSERT_TRUE(assembly);
-  }
-  void TearDown() override {
-    if (assembly && assembly->uploadManager)
-      assembly->uploadManager->waitForUploadsToEnd(std::chrono::seconds(30));
-    server.stop();
-    Counters::install(nullptr);
-  }
-
-  // Moves the clock and waits for the drains it started.
-  void advanceTo(double s) {
-    clock->set(start + seconds(s));
-    std::dynamic_pointer_cast<BackgroundActivitiesManager>(assembly->backgroundFlusher)->queue()->sync([] {});
+    ASSERT_NO_FATAL_FAILURE(DaemonFixture::SetUp());
+    startDaemon();
   }
 
   // Whether a finished session file of the browser is waiting in storage.
@@ -70,28 +54,10 @@ class BackgroundDrainTest : public ::testing::Test {
         out.push_back(std::move(r));
     return out;
   }
-
-  test::TempDir dir;
-  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-  const Time start = clock->now();
-  RefServer server;
-  Platform platform;
-  std::optional<Daemon> daemon;
-  std::shared_ptr<Assembly> assembly;
 };
 
 TEST_F(BackgroundDrainTest, ATypedAndEngagedSessionReachesTheFeedbackEndpointAtTheFirstFlushAfterItEnds) {
-  VorlenClientOptions options;
-  options.socketPath = platform.paths.serviceSocket;
-  auto browser = VorlenClient::create(options);
-  VORSessionConfiguration configuration;
-  configuration.identifier = "com.example.browser";
-  configuration.userAgent = kBrowserAgent;
-  ASSERT_TRUE(browser->configure(configuration).ok());
-  ASSERT_TRUE(test::eventually([&] {
-    auto bag = browser->bag();
-    return bag.ok() && bag.value->bag.has_value();
-  }));
+  auto browser = connectClient("com.example.browser", kBrowserAgent);
   for (uint64_t id : {1u, 2u}) {
     VORSearchRequest search;
     search.queryId = id;

@@ -11,6 +11,7 @@
 #include "base/ManualClock.h"
 #include "base/Preferences.h"
 #include "daemon/Daemon.h"
+#include "daemon/DaemonFixture.h"
 #include "ipc/IpcTestSupport.h"
 #include "network/BagController.h"
 #include "platform/PrivacyReportFolder.h"
@@ -27,23 +28,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class CustomFeedbackFlusherTest : public ::testing::Test {
+class CustomFeedbackFlusherTest : public test::DaemonFixture {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(server.start());
-    platform = test::platformForTesting(dir.path(), clock);
-    Preferences(platform.paths.configDir, "com.velmo.vorlend")
-        .set("VORBagURL", Value(server.baseURL() + "/bag"));
-    daemon.emplace(platform);
-    assembly = daemon->start();
-    ASSERT_TRUE(assembly);
+    ASSERT_NO_FATAL_FAILURE(DaemonFixture::SetUp());
+    ASSERT_NO_FATAL_FAILURE(startDaemon());
     ASSERT_TRUE(test::eventually([&] { return assembly->bagController->cachedBagState().has_value(); }));
     ASSERT_TRUE(test::eventually([&] { return assembly->uploadManager->feedbackEndpoint().has_value(); }));
     flusher = VorlenCustomFeedbackFlusher::create(assembly);
-  }
-  void TearDown() override {
-    server.stop();
-    Counters::install(nullptr);
   }
   fs::path customFolder() const {
     return platform.paths.cachesDir / VorlenCustomFeedbackFlusher::kFolderName;
@@ -60,12 +52,6 @@ class CustomFeedbackFlusherTest : public ::testing::Test {
     return out;
   }
 
-  test::TempDir dir;
-  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-  RefServer server;
-  Platform platform;
-  std::optional<Daemon> daemon;
-  std::shared_ptr<Assembly> assembly;
   std::shared_ptr<VorlenCustomFeedbackFlusher> flusher;
   ScopedLogCapture capture;
 };

@@ -15,6 +15,7 @@
 #include "client/VorlenClient.h"
 #include "client/VorlenFlusherClient.h"
 #include "daemon/Daemon.h"
+#include "daemon/DaemonFixture.h"
 #include "feedback/ClientSessionManager.h"
 #include "ipc/IpcFraming.h"
 #include "ipc/IpcTestSupport.h"
@@ -96,38 +97,9 @@ class Tool {
   std::shared_ptr<VorlenFlusherClient> client;
 };
 
-class FlusherEndpointTest : public ::testing::Test {
+class FlusherEndpointTest : public test::DaemonFixture {
  protected:
-  void SetUp() override { ASSERT_TRUE(server.start()); }
-  void TearDown() override {
-    if (assembly && assembly->uploadManager)
-      assembly->uploadManager->waitForUploadsToEnd(std::chrono::seconds(30));
-    server.stop();
-    Counters::install(nullptr);
-  }
-  void startDaemon(bool sharedSession = true) {
-    platform = test::platformForTesting(dir.path(), clock);
-    Preferences defaults(platform.paths.configDir, "com.velmo.vorlend");
-    defaults.set("VORBagURL", Value(server.baseURL() + "/bag"));
-    defaults.set("VORSharedSession", Value(sharedSession));
-    daemon.emplace(platform);
-    assembly = daemon->start();
-    ASSERT_TRUE(assembly);
-  }
-  std::shared_ptr<VorlenClient> connectClient(const std::string& identifier, const std::string& agent) {
-    VorlenClientOptions options;
-    options.socketPath = platform.paths.serviceSocket;
-    auto client = VorlenClient::create(options);
-    VORSessionConfiguration configuration;
-    configuration.identifier = identifier;
-    configuration.userAgent = agent;
-    EXPECT_TRUE(client->configure(configuration).ok());
-    EXPECT_TRUE(test::eventually([&] {
-      auto bag = client->bag();
-      return bag.ok() && bag.value->bag.has_value();
-    }));
-    return client;
-  }
+  void startDaemon(bool sharedSession = true) { DaemonFixture::startDaemon(sharedSession); }
   IpcEndpoint flusherEndpoint(VorlenClient& client) {
     auto endpoint = client.listenToFlusher();
     EXPECT_TRUE(endpoint.ok());
@@ -163,18 +135,7 @@ class FlusherEndpointTest : public ::testing::Test {
     ASSERT_TRUE(test::eventually([&] { return storedHolding(marker); }));
   }
   void dumpWithTwoClients(bool shared);
-  void advanceTo(double s) {
-    clock->set(start + seconds(s));
-    std::dynamic_pointer_cast<BackgroundActivitiesManager>(assembly->backgroundFlusher)->queue()->sync([] {});
-  }
 
-  test::TempDir dir;
-  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-  const Time start = clock->now();
-  RefServer server;
-  Platform platform;
-  std::optional<Daemon> daemon;
-  std::shared_ptr<Assembly> assembly;
   ScopedLogCapture capture;
 };
 

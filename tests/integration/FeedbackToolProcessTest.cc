@@ -10,6 +10,7 @@
 #include "model/QXFeedback.h"
 #include "model/VORSessionConfiguration.h"
 #include "support/DaemonProcess.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 #include "support/TerminalProcess.h"
 #include "vorlen-refserver/FeedbackInbox.h"

@@ -185,6 +185,10 @@ TEST(AppWhitelistSignatureTest, FileGivesTheSignatureOfTheInstalledListedApps) {
 
 TEST(AppWhitelistSignatureTest, BadFilesGiveNoSignatureAndALogLine) {
   const std::string good = R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 9}]}})";
+  // A file whose one entry is for an installed app: `entry` is its JSON, `version` the inner version.
+  auto notes = [](const std::string& entry, const std::string& version = "0a1b") {
+    return allowList(R"({"version": ")" + version + R"(", "apps": {"org.example.Notes": )" + entry + "}}");
+  };
   std::string deep(1 << 20, '[');
   struct Case {
     const char* what;
@@ -199,25 +203,15 @@ TEST(AppWhitelistSignatureTest, BadFilesGiveNoSignatureAndALogLine) {
       {"inner not JSON", allowList("{\"version\": ")},
       {"inner version a number", allowList(R"({"version": 10, "apps": {}})")},
       {"inner apps an array", allowList(R"({"version": "0a1b", "apps": []})")},
-      {"entry not an array",
-       allowList(R"({"version": "0a1b", "apps": {"org.example.Notes": {"encoding_id": 9}}})")},
-      {"last element not an object",
-       allowList(R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 9}, 4]}})")},
-      {"id a string",
-       allowList(R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": "9"}]}})")},
-      {"negative id",
-       allowList(R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": -9}]}})")},
-      {"huge id",
-       allowList(R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 1e12}]}})")},
-      {"huge integer id",
-       allowList(
-           R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 18446744073709551615}]}})")},
-      {"fractional id",
-       allowList(R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 1.5}]}})")},
-      {"odd version",
-       allowList(R"({"version": "0a1", "apps": {"org.example.Notes": [{"encoding_id": 9}]}})")},
-      {"non-hex version",
-       allowList(R"({"version": "0x1b", "apps": {"org.example.Notes": [{"encoding_id": 9}]}})")},
+      {"entry not an array", notes(R"({"encoding_id": 9})")},
+      {"last element not an object", notes(R"([{"encoding_id": 9}, 4])")},
+      {"id a string", notes(R"([{"encoding_id": "9"}])")},
+      {"negative id", notes(R"([{"encoding_id": -9}])")},
+      {"huge id", notes(R"([{"encoding_id": 1e12}])")},
+      {"huge integer id", notes(R"([{"encoding_id": 18446744073709551615}])")},
+      {"fractional id", notes(R"([{"encoding_id": 1.5}])")},
+      {"odd version", notes(R"([{"encoding_id": 9}])", "0a1")},
+      {"non-hex version", notes(R"([{"encoding_id": 9}])", "0x1b")},
       {"a megabyte of nesting", deep},
       {"deep nesting inside the apps text", allowList(std::string(100000, '{'))},
       {"invalid UTF-8",
@@ -232,9 +226,7 @@ TEST(AppWhitelistSignatureTest, BadFilesGiveNoSignatureAndALogLine) {
     EXPECT_TRUE(logged);
   }
   // The largest id whose bitmap length fits 16 bits is accepted.
-  EXPECT_TRUE(
-      process(allowList(R"({"version": "0a1b", "apps": {"org.example.Notes": [{"encoding_id": 524279}]}})"),
-              kInstalled));
+  EXPECT_TRUE(process(notes(R"([{"encoding_id": 524279}])"), kInstalled));
 }
 
 // The file reader keeps only installed apps' entries while it parses; it must answer exactly what the

@@ -103,15 +103,6 @@ TEST_F(HttpSessionTest, DataTaskDeliversBodyStatusHeadersAndFinalUrlOnTheCallbac
   EXPECT_TRUE(session->getAllTasks().empty());
 }
 
-TEST_F(HttpSessionTest, HttpErrorStatusIsAResponseNotATransportError) {
-  auto session = makeSession();
-  auto call = run(session, get(url("/_echo?status=500")));
-  EXPECT_FALSE(call.error);
-  ASSERT_TRUE(call.response);
-  EXPECT_EQ(call.response->status, 500);
-  EXPECT_EQ(server.requestCount("/_echo"), 1u);
-}
-
 TEST_F(HttpSessionTest, SecondRequestOnTheSessionReusesTheConnection) {
   auto session = makeSession();
   std::shared_ptr<HttpTask> first, second;
@@ -146,30 +137,44 @@ TEST_F(HttpSessionTest, RequestHeadersAndBodyAreSentAsGiven) {
   EXPECT_EQ(got.header("Expect"), "");
 }
 
-TEST_F(HttpSessionTest, MalformedRequestsFailWithoutReachingTheServer) {
+// Transport failures end the task with their code and no response; requests the engine cannot send
+// safely never reach the server. An HTTP error status is a response, not a transport error.
+TEST_F(HttpSessionTest, FailuresEndWithTheirCodesAndAnErrorStatusIsAResponse) {
   auto session = makeSession();
   HttpRequest injected = get(url("/_echo"));
   injected.headers["X-Bad"] = "a\r\nX-Injected: 1";
-  auto call = run(session, injected);
-  ASSERT_TRUE(call.error);
-  EXPECT_EQ(call.error->code, HttpError::kBadURL);
-  EXPECT_EQ(call.error->domain, "VORURLErrorDomain");
-
-  EXPECT_EQ(run(session, get("ftp://127.0.0.1/x")).error->code, HttpError::kUnsupportedURL);
-  EXPECT_EQ(server.requestCount("/_echo"), 0u);
-}
-
-TEST_F(HttpSessionTest, TransportFailuresMapToTheirCodes) {
-  auto session = makeSession();
-  auto refused = run(session, get("http://127.0.0.1:" + std::to_string(closedPort()) + "/"));
-  ASSERT_TRUE(refused.error);
-  EXPECT_EQ(refused.error->code, HttpError::kCannotConnectToHost);
-  EXPECT_FALSE(refused.response);
-
-  auto dropped = run(session, get(url("/_echo?drop=1")));
-  ASSERT_TRUE(dropped.error);
-  EXPECT_EQ(dropped.error->code, HttpError::kNetworkConnectionLost);
-  EXPECT_TRUE(dropped.data.empty());
+  HttpRequest silent = get(url("/_echo?delay_ms=60000"));
+  silent.timeoutSeconds = 0.2;
+  struct Case {
+    const char* name;
+    HttpRequest request;
+    long code;
+    size_t reached;  // requests the server saw
+  };
+  const Case cases[] = {
+      {"header injection", injected, HttpError::kBadURL, 0},
+      {"unsupported scheme", get("ftp://127.0.0.1/x"), HttpError::kUnsupportedURL, 0},
+      {"refused", get("http://127.0.0.1:" + std::to_string(closedPort()) + "/"),
+       HttpError::kCannotConnectToHost, 0},
+      {"dropped", get(url("/_echo?drop=1")), HttpError::kNetworkConnectionLost, 1},
+      {"silent server", silent, HttpError::kTimedOut, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const size_t before = server.requestCount("/_echo");
+    auto call = run(session, c.request);
+    ASSERT_TRUE(call.error);
+    EXPECT_EQ(call.error->code, c.code);
+    EXPECT_EQ(call.error->domain, kVORURLErrorDomain);
+    EXPECT_EQ(call.error->url, c.request.url);
+    EXPECT_FALSE(call.response);
+    EXPECT_TRUE(call.data.empty());
+    EXPECT_EQ(server.requestCount("/_echo") - before, c.reached);
+  }
+  auto status = run(session, get(url("/_echo?status=500")));
+  EXPECT_FALSE(status.error);
+  ASSERT_TRUE(status.response);
+  EXPECT_EQ(status.response->status, 500);
 }
 
 // The failures a loopback server cannot cause (no resolver, TLS, full disk): the mapping alone. The rest of
@@ -242,16 +247,6 @@ TEST_F(HttpSessionTest, CancelEndsTheTaskOnceWithCancelled) {
   flush->get_future().wait();
   EXPECT_EQ(suspended.count(), 1u);
   EXPECT_EQ(running.count(), 1u);
-}
-
-TEST_F(HttpSessionTest, SilentServerTimesOutAfterTheRequestTimeout) {
-  auto session = makeSession();
-  HttpRequest r = get(url("/_echo?delay_ms=60000"));
-  r.timeoutSeconds = 0.2;
-  auto call = run(session, r);
-  ASSERT_TRUE(call.error);
-  EXPECT_EQ(call.error->code, HttpError::kTimedOut);
-  EXPECT_EQ(call.error->url, r.url);
 }
 
 TEST_F(HttpSessionTest, DownloadWritesAPrivateFileThatIsRemovedAfterTheDelegateCall) {

@@ -68,6 +68,30 @@ bool hasHeader(const Recorded& r, const std::string& name) {
   });
 }
 
+// Each entry is "name=value" (the item is sent with that value) or "!name" (it is not sent).
+void expectItems(const Recorded& r, std::initializer_list<std::string_view> expected) {
+  for (std::string_view e : expected) {
+    if (e.starts_with('!')) {
+      EXPECT_FALSE(item(r, std::string(e.substr(1)))) << e << " in " << r.rawQuery;
+    } else {
+      const size_t eq = e.find('=');
+      EXPECT_EQ(item(r, std::string(e.substr(0, eq))), std::string(e.substr(eq + 1))) << r.rawQuery;
+    }
+  }
+}
+
+// Each entry is "Name: value" (the header is sent with that value) or "!Name" (it is not sent).
+void expectHeaders(const Recorded& r, std::initializer_list<std::string_view> expected) {
+  for (std::string_view e : expected) {
+    if (e.starts_with('!')) {
+      EXPECT_FALSE(hasHeader(r, std::string(e.substr(1)))) << e;
+    } else {
+      const size_t colon = e.find(": ");
+      EXPECT_EQ(r.header(e.substr(0, colon)), e.substr(colon + 2));
+    }
+  }
+}
+
 class RequestFactoryTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -189,41 +213,22 @@ TEST_F(RequestFactoryTest, SearchRequestCarriesTheWholeContextInAlphabeticalOrde
   auto names = itemNamesOnTheWire(r);
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end())) << r.rawQuery;
   EXPECT_NE(r.rawQuery.find("weather%3B"), std::string::npos) << r.rawQuery;
-  EXPECT_EQ(item(r, "q"), "weather; today");
-  EXPECT_EQ(item(r, "qtype"), "explicit");
-  EXPECT_EQ(item(r, "kind"), "search");  // the bag URL's own item survives
-  EXPECT_EQ(item(r, "key"), "corgipup2718");
-  EXPECT_EQ(item(r, "card"), "1");
-  EXPECT_EQ(item(r, "cc"), "GB");
-  EXPECT_EQ(item(r, "locale"), "en_GB");
-  EXPECT_EQ(item(r, "esl"), "en");
-  EXPECT_EQ(item(r, "kb_ime"), "en_GB");
-  EXPECT_EQ(item(r, "calendar"), "gregorian");
-  EXPECT_EQ(item(r, "time_zone"), "Europe/London");
-  EXPECT_EQ(item(r, "units"), "UK");
-  EXPECT_EQ(item(r, "temp"), "C");
-  EXPECT_EQ(item(r, "24h"), "1");
-  EXPECT_EQ(item(r, "l2"), "l2-7");
-  EXPECT_EQ(item(r, "l3"), "l3-9");
-  EXPECT_EQ(item(r, "lc"), "weather:weather uk:weather today");
-  EXPECT_EQ(item(r, "lco"), "ss-T1:ut:");
-  EXPECT_EQ(item(r, "lcs"), "0.50:0.25:1.00");
+  // "kind" is the bag URL's own item; no location is known yet.
+  expectItems(r, {"q=weather; today", "qtype=explicit", "kind=search", "key=corgipup2718", "card=1"});
+  expectItems(r, {"cc=GB", "locale=en_GB", "esl=en", "kb_ime=en_GB", "calendar=gregorian"});
+  expectItems(r, {"time_zone=Europe/London", "units=UK", "temp=C", "24h=1", "l2=l2-7", "l3=l3-9"});
+  expectItems(r, {"lc=weather:weather uk:weather today", "lco=ss-T1:ut:", "lcs=0.50:0.25:1.00"});
+  expectItems(r, {"!latlng", "!geosrc", "!mode", "!du_enabled"});
   EXPECT_EQ(item(r, VORNetworkRequestFactory::kFieldMaskQueryItem), "title,url");
-  EXPECT_FALSE(item(r, "latlng"));  // no location known
-  EXPECT_FALSE(item(r, "geosrc"));
-  EXPECT_FALSE(item(r, "mode"));
-  EXPECT_FALSE(item(r, "du_enabled"));
-
-  EXPECT_EQ(r.header("X-Velmo-Languages"), R"(["en-GB","fr-FR","de"])");
+  // "bWV0YQ==" is the base64 of the fake's geo metadata "meta".
+  expectHeaders(r,
+                {R"(X-Velmo-Languages: ["en-GB","fr-FR","de"])", R"(X-Velmo-TopTopics: ["sports","news"])"});
+  expectHeaders(r,
+                {"X-Velmo-UI-Scale: 2.0", "X-Velmo-GeoMetadata: bWV0YQ==", "X-Velmo-GeoEnvironment: test"});
+  expectHeaders(r, {"!X-Velmo-Subscriptions", "!X-Velmo-Whitelisted-App-Signature"});
   EXPECT_EQ(r.header("X-Velmo-UserGuid"), guid.string());
   EXPECT_EQ(r.header("User-Agent"), *client.userAgent);
-  EXPECT_EQ(r.header("X-Velmo-UI-Scale"), "2.0");
-  EXPECT_EQ(r.header("X-Velmo-TopTopics"), R"(["sports","news"])");
-  EXPECT_EQ(r.header("X-Velmo-GeoMetadata"), "bWV0YQ==");  // base64 of the fake's "meta"
-  EXPECT_EQ(r.header("X-Velmo-GeoEnvironment"), "test");
-  EXPECT_EQ(Uuid::parse(r.header("X-Velmo-GeoSession")).has_value(), true);
-  EXPECT_FALSE(hasHeader(r, "X-Velmo-Subscriptions"));
-  EXPECT_FALSE(hasHeader(r, "X-Velmo-Whitelisted-App-Signature"));
+  EXPECT_TRUE(Uuid::parse(r.header("X-Velmo-GeoSession")));
   EXPECT_NE(r.header("Accept"), "application/x-protobuf");
 }
 
@@ -240,21 +245,16 @@ TEST_F(RequestFactoryTest, QueryItemsWinOverDefaultsAndDebugItemsWinOverEverythi
   q.queryItems[1].name = "qtype";
   q.queryItems[1].value = "mine";
   Recorded r = send(*factory->searchRequest(q, bag(), guid, client));
-  EXPECT_EQ(item(r, "key"), "client-key");  // default semantics: the query's own item stays
-  EXPECT_EQ(item(r, "qtype"), "mine");      // forced after the trigger's "suggested"
-  EXPECT_EQ(item(r, "locale"), "xx_XX");    // debug items are forced
-  EXPECT_EQ(item(r, "q"), "debugged");      // ... even over the query text
-  EXPECT_EQ(item(r, "empty"), "");
-  EXPECT_FALSE(item(r, "broken"));
-  EXPECT_FALSE(item(r, "a"));
+  // The query's own "key" stays over the default, its "qtype" is forced after the trigger's "suggested";
+  // debug items are forced over everything, even the query text.
+  expectItems(r, {"key=client-key", "qtype=mine", "locale=xx_XX", "q=debugged", "empty=", "!broken", "!a"});
   EXPECT_TRUE(logs.sink().contains("invalid query components: broken"));
   EXPECT_TRUE(logs.sink().contains("invalid query components: a=b=c"));
 
   // A new preference text is picked up by the next request.
   assembly->userDefaults->remove("VORDebugParameters");
   Recorded after = send(*factory->searchRequest(q, bag(), guid, client));
-  EXPECT_EQ(item(after, "locale"), "en_GB");
-  EXPECT_EQ(item(after, "q"), "typed");
+  expectItems(after, {"locale=en_GB", "q=typed"});
 }
 
 TEST_F(RequestFactoryTest, MeasurementSystemHourCycleAndModelVersionsDecideTheirItems) {
@@ -270,10 +270,7 @@ TEST_F(RequestFactoryTest, MeasurementSystemHourCycleAndModelVersionsDecideTheir
   VORSearchRequest q;
   q.queryString = "x";
   Recorded r = send(*factory->searchRequest(q, VORBag(raw, "Voyant/1"), guid, client));
-  EXPECT_FALSE(item(r, "units"));
-  EXPECT_FALSE(item(r, "24h"));
-  EXPECT_FALSE(item(r, "l2"));
-  EXPECT_FALSE(item(r, "l3"));
+  expectItems(r, {"!units", "!24h", "!l2", "!l3"});
   EXPECT_EQ(r.header("X-Velmo-Languages"), "[]");
   EXPECT_TRUE(logs.sink().contains("error adding model versions to search request, one is invalid: l2=l2-7, l3="));
 
@@ -288,13 +285,8 @@ TEST_F(RequestFactoryTest, ZeroKeywordRequestIsZkwUnlessTheQuerySaysOtherwise) {
   VORZeroKeywordRequest q;
   q.scale = 3.0;
   Recorded r = send(*factory->zeroKeywordRequest(q, bag(), guid, client));
-  EXPECT_EQ(item(r, "qtype"), "zkw");
-  EXPECT_FALSE(item(r, "q"));
-  EXPECT_FALSE(item(r, "card"));
-  EXPECT_EQ(item(r, "units"), "UK");
-  EXPECT_EQ(item(r, "cc"), "GB");
-  EXPECT_EQ(r.header("X-Velmo-UI-Scale"), "3.0");
-  EXPECT_EQ(r.header("X-Velmo-GeoEnvironment"), "test");
+  expectItems(r, {"qtype=zkw", "!q", "!card", "units=UK", "cc=GB"});
+  expectHeaders(r, {"X-Velmo-UI-Scale: 3.0", "X-Velmo-GeoEnvironment: test"});
   EXPECT_TRUE(hasHeader(r, "X-Velmo-GeoSession"));
 
   q.queryItems = {VORQueryItem{}};
@@ -315,9 +307,7 @@ TEST_F(RequestFactoryTest, MoreResultsKeepsALatLngOfItsURLAndThenStartsNoLocatio
   Recorded r = send(*factory->moreResultsRequest(q, VORBag(raw, "Voyant/1"), guid, client));
   assembly->locationManager->flushForTesting();
   EXPECT_EQ(location->startCount(), starts);
-  EXPECT_EQ(item(r, "latlng"), "1.5,2.5");
-  EXPECT_EQ(item(r, "key"), "corgipup2718");
-  EXPECT_FALSE(item(r, "cc"));  // not part of this request kind
+  expectItems(r, {"latlng=1.5,2.5", "key=corgipup2718", "!cc"});  // "cc" is not part of this kind
   EXPECT_EQ(r.header("X-Velmo-UserGuid"), guid.string());
   EXPECT_FALSE(hasHeader(r, "X-Velmo-GeoSession"));
 
@@ -339,18 +329,10 @@ TEST_F(RequestFactoryTest, ZeroKeywordLookupAndFlightAlwaysStartLocation) {
     assembly->locationManager->flushForTesting();
     return location->startCount() - before;
   };
-  EXPECT_EQ(startsFor([&] { return factory->searchRequest(VORSearchRequest{}, noSources, guid, client); }),
-            0);
-  EXPECT_EQ(startsFor([&] {
-              return factory->zeroKeywordRequest(VORZeroKeywordRequest{}, noSources, guid, client);
-            }),
-            1);
-  EXPECT_EQ(startsFor([&] { return factory->lookupRequest(VORLookupRequest{}, noSources, guid, client); }),
-            1);
-  EXPECT_EQ(startsFor([&] {
-              return factory->flightSearchRequest(VORFlightSearchRequest{}, noSources, guid, client);
-            }),
-            1);
+  EXPECT_EQ(startsFor([&] { return factory->searchRequest({}, noSources, guid, client); }), 0);
+  EXPECT_EQ(startsFor([&] { return factory->zeroKeywordRequest({}, noSources, guid, client); }), 1);
+  EXPECT_EQ(startsFor([&] { return factory->lookupRequest({}, noSources, guid, client); }), 1);
+  EXPECT_EQ(startsFor([&] { return factory->flightSearchRequest({}, noSources, guid, client); }), 1);
 }
 
 TEST_F(RequestFactoryTest, CardLookupAndFlightRequestsCarryTheirOwnSets) {
@@ -365,14 +347,9 @@ TEST_F(RequestFactoryTest, CardLookupAndFlightRequestsCarryTheirOwnSets) {
   card.queryItems[0].name = "id";
   card.queryItems[0].value = "c42";
   Recorded c = send(*factory->cardRequest(card, bag(), guid, client));
-  EXPECT_EQ(item(c, "id"), "c42");
-  EXPECT_EQ(item(c, "kind"), "card");
-  EXPECT_EQ(item(c, "storefront"), "143444");
-  EXPECT_EQ(item(c, "cc"), "GB");
-  EXPECT_FALSE(item(c, "card"));
-  EXPECT_EQ(c.header("X-Velmo-Whitelisted-App-Signature"), "sig-1");
-  EXPECT_EQ(c.header("X-Velmo-Subscriptions"), R"([{"provider":"tv"}])");
-  EXPECT_EQ(c.header("X-Velmo-GeoEnvironment"), "test");
+  expectItems(c, {"id=c42", "kind=card", "storefront=143444", "cc=GB", "!card"});
+  expectHeaders(c, {"X-Velmo-Whitelisted-App-Signature: sig-1",
+                    R"(X-Velmo-Subscriptions: [{"provider":"tv"}])", "X-Velmo-GeoEnvironment: test"});
   EXPECT_NE(c.header("Accept"), "application/x-protobuf");
 
   VORLookupRequest lookup;
@@ -382,30 +359,21 @@ TEST_F(RequestFactoryTest, CardLookupAndFlightRequestsCarryTheirOwnSets) {
   lookup.hintDomain = "places";
   lookup.lookupSelectionType = 2;
   Recorded l = send(*factory->lookupRequest(lookup, bag(), guid, client));
-  EXPECT_EQ(item(l, "q"), "東京タワー");
-  EXPECT_EQ(item(l, "context"), "org.example.reader");
-  EXPECT_EQ(item(l, "ldomain"), "places");
-  EXPECT_EQ(item(l, "ltype"), "hint");
-  EXPECT_EQ(item(l, "qlang"), "ja");
-  EXPECT_EQ(item(l, "lctxlang"), "el");
-  EXPECT_EQ(item(l, "storefront"), "143444");
+  expectItems(l, {"q=東京タワー", "context=org.example.reader", "ldomain=places", "ltype=hint", "qlang=ja",
+                  "lctxlang=el", "storefront=143444"});
   EXPECT_FALSE(hasHeader(l, "X-Velmo-GeoEnvironment"));
   lookup.lookupSelectionType = 7;
   lookup.queryString = "weather";
   lookup.lookupContext = "как сегодня погода в москве и будет ли дождь вечером";
   Recorded l2 = send(*factory->lookupRequest(lookup, bag(), guid, client));
-  EXPECT_EQ(item(l2, "ltype"), "default");
-  EXPECT_FALSE(item(l2, "qlang"));  // one Latin word: neither the identifier nor the script can tell
-  EXPECT_EQ(item(l2, "lctxlang"), "ru");
+  // One Latin word: neither the identifier nor the script can tell its language.
+  expectItems(l2, {"ltype=default", "!qlang", "lctxlang=ru"});
 
   VORFlightSearchRequest flight;
   flight.flightQuery = "VL-123";
   Recorded f = send(*factory->flightSearchRequest(flight, bag(), guid, client));
-  EXPECT_EQ(f.header("Accept"), "application/x-protobuf");
-  EXPECT_EQ(item(f, "q"), "VL-123");
-  EXPECT_EQ(item(f, "timestamp"), "1767225600");
-  EXPECT_FALSE(item(f, "storefront"));
-  EXPECT_EQ(f.header("X-Velmo-Whitelisted-App-Signature"), "sig-1");
+  expectItems(f, {"q=VL-123", "timestamp=1767225600", "!storefront"});
+  expectHeaders(f, {"Accept: application/x-protobuf", "X-Velmo-Whitelisted-App-Signature: sig-1"});
 }
 
 TEST_F(RequestFactoryTest, ABagWithoutTheURLGivesNoRequest) {
@@ -431,11 +399,9 @@ TEST_F(RequestFactoryTest, WarmDownloadAndUploadRequests) {
   ASSERT_TRUE(download);
   EXPECT_EQ(download->cachePolicy, HttpCachePolicy::UseProtocolCachePolicy);
   Recorded d = send(*download);
-  EXPECT_EQ(item(d, "key"), "corgipup2718");
-  EXPECT_EQ(d.header("If-None-Match"), "v7");
-  EXPECT_EQ(d.header("User-Agent"), "Vorlend/1.0 (TestDevice1,1; TestOS 1A100) Norvanta/1");
-  EXPECT_FALSE(hasHeader(d, "X-Velmo-FuzzedLatLong"));  // no location yet
-  EXPECT_EQ(d.queryItems.size(), 1u);
+  EXPECT_EQ(d.queryItems, (std::vector<std::pair<std::string, std::string>>{{"key", "corgipup2718"}}));
+  expectHeaders(d, {"If-None-Match: v7", "User-Agent: Vorlend/1.0 (TestDevice1,1; TestOS 1A100) Norvanta/1",
+                    "!X-Velmo-FuzzedLatLong"});  // no location yet
 
   auto upload = factory->flusherUploadRequest(server.baseURL() + "/_echo", 300, "digest-abc");
   ASSERT_TRUE(upload);
@@ -443,12 +409,9 @@ TEST_F(RequestFactoryTest, WarmDownloadAndUploadRequests) {
   EXPECT_EQ(upload->cachePolicy, HttpCachePolicy::ReloadIgnoringLocalCacheData);
   Recorded u = send(*upload);
   EXPECT_EQ(u.method, "POST");
-  EXPECT_EQ(u.header("Content-Encoding"), "deflate");
-  EXPECT_EQ(u.header("X-Velmo-Digest"), "digest-abc");
-  EXPECT_EQ(u.header("User-Agent"), "Vorlend/1.0 (TestDevice1,1; TestOS 1A100) Vorlend/1.0");
-  EXPECT_EQ(item(u, "du_enabled"), "1");
-  EXPECT_EQ(item(u, "cc"), "GB");
-  EXPECT_EQ(item(u, "locale"), "en_GB");
+  expectHeaders(u, {"Content-Encoding: deflate", "X-Velmo-Digest: digest-abc",
+                    "User-Agent: Vorlend/1.0 (TestDevice1,1; TestOS 1A100) Vorlend/1.0"});
+  expectItems(u, {"du_enabled=1", "cc=GB", "locale=en_GB"});
 
   restrictions->setDiagnosticSubmissionAllowed(false);
   Recorded noConsent = send(*factory->flusherUploadRequest(server.baseURL() + "/_echo", 300, "d"));
@@ -469,9 +432,7 @@ TEST_F(RequestFactoryTest, BagFetchAndBagCacheRequestsDifferOnlyInKeyHeadersAndA
   EXPECT_EQ(f.path, "/bag");
   EXPECT_EQ(f.header("User-Agent"), agent);
   EXPECT_EQ(f.header("X-Velmo-Languages"), R"(["en-GB","fr-FR","de"])");
-  EXPECT_EQ(item(f, "quintara"), "0");
-  EXPECT_EQ(item(f, "version"), "12");
-  EXPECT_EQ(item(f, "dbg"), "1");
+  expectItems(f, {"quintara=0", "version=12", "dbg=1"});
 
   auto cache = factory->bagCacheRequest(controller, agent, std::string("12"));
   ASSERT_TRUE(cache);
@@ -535,19 +496,19 @@ TEST_F(RequestFactoryTest, LocaleAndCountryChangesAskForABagRefresh) {
 
 TEST_F(RequestFactoryTest, RestrictionsOrAManagedAccountSendManagedMode) {
   makeFactory();
-  VORZeroKeywordRequest q;
-  EXPECT_FALSE(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"));
+  auto mode = [&] { return item(send(*factory->zeroKeywordRequest({}, bag(), guid, client)), "mode"); };
+  EXPECT_FALSE(mode());
   restrictions->setAppInstallationAllowed(false);
-  EXPECT_EQ(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"), "managed");
+  EXPECT_EQ(mode(), "managed");
   restrictions->setAppInstallationAllowed(true);
   restrictions->setBookStoreSetting(DeviceRestrictions::kYes);
-  EXPECT_FALSE(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"));
+  EXPECT_FALSE(mode());
   restrictions->setBookStoreSetting(DeviceRestrictions::kNo);
-  EXPECT_EQ(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"), "managed");
+  EXPECT_EQ(mode(), "managed");
   restrictions->setBookStoreSetting(DeviceRestrictions::kNotSet);
-  EXPECT_FALSE(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"));
+  EXPECT_FALSE(mode());
   restrictions->setManagedAccount(true);
-  EXPECT_EQ(item(send(*factory->zeroKeywordRequest(q, bag(), guid, client)), "mode"), "managed");
+  EXPECT_EQ(mode(), "managed");
 }
 
 // ---- Location context, driven through the fake location service ----------------------------------------------
@@ -602,8 +563,7 @@ TEST_F(RequestFactoryTest, AFixTheBagAcceptsIsUsedOncePerStart) {
   VORSearchRequest q;
   q.queryString = "cafe";
   Recorded r = send(*factory->searchRequest(q, bag(Value::Array{"wifi", "cell"}), guid, client));
-  EXPECT_EQ(item(r, "latlng"), "-33.868800,151.209300");
-  EXPECT_EQ(item(r, "geosrc"), "cell,1000.000000");
+  expectItems(r, {"latlng=-33.868800,151.209300", "geosrc=cell,1000.000000"});
   Recorded d = send(*factory->fileDownloadRequest(server.baseURL() + "/_echo", std::nullopt, true));
   EXPECT_EQ(d.header("X-Velmo-FuzzedLatLong"), "-33.868800,151.209300");
 }
@@ -628,8 +588,7 @@ TEST_F(RequestFactoryTest, FailuresRefusalsAndABagWithoutSourcesClearTheLocation
   EXPECT_EQ(state.source, "error.fail");
   VORZeroKeywordRequest zkw;
   Recorded r = send(*factory->zeroKeywordRequest(zkw, bag(Value::Array{"gps"}), guid, client));
-  EXPECT_FALSE(item(r, "latlng"));
-  EXPECT_EQ(item(r, "geosrc"), "error.fail");  // the reason travels
+  expectItems(r, {"!latlng", "geosrc=error.fail"});  // the reason travels
 
   location->pushAuthorizationStatus(LocationProvider::kDenied);
   factory->flushContextAccessQueue();

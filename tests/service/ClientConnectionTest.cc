@@ -425,27 +425,25 @@ TEST(ClientQueryIdForFeedbackTest, ComesFromTheFieldEachClassCarries) {
     return s.toRecord();
   };
 
-  QXFeedback start("QXStartSearchFeedback");
-  start.set("queryId", Value(uint64_t{3}));
-  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(start), 3u);
-
-  QXFeedback visible("QXVisibleResultsFeedback");
-  visible.set("results", Value(Value::Array{resultWith(7), resultWith(8)}));
-  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(visible), 7u);
-
-  QXFeedback ranking("QXRankingFeedback");
-  ranking.set("sections", Value(Value::Array{sectionWith({11, 12}), sectionWith({13})}));
-  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(ranking), 11u);
-
-  QXFeedback header("QXVisibleSectionHeaderFeedback");
-  header.set("section", sectionWith({9}));
-  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(header), 9u);
-
-  // An empty section or a class without a query field gives 0.
-  QXFeedback emptySection("QXSectionEngagementFeedback");
-  emptySection.set("section", sectionWith({}));
-  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(emptySection), 0u);
-  EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(QXFeedback("QXClearInputFeedback")), 0u);
+  struct Case {
+    const char* className;
+    const char* field;  // empty: none is set
+    Value value;
+    uint64_t queryId;
+  };
+  const Case cases[] = {
+      {"QXStartSearchFeedback", "queryId", Value(uint64_t{3}), 3},
+      {"QXVisibleResultsFeedback", "results", Value(Value::Array{resultWith(7), resultWith(8)}), 7},
+      {"QXRankingFeedback", "sections", Value(Value::Array{sectionWith({11, 12}), sectionWith({13})}), 11},
+      {"QXVisibleSectionHeaderFeedback", "section", sectionWith({9}), 9},
+      {"QXSectionEngagementFeedback", "section", sectionWith({}), 0},  // an empty section
+      {"QXClearInputFeedback", "", Value(), 0},                        // a class without a query field
+  };
+  for (const Case& c : cases) {
+    QXFeedback f(c.className);
+    if (*c.field) f.set(c.field, c.value);
+    EXPECT_EQ(ClientConnection::clientQueryIdForFeedback(f), c.queryId) << c.className;
+  }
 }
 
 }  // namespace

@@ -99,6 +99,15 @@ class ClientStateQueryTest : public test::ServiceFixture {
     return c;
   }
 
+  // A request of kind R numbered `queryId` with the given items.
+  template <typename R>
+  static R request(uint64_t queryId, std::vector<VORQueryItem> items = {}) {
+    R r;
+    r.queryId = queryId;
+    r.queryItems = std::move(items);
+    return r;
+  }
+
   static VORSearchRequest search(uint64_t queryId, std::string text, uint64_t triggerEvent = 0) {
     VORSearchRequest r;
     r.queryId = queryId;
@@ -270,8 +279,7 @@ TEST_F(ClientStateQueryTest, VerboseRepliesCarryTheExchangeAndForceFetchRefreshe
 
 TEST_F(ClientStateQueryTest, ZeroKeywordMoreResultsAndCards) {
   auto c = configured();
-  VORZeroKeywordRequest zkw;
-  zkw.queryId = 1;
+  auto zkw = request<VORZeroKeywordRequest>(1);
   auto trending = ask(c, zkw);
   EXPECT_EQ(body(trending)["suggestions"].size(), 5u);
   EXPECT_EQ(lastItems("/search")["qtype"], "zkw");
@@ -280,16 +288,9 @@ TEST_F(ClientStateQueryTest, ZeroKeywordMoreResultsAndCards) {
   ask(c, zkw);
   EXPECT_EQ(lastItems("/search")["qtype"], "zkw_news");
 
-  VORMoreResultsRequest more;
-  more.queryId = 2;
-  more.queryItems.push_back(queryItem("q", "news"));
-  auto page = ask(c, more);
+  auto page = ask(c, request<VORMoreResultsRequest>(2, {queryItem("q", "news")}));
   EXPECT_EQ(body(page)["results"].size(), 5u);
-
-  VORCardRequest card;
-  card.queryId = 3;
-  card.queryItems.push_back(queryItem("q", "news"));
-  auto answered = ask(c, card);
+  auto answered = ask(c, request<VORCardRequest>(3, {queryItem("q", "news")}));
   EXPECT_EQ(body(answered)["card"]["title"], "news");
 }
 
@@ -299,34 +300,20 @@ TEST_F(ClientStateQueryTest, ZeroKeywordMoreResultsAndCards) {
 // is dropped, so none goes out on a reused connection that the HTTP client might quietly send again.
 TEST_F(ClientStateQueryTest, EachKindIsRetriedAsItsDeadlineAllows) {
   auto c = configured();
-  auto dropped = [](auto request) {
-    request.queryItems.push_back(queryItem("ref_drop", "1"));
-    return request;
-  };
-  VORMoreResultsRequest more;
-  more.queryId = 1;
-  more.queryItems.push_back(queryItem("q", "news"));
-  VORCardRequest card;
-  card.queryId = 2;
-  card.queryItems.push_back(queryItem("q", "news"));
-  VORLookupRequest lookup;
-  lookup.queryId = 3;
+  const VORQueryItem drop = queryItem("ref_drop", "1");
+  const auto more = request<VORMoreResultsRequest>(1, {queryItem("q", "news"), drop});
+  const auto card = request<VORCardRequest>(2, {queryItem("q", "news"), drop});
+  auto lookup = request<VORLookupRequest>(3, {drop});
   lookup.queryString = "serendipity";
-  VORFlightSearchRequest flight;
-  flight.queryId = 4;
+  auto flight = request<VORFlightSearchRequest>(4, {drop});
   flight.flightQuery = "VL-7";
-
   struct Case {
     const VORRequest* request;
     std::string path;
     size_t attempts;
   };
-  const auto moreDropped = dropped(more);
-  const auto cardDropped = dropped(card);
-  const auto lookupDropped = dropped(lookup);
-  const auto flightDropped = dropped(flight);
-  for (const Case& k : {Case{&moreDropped, "/more", 1}, Case{&cardDropped, "/card", 1},
-                        Case{&lookupDropped, "/search", 4}, Case{&flightDropped, "/flight", 4}}) {
+  for (const Case& k : {Case{&more, "/more", 1}, Case{&card, "/card", 1}, Case{&lookup, "/search", 4},
+                        Case{&flight, "/flight", 4}}) {
     SCOPED_TRACE(k.path);
     const size_t before = server.requestCount(k.path);
     auto answer = ask(c, *k.request);
@@ -341,20 +328,14 @@ TEST_F(ClientStateQueryTest, EachKindIsRetriedAsItsDeadlineAllows) {
 TEST_F(ClientStateQueryTest, UnsendableRequestsAndHttpFailuresAnswerAsTheNetworkPathDoes) {
   auto c = configured();
   ScopedLogCapture capture;
-  VORMoreResultsRequest more;
-  more.queryId = 1;
-  more.queryItems.push_back(queryItem("q", "news"));
-  more.queryItems.push_back(queryItem("ref_status", "404"));
-  auto missing = ask(c, more);
+  auto missing =
+      ask(c, request<VORMoreResultsRequest>(1, {queryItem("q", "news"), queryItem("ref_status", "404")}));
   EXPECT_FALSE(missing.error);
   EXPECT_FALSE(missing.reply);
   EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Error,
                                 "More results fetch failed with HTTP status code 404"),
             1u);
-  VORCardRequest card;
-  card.queryId = 2;
-  card.queryItems.push_back(queryItem("ref_status", "500"));
-  auto failed = ask(c, card);
+  auto failed = ask(c, request<VORCardRequest>(2, {queryItem("ref_status", "500")}));
   EXPECT_FALSE(failed.error);
   EXPECT_FALSE(failed.reply);
   EXPECT_EQ(
@@ -364,11 +345,9 @@ TEST_F(ClientStateQueryTest, UnsendableRequestsAndHttpFailuresAnswerAsTheNetwork
 
   // A bag without search and flight URLs: the requests have nowhere to go and fail as unsendable.
   switchBag(R"({"search_url": null, "flight_url": null})");
-  VORLookupRequest lookup;
-  lookup.queryId = 3;
+  auto lookup = request<VORLookupRequest>(3);
   lookup.queryString = "serendipity";
-  VORFlightSearchRequest flight;
-  flight.queryId = 4;
+  auto flight = request<VORFlightSearchRequest>(4);
   flight.flightQuery = "VL-7";
   for (const VORRequest* r : std::initializer_list<const VORRequest*>{&lookup, &flight}) {
     auto answer = ask(c, *r);
@@ -442,11 +421,8 @@ TEST_F(ClientStateQueryTest, FlawedAnswersFailOrPassThroughAndUnreadableHeadersA
             R"(", "search_url": ")" + flawed.url("/search") + R"("})");
   auto c = configured();
   ScopedLogCapture capture;
-  VORCardRequest card;
-  card.queryId = 1;
-  VORMoreResultsRequest more;
-  more.queryId = 2;
-  more.queryItems.push_back(queryItem("q", "news"));
+  const auto card = request<VORCardRequest>(1);
+  const auto more = request<VORMoreResultsRequest>(2, {queryItem("q", "news")});
   for (auto [request, why] : {std::pair<const VORRequest*, const char*>{&card, "not JSON"},
                               std::pair<const VORRequest*, const char*>{&more, "not a JSON object"}}) {
     SCOPED_TRACE(why);
@@ -489,8 +465,7 @@ TEST_F(ClientStateQueryTest, FlawedAnswersFailOrPassThroughAndUnreadableHeadersA
 TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
   switchBag(R"({"search_render_timeout": 60})");
   auto c = configured();
-  VORLookupRequest lookup;
-  lookup.queryId = 1;
+  auto lookup = request<VORLookupRequest>(1);
   lookup.queryString = "serendipity";
   lookup.lookupSelectionType = 1;
   auto answer = ask(c, lookup);
@@ -508,8 +483,7 @@ TEST_F(ClientStateQueryTest, LookUpsEndAtTheBagsRenderDeadline) {
 TEST_F(ClientStateQueryTest, LookUpAnswersAreFilteredByTheirInstructions) {
   assembly->lookup = Lookup::create(*assembly);
   auto c = configured();
-  VORLookupRequest lookup;
-  lookup.queryId = 1;
+  auto lookup = request<VORLookupRequest>(1);
   lookup.queryString = "serendipity";
   lookup.lookupContext = "A moment of pure SERENDIPITY in the old bookshop";
   auto inContext = body(ask(c, lookup));
@@ -531,16 +505,14 @@ TEST_F(ClientStateQueryTest, FlightsCanBeServedFromDebugData) {
   assembly->userDefaults->set("VORFlightUseDebugData", Value(true));
   assembly->userDefaults->set("VORFlightDebugDataLocation", Value("file://" + file.string()));
   auto c = configured();
-  VORFlightSearchRequest flight;
-  flight.queryId = 1;
+  auto flight = request<VORFlightSearchRequest>(1);
   flight.flightQuery = "VL-13";
   auto found = ask(c, flight);
   ASSERT_EQ(body(found).size(), 1u);
   EXPECT_EQ(body(found)[0]["flightId"], "F2");
   flight.flightQuery = "VL13";  // not two parts: nothing matches
   EXPECT_TRUE(body(ask(c, flight)).empty());
-  VORFlightLookupRequest byId;
-  byId.queryId = 2;
+  auto byId = request<VORFlightLookupRequest>(2);
   byId.flightId = "F1";
   auto looked = ask(c, byId);
   EXPECT_EQ(body(looked)[0]["flight_number"], "12");
@@ -610,10 +582,8 @@ TEST_F(ClientStateWithoutBagTest, QueriesAnswerTheTimeOutErrorWhileNoBagCanBeHad
   EXPECT_EQ(server.requestCount("/search"), 0u);
 
   // More results and card have no bag check: without a bag they have no URL and cannot be sent.
-  VORMoreResultsRequest more;
-  more.queryId = 2;
-  VORCardRequest card;
-  card.queryId = 3;
+  const auto more = request<VORMoreResultsRequest>(2);
+  const auto card = request<VORCardRequest>(3);
   for (const VORRequest* r : std::initializer_list<const VORRequest*>{&more, &card}) {
     auto unsent = ask(c, *r);
     ASSERT_TRUE(unsent.error);
