@@ -19,9 +19,10 @@ TEST(JournalFieldsTest, CarryTheProgramNameTheLevelAndTheWholeMessage) {
                {LogLevel::Fault, "PRIORITY=2"}};
   for (const auto& c : cases) {
     std::vector<std::string> fields = journalFields(LogRecord{c.level, "", "two\nlines"});
-    EXPECT_EQ(fields, (std::vector<std::string>{"MESSAGE=two\nlines", c.priority,
-                                                std::string("SYSLOG_IDENTIFIER=") + program_invocation_short_name,
-                                                "VORLEN_SUBSYSTEM=com.velmo.vorlend", "VORLEN_CATEGORY=default"}));
+    EXPECT_EQ(fields,
+              (std::vector<std::string>{"MESSAGE=two\nlines", c.priority,
+                                        std::string("SYSLOG_IDENTIFIER=") + program_invocation_short_name,
+                                        "VORLEN_SUBSYSTEM=com.velmo.vorlend", "VORLEN_CATEGORY=default"}));
   }
   EXPECT_EQ(journalFields(LogRecord{LogLevel::Info, "Vorlen_Feedback", "x"}).back(),
             "VORLEN_CATEGORY=Vorlen_Feedback");

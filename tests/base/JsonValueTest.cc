@@ -7,8 +7,8 @@ namespace {
 
 TEST(JsonValueTest, ConvertsBothWaysAndRefusesWhatAPropertyListCannotHold) {
   std::string error;
-  auto v = JsonValue::toValue(nlohmann::json::parse(R"({"a": [1, 2.5, "x", true], "big": 18446744073709551615})"),
-                              &error);
+  auto v = JsonValue::toValue(
+      nlohmann::json::parse(R"({"a": [1, 2.5, "x", true], "big": 18446744073709551615})"), &error);
   ASSERT_TRUE(v) << error;
   EXPECT_EQ(v->getDict()->at("a").getArray()->at(0).getInt(), 1);
   EXPECT_EQ(v->getDict()->at("big").type(), Value::Type::UInt);

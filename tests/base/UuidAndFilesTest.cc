@@ -21,7 +21,8 @@ TEST(UuidTest, RandomIsVersion4AndRoundTripsThroughText) {
     seen.insert(u);
   }
   EXPECT_EQ(seen.size(), 100u);
-  EXPECT_EQ(Uuid::parse("1b4e28ba-2fa1-41d2-883f-0016d3cca427")->string(), "1B4E28BA-2FA1-41D2-883F-0016D3CCA427");
+  EXPECT_EQ(Uuid::parse("1b4e28ba-2fa1-41d2-883f-0016d3cca427")->string(),
+            "1B4E28BA-2FA1-41D2-883F-0016D3CCA427");
   for (const char* bad : {"", "1b4e28ba2fa141d2883f0016d3cca427", "1b4e28ba-2fa1-41d2-883f-0016d3cca42g",
                           "1b4e28ba-2fa1-41d2-883f_0016d3cca427"})
     EXPECT_FALSE(Uuid::parse(bad)) << bad;

@@ -36,7 +36,8 @@ class CritbitOracle {
     Slot* value = (it != map_.end() && sameValue) ? static_cast<Slot*>(it->second) : newSlot();
     int want = it == map_.end() ? 2 : (it->second == value ? 0 : 1);
     int got = critbit_insert(&tree_, key.c_str(), value, replace ? 1 : 0);
-    if (got != want) return fmt::format("insert '{}' replace {}: {} instead of {}", escaped(key), replace, got, want);
+    if (got != want)
+      return fmt::format("insert '{}' replace {}: {} instead of {}", escaped(key), replace, got, want);
     if (want == 2) {
       map_.emplace(key, value);
     } else if (want == 1 && replace) {
@@ -74,8 +75,8 @@ class CritbitOracle {
   std::string prefixWalk(const std::string& prefix, size_t stopAfter, bool oddStop) const {
     std::vector<std::string> want;
     bool stops = false;
-    for (auto it = map_.lower_bound(prefix); it != map_.end() && it->first.compare(0, prefix.size(), prefix) == 0;
-         ++it) {
+    for (auto it = map_.lower_bound(prefix);
+         it != map_.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
       want.push_back(it->first);
       if (stopAfter && want.size() == stopAfter) {
         stops = true;
@@ -88,7 +89,8 @@ class CritbitOracle {
     if (walk.keys != want)
       return fmt::format("walk '{}' (stop after {}): {} keys instead of {}", escaped(prefix), stopAfter,
                          walk.keys.size(), want.size());
-    if (got != wantResult) return fmt::format("walk '{}': result {} instead of {}", escaped(prefix), got, wantResult);
+    if (got != wantResult)
+      return fmt::format("walk '{}': result {} instead of {}", escaped(prefix), got, wantResult);
     return {};
   }
 
@@ -111,7 +113,8 @@ class CritbitOracle {
     }
     std::vector<std::string> want;
     for (auto& [key, value] : map_) want.push_back(key);
-    if (leaves != want) return fmt::format("in-order leaves ({}) differ from the map ({})", leaves.size(), want.size());
+    if (leaves != want)
+      return fmt::format("in-order leaves ({}) differ from the map ({})", leaves.size(), want.size());
     for (const Slot& s : slots_) {
       if (s.releases != s.expectedReleases)
         return fmt::format("a value was released {} times instead of {}", s.releases, s.expectedReleases);
@@ -168,12 +171,14 @@ class CritbitOracle {
       return fmt::format("{} '{}': size {} instead of {}", op, escaped(key), tree_.size, map_.size());
     // Totals here; which value was released is checked value by value in checkStructure().
     if (releases_ != expectedReleases_)
-      return fmt::format("{} '{}': {} releases instead of {}", op, escaped(key), releases_, expectedReleases_);
+      return fmt::format("{} '{}': {} releases instead of {}", op, escaped(key), releases_,
+                         expectedReleases_);
     return {};
   }
 
   // Appends the node's keys in order; `minByte`/`maxOtherbits` are the bounds the parent sets.
-  std::string checkNode(critbit_node n, uint32_t minByte, int parentOtherbits, std::vector<std::string>& out) const {
+  std::string checkNode(critbit_node n, uint32_t minByte, int parentOtherbits,
+                        std::vector<std::string>& out) const {
     if (!(n.flag & 1)) {
       if (n.flag & 7) return "external node not 8-byte aligned";
       out.emplace_back(static_cast<const char*>(n.external) + sizeof(void*));
@@ -182,7 +187,8 @@ class CritbitOracle {
     auto* q = reinterpret_cast<const critbit_internal_node*>(n.flag - 1);
     if (reinterpret_cast<uintptr_t>(q) & 7) return "internal node not 8-byte aligned";
     uint8_t bit = static_cast<uint8_t>(~q->otherbits);
-    if (bit == 0 || (bit & (bit - 1)) != 0) return fmt::format("otherbits {:#x} is not one cleared bit", q->otherbits);
+    if (bit == 0 || (bit & (bit - 1)) != 0)
+      return fmt::format("otherbits {:#x} is not one cleared bit", q->otherbits);
     if (q->byte < minByte || (q->byte == minByte && q->otherbits <= parentOtherbits))
       return fmt::format("critical position does not advance (byte {} after {})", q->byte, minByte);
     size_t first = out.size();

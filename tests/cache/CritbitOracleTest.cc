@@ -47,8 +47,8 @@ class KeySource {
     for (size_t i = 0; i < len; ++i) k.push_back(kAlphabet[rng_() % std::size(kAlphabet)]);
     return k;
   }
-  static constexpr const char* kWords[] = {"new", "news", "new york", "newt", "weather", "we", "caf\xc3\xa9",
-                                           "Caf\xc3\xa9", "a", "ab", ""};
+  static constexpr const char* kWords[] = {"new",         "news",        "new york", "newt", "weather", "we",
+                                           "caf\xc3\xa9", "Caf\xc3\xa9", "a",        "ab",   ""};
   std::mt19937 rng_;
 };
 
@@ -144,7 +144,8 @@ TEST(CritbitOracleTest, ClassLayerKeepsExactlyOneReferencePerStoredObject) {
           stop = got.size() == stopAfter;
         });
         for (auto o = oracle.lower_bound(prefix);
-             o != oracle.end() && o->first.compare(0, prefix.size(), prefix) == 0 && want.size() < stopAfter; ++o)
+             o != oracle.end() && o->first.compare(0, prefix.size(), prefix) == 0 && want.size() < stopAfter;
+             ++o)
           want.push_back(o->first);
         ASSERT_EQ(got, want) << step;
         break;

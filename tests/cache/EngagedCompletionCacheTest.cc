@@ -64,8 +64,8 @@ class EngagedCompletionCacheTest : public ::testing::Test {
   // there. Each such add ages out what is 30 days older than its own time, so write newest first.
   void addAgo(double ago, const std::string& completion, const std::string& input, int64_t origin,
               int64_t client) {
-    auto cache = EngagedCompletionCache::create(dir.path(), std::make_shared<ManualClock>(clock->now() - seconds(ago)),
-                                                prefs);
+    auto cache = EngagedCompletionCache::create(
+        dir.path(), std::make_shared<ManualClock>(clock->now() - seconds(ago)), prefs);
     cache->setEnabled(true);
     cache->addCompletion(completion, input, origin, client);
   }
@@ -78,24 +78,25 @@ class EngagedCompletionCacheTest : public ::testing::Test {
 
   test::TempDir dir;
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(fromUnixSeconds(1767225600.25));
-  std::shared_ptr<Preferences> prefs = std::make_shared<Preferences>(dir.path() / "config", "com.velmo.vorlend");
+  std::shared_ptr<Preferences> prefs =
+      std::make_shared<Preferences>(dir.path() / "config", "com.velmo.vorlend");
   std::shared_ptr<Counters> counters = std::make_shared<Counters>(std::filesystem::path(), clock);
 };
 
 TEST_F(EngagedCompletionCacheTest, EachEngagementCountsTheWeightOfItsNewestBucket) {
-  addAgo(600, "hour", "h", 1, 1);               // last hour
-  addAgo(2 * 3600, "day", "d", 1, 1);           // last day
-  addAgo(2 * 86400, "week", "w", 2, 1);         // last week
-  addAgo(10 * 86400, "month", "m", 1, 1);       // last 30 days
-  addAgo(100 * 86400, "year", "y", 1, 1);       // last 365 days
-  addAgo(400 * 86400, "older", "o", 1, 1);      // no bucket: only the recency term
+  addAgo(600, "hour", "h", 1, 1);           // last hour
+  addAgo(2 * 3600, "day", "d", 1, 1);       // last day
+  addAgo(2 * 86400, "week", "w", 2, 1);     // last week
+  addAgo(10 * 86400, "month", "m", 1, 1);   // last 30 days
+  addAgo(100 * 86400, "year", "y", 1, 1);   // last 365 days
+  addAgo(400 * 86400, "older", "o", 1, 1);  // no bucket: only the recency term
   auto cache = open();
 
   const struct {
     const char* input;
     double ago, weight;
-  } expected[] = {{"h", 600, 10.0},          {"d", 2 * 3600, 1.0},     {"w", 2 * 86400, 0.1},
-                  {"m", 10 * 86400, 0.01},   {"y", 100 * 86400, 0.001}, {"o", 400 * 86400, 0.0}};
+  } expected[] = {{"h", 600, 10.0},        {"d", 2 * 3600, 1.0},      {"w", 2 * 86400, 0.1},
+                  {"m", 10 * 86400, 0.01}, {"y", 100 * 86400, 0.001}, {"o", 400 * 86400, 0.0}};
   for (auto& e : expected) {
     auto hit = cache->completionForInput(e.input, 1);
     ASSERT_TRUE(hit) << e.input;
@@ -104,7 +105,8 @@ TEST_F(EngagedCompletionCacheTest, EachEngagementCountsTheWeightOfItsNewestBucke
 
   // Six distinct weights, with no recency term, show each bucket takes its own weight and nothing else.
   cache->updateParameters(1000, 100, 10, 1, 0.5, 0, 0);
-  for (auto [input, weight] : {std::pair{"h", 1000.0}, {"d", 100.0}, {"w", 10.0}, {"m", 1.0}, {"y", 0.5}, {"o", 0.0}})
+  for (auto [input, weight] :
+       {std::pair{"h", 1000.0}, {"d", 100.0}, {"w", 10.0}, {"m", 1.0}, {"y", 0.5}, {"o", 0.0}})
     EXPECT_DOUBLE_EQ(cache->completionForInput(input, 1)->score, weight) << input;
   // The most-recent weight multiplies the recency term.
   cache->updateParameters(0, 0, 0, 0, 0, 2.5, 0);
@@ -164,7 +166,8 @@ TEST_F(EngagedCompletionCacheTest, ThresholdClientsOriginsAndSwitches) {
   EXPECT_FALSE(cache->completionForInput("no", 2));
   cache->setEnabled(true);
   cache->addCompletion("", "empty", 1, 2);  // empty completions are never stored
-  EXPECT_EQ(query(file(), "SELECT count(*) FROM completion_cache_engagement WHERE input = 'empty';")[0][0], "0");
+  EXPECT_EQ(query(file(), "SELECT count(*) FROM completion_cache_engagement WHERE input = 'empty';")[0][0],
+            "0");
 
   cache->closeDBConnection();
   EXPECT_FALSE(cache->completionForInput("no", 2));
@@ -296,15 +299,16 @@ TEST_F(EngagedCompletionCacheTest, OldOrForeignSchemaIsRebuiltEmpty) {
   open()->addCompletion("kept", "k", 1, 1);
   query(file(), "UPDATE completion_cache_schema_version SET schema_version = 2;");
   auto rebuilt = open();
-  EXPECT_EQ(rebuilt->schemaVersionForTesting(), 2);  // what was read; the file now says 3
+  EXPECT_EQ(rebuilt->schemaVersionForTesting(), 2);   // what was read; the file now says 3
   EXPECT_FALSE(rebuilt->completionForInput("k", 1));  // rebuilding discards the rows
   EXPECT_EQ(query(file(), "SELECT schema_version FROM completion_cache_schema_version;"),
             (std::vector<std::vector<std::string>>{{"3"}}));
 
   // A database of someone else's making: no version table, a table of our name with other columns.
   std::filesystem::remove(file());
-  query(file(), "CREATE TABLE completion_cache_engagement(term TEXT, hits INT); INSERT INTO "
-                "completion_cache_engagement VALUES ('x', 1); CREATE TABLE other(a INT);");
+  query(file(),
+        "CREATE TABLE completion_cache_engagement(term TEXT, hits INT); INSERT INTO "
+        "completion_cache_engagement VALUES ('x', 1); CREATE TABLE other(a INT);");
   auto foreign = open();
   EXPECT_EQ(foreign->schemaVersionForTesting(), 0);
   foreign->addCompletion("works", "w", 1, 1);
@@ -313,8 +317,9 @@ TEST_F(EngagedCompletionCacheTest, OldOrForeignSchemaIsRebuiltEmpty) {
             (std::vector<std::vector<std::string>>{{"works", "w", "se", "1"}}));
 
   // More than one column, more than one row: the version cannot be read, so the file is rebuilt.
-  query(file(), "DROP TABLE completion_cache_schema_version; CREATE TABLE completion_cache_schema_version(a INT, "
-                "b INT); INSERT INTO completion_cache_schema_version VALUES (3, 3), (3, 3);");
+  query(file(),
+        "DROP TABLE completion_cache_schema_version; CREATE TABLE completion_cache_schema_version(a INT, "
+        "b INT); INSERT INTO completion_cache_schema_version VALUES (3, 3), (3, 3);");
   auto twoByTwo = open();
   EXPECT_FALSE(twoByTwo->completionForInput("wo", 1));
 }

@@ -78,7 +78,8 @@ TEST_F(QueryCacheTest, EntryReadsItsRequestAndResponse) {
   HttpRequest request;
   request.url = "https://search.example/search?q=N&qtype=web&qtype=other&lc&suggest_queries=1";
   request.headers["x-velmo-ui-scale"] = "2.5";
-  nlohmann::json response = {{"query", "\xC3\x89T\xC3\x89 News"}, {"max_age", 30}, {"completion_score", 0.25}};
+  nlohmann::json response = {
+      {"query", "\xC3\x89T\xC3\x89 News"}, {"max_age", 30}, {"completion_score", 0.25}};
   Uuid id = Uuid::random();
   CachedResultSet e("\xC3\x89T", &request, response, id, {1, 2, 3}, clock->now());
   EXPECT_EQ(e.input(), "\xC3\xA9t");
@@ -101,8 +102,8 @@ TEST_F(QueryCacheTest, EntryReadsItsRequestAndResponse) {
   EXPECT_FALSE(bare.qtype());
   CachedResultSet never("x", nullptr, {{"query", "x"}, {"max_age", 0}}, id, {1}, clock->now());
   EXPECT_FALSE(never.expireTime());
-  CachedResultSet huge("x", nullptr, {{"query", "x"}, {"max_age", 1e300}, {"completion_score", 1e300}}, id, {1},
-                       clock->now());
+  CachedResultSet huge("x", nullptr, {{"query", "x"}, {"max_age", 1e300}, {"completion_score", 1e300}}, id,
+                       {1}, clock->now());
   EXPECT_GT(*huge.expireTime(), clock->now() + seconds(3.0e9));
 }
 
@@ -122,8 +123,9 @@ TEST_F(QueryCacheTest, InputLongerThanQueryIsABugAndNotCached) {
   ScopedPrivateLogging privateLogging;
   add({.input = "newsy", .query = "news"});
   EXPECT_EQ(cache->count(), 0u);
-  EXPECT_TRUE(logs.sink().contains(LogLevel::Error, kCaching,
-                                   "BUG: NOT caching 'news' because input is longer than completed query 'newsy'"));
+  EXPECT_TRUE(
+      logs.sink().contains(LogLevel::Error, kCaching,
+                           "BUG: NOT caching 'news' because input is longer than completed query 'newsy'"));
   // Lengths are UTF-16 units: two accented letters (4 bytes) are shorter than a 3-letter query.
   add({.input = "\xC3\xA9\xC3\xA9", .query = "abc"});
   EXPECT_EQ(cache->count(), 1u);
@@ -310,7 +312,8 @@ TEST_F(QueryCacheTest, EachClearingNotificationEmptiesTheCache) {
   std::weak_ptr<QueryCache> weak = cache;
   cache.reset();
   EXPECT_TRUE(weak.expired());
-  EXPECT_EQ(assembly->notificationCenter->observerCountForTesting(kPlatformTimeZoneDidChangeNotification), 0u);
+  EXPECT_EQ(assembly->notificationCenter->observerCountForTesting(kPlatformTimeZoneDidChangeNotification),
+            0u);
   assembly->notificationCenter->post(kPlatformTimeZoneDidChangeNotification);
 }
 

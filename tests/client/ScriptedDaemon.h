@@ -33,15 +33,15 @@ class ScriptedDaemon {
     IpcListenerOptions o;
     o.connection.runtime = std::move(runtime);
     std::string error;
-    server = TestServer::serve(IpcListener::named(socket, o, &error),
-                               [state = state_](const std::shared_ptr<IpcConnection>& c) {
-                                 return makeInterface(state, c);
-                               });
+    server = TestServer::serve(
+        IpcListener::named(socket, o, &error),
+        [state = state_](const std::shared_ptr<IpcConnection>& c) { return makeInterface(state, c); });
     EXPECT_TRUE(server) << error;
     script("configure:reply:", {IpcEndpoint{endpoint_}.toValue()});
     script("bag:", {bagRecord(), Value()});
     script("request:reply:", Value::Array{});  // echo the query id with a small reply
-    script("listSessions:", {Value::array({Value::dict({{"identifier", "com.example.a"}, {"agent", "A/1"}})})});
+    script("listSessions:",
+           {Value::array({Value::dict({{"identifier", "com.example.a"}, {"agent", "A/1"}})})});
     script("getImageMap:", {Value::dict({{"lookup_hints_weekly", "https://x/weekly"}})});
     script("feedback:reply:", {Value(Value::Array{}), Value()});
     script("listenToFlusher:", {IpcEndpoint{endpointDir / "flusher"}.toValue()});
@@ -158,9 +158,10 @@ class ScriptedDaemon {
     iface->add("fileHandleAndAttributesForResource:completion:", {Arg::any()}, scripted);
     iface->add("clearEngagedCompletionsFromDate:toDate:", {Arg::any(), Arg::any()}, scripted);
     iface->add("addCompletion:forInput:", {Arg::any(), Arg::any()}, scripted);
-    iface->add("updateParameters:voyantLast1day:voyantLast1week:voyantLast1month:voyantAll:voyantMostRecent:"
-               "minThresholdToSend:",
-               std::vector<Arg>(7, Arg::any()), scripted);
+    iface->add(
+        "updateParameters:voyantLast1day:voyantLast1week:voyantLast1month:voyantAll:voyantMostRecent:"
+        "minThresholdToSend:",
+        std::vector<Arg>(7, Arg::any()), scripted);
     iface->add("getImageMap:", {}, scripted);
     return iface;
   }

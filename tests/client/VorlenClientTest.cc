@@ -79,7 +79,7 @@ TEST_F(VorlenClientTest, ConfigureThenCallsGoOutInOrderOnOneConnection) {
   EXPECT_EQ(images.value->size(), 1u);
 
   EXPECT_EQ(daemon->opsOn(0), (std::vector<std::string>{"configure:reply:", "listSessions:", "request:reply:",
-                                                         "bag:", "getImageMap:"}));
+                                                        "bag:", "getImageMap:"}));
   // The configuration and the request travel as records the daemon can decode.
   std::vector<ScriptedDaemon::Call> calls = daemon->calls();
   EXPECT_EQ(VORSessionConfiguration::fromRecord(calls[0].args[0]), testConfiguration());
@@ -200,10 +200,14 @@ TEST_F(VorlenClientTest, MalformedRepliesAreErrorsAndTheClientCarriesOn) {
       {"bag as a plain string", "bag:", {Value("bag"), Value()}, bag},
       {"negative query id", "request:reply:", {Value(-1), Value(), Value()}, request},
       {"query id as text", "request:reply:", {Value("1"), Value(), Value()}, request},
-      {"error without code", "request:reply:",
-       {Value(1), Value(), Value::dict({{"$class", "VORError"}, {"domain", "d"}})}, request},
-      {"session without agent", "listSessions:",
-       {Value::array({Value::dict({{"identifier", "a"}})})}, sessions},
+      {"error without code",
+       "request:reply:",
+       {Value(1), Value(), Value::dict({{"$class", "VORError"}, {"domain", "d"}})},
+       request},
+      {"session without agent",
+       "listSessions:",
+       {Value::array({Value::dict({{"identifier", "a"}})})},
+       sessions},
       {"sessions not an array", "listSessions:", {Value::dict({})}, sessions},
       {"image map as a record", "getImageMap:", {ScriptedDaemon::bagRecord()}, images},
       {"feedback event not a dictionary", "feedback:reply:", {Value::array({Value(1)}), Value()}, feedback},
@@ -235,14 +239,18 @@ TEST_F(VorlenClientTest, DaemonCallbacksArriveCheckedOnTheClientQueue) {
     seen.put({"bag " + bag.value_or(VORBag({}, "")).version().value_or("-") + (error ? " error" : ""),
               client->queue()->isCurrent()});
   });
-  client->onDidDownloadResource([&](const std::string& id) { seen.put({"downloaded " + id, client->queue()->isCurrent()}); });
-  client->onDidDeleteResource([&](const std::string& id) { seen.put({"deleted " + id, client->queue()->isCurrent()}); });
+  client->onDidDownloadResource([&](const std::string& id) {
+    seen.put({"downloaded " + id, client->queue()->isCurrent()});
+  });
+  client->onDidDeleteResource([&](const std::string& id) {
+    seen.put({"deleted " + id, client->queue()->isCurrent()});
+  });
   Value badBag = ScriptedDaemon::bagRecord();
   badBag.set("rawBag", "not a dictionary");
   daemon->afterConfigure([&](IpcConnection& c) {
-    c.send("bagDidLoad:error:", {badBag, Value()});                        // bad record: dropped
-    c.send("bagDidLoad:error:", {Value("bag"), Value()});                  // wrong type: dropped
-    c.send("didDownloadResource:", {Value(5)});                            // wrong type: dropped
+    c.send("bagDidLoad:error:", {badBag, Value()});        // bad record: dropped
+    c.send("bagDidLoad:error:", {Value("bag"), Value()});  // wrong type: dropped
+    c.send("didDownloadResource:", {Value(5)});            // wrong type: dropped
     c.send("bagDidLoad:error:", {ScriptedDaemon::bagRecord(), Value()});
     c.send("bagDidLoad:error:", {Value(), VORError::make(1, "timeout").toRecord()});
     c.send("didDownloadResource:", {Value("lookup_hints_weekly")});
@@ -326,21 +334,24 @@ TEST_F(VorlenClientTest, ConfigurationWithoutAgentIsRefusedBeforeSending) {
 TEST_F(VorlenClientTest, EndpointRequestUsesItsOwnConnectionAndClosesIt) {
   // The client-state endpoint: a second listener answering request:configuration:reply:.
   Inbox<Value::Array> received;
-  auto endpointServer = TestServer::serve(
-      IpcListener::anonymous(dir.path(), [&] {
-        IpcListenerOptions o;
-        o.connection.runtime = runtime;
-        return o;
-      }()),
-      [&](const std::shared_ptr<IpcConnection>&) {
-        auto iface = std::make_shared<IpcExportedInterface>("VOREndpointIPC");
-        iface->add("request:configuration:reply:", {IpcExportedInterface::Arg::any(), IpcExportedInterface::Arg::any()},
-                   [&](const IpcMessage& m, IpcReplier reply) {
-                     received.put(m.args());
-                     reply({*m.arg(0).find("queryId"), Value(), VORError::make(500, "invalid configuration").toRecord()});
-                   });
-        return iface;
-      });
+  auto endpointServer =
+      TestServer::serve(IpcListener::anonymous(dir.path(),
+                                               [&] {
+                                                 IpcListenerOptions o;
+                                                 o.connection.runtime = runtime;
+                                                 return o;
+                                               }()),
+                        [&](const std::shared_ptr<IpcConnection>&) {
+                          auto iface = std::make_shared<IpcExportedInterface>("VOREndpointIPC");
+                          iface->add("request:configuration:reply:",
+                                     {IpcExportedInterface::Arg::any(), IpcExportedInterface::Arg::any()},
+                                     [&](const IpcMessage& m, IpcReplier reply) {
+                                       received.put(m.args());
+                                       reply({*m.arg(0).find("queryId"), Value(),
+                                              VORError::make(500, "invalid configuration").toRecord()});
+                                     });
+                          return iface;
+                        });
   ASSERT_TRUE(endpointServer);
   VORCardRequest card;
   card.queryId = 88;
@@ -362,7 +373,8 @@ TEST_F(VorlenClientTest, EndpointRequestUsesItsOwnConnectionAndClosesIt) {
 TEST_F(VorlenClientTest, DestroyingTheClientEndsItsPendingCallbacks) {
   daemon->neverAnswer("bag:");
   Inbox<ClientError::Kind> ended;
-  client->bag([&](ClientResult<BagReply> r) { ended.put(r.error ? r.error->kind : ClientError::Kind::TimedOut); });
+  client->bag(
+      [&](ClientResult<BagReply> r) { ended.put(r.error ? r.error->kind : ClientError::Kind::TimedOut); });
   ASSERT_TRUE(eventually([&] { return client->pendingCallCount() == 1; }));
   client.reset();
   ASSERT_TRUE(ended.waitFor(1));

@@ -223,7 +223,8 @@ TEST_F(VorlenctlWithPeerTest, ResourcesListAndGetStreamTheDescriptorTheDaemonPas
   daemon.serveResource(dir / "held");
   Preferences(dir / "config" / "vorlend", "com.velmo.vorlend")
       .set("download_resources",
-           Value(Value::Dict{{"installed_app_whitelist", Value::dict({{"url", "https://r.example/a?version=7"}})}}));
+           Value(Value::Dict{
+               {"installed_app_whitelist", Value::dict({{"url", "https://r.example/a?version=7"}})}}));
 
   Run get = run({"resources", "get", "installed_app_whitelist"});
   EXPECT_EQ(get.status, 0) << get.err;
@@ -250,8 +251,9 @@ TEST_F(VorlenctlWithPeerTest, SearchAndReportSendWellFormedRecords) {
   EXPECT_EQ(search.status, 0) << search.err;
   EXPECT_NE(search.out.find("\"body\": \"ok\""), std::string::npos) << search.out;
 
-  Run report = run({"report", "--query-id", "7",
-                    R"({"$class": "QXStartSearchFeedback", "input": "wea", "queryId": 7, "triggerEvent": 2})"});
+  Run report =
+      run({"report", "--query-id", "7",
+           R"({"$class": "QXStartSearchFeedback", "input": "wea", "queryId": 7, "triggerEvent": 2})"});
   EXPECT_EQ(report.status, 0) << report.err;
   std::optional<ScriptedDaemon::Call> event;
   std::shared_ptr<VORRequest> request;

@@ -18,9 +18,12 @@ namespace vorlen {
 namespace {
 
 std::map<std::string, std::string> privateEnvironment(const test::TempDir& dir) {
-  return {{"XDG_RUNTIME_DIR", (dir / "run").string()},     {"XDG_CONFIG_HOME", (dir / "config").string()},
-          {"XDG_CACHE_HOME", (dir / "cache").string()},    {"TMPDIR", dir.path().string()},
-          {"VORLEND_LOG_LEVEL", "debug"},                  {"HOME", dir.path().string()}};
+  return {{"XDG_RUNTIME_DIR", (dir / "run").string()},
+          {"XDG_CONFIG_HOME", (dir / "config").string()},
+          {"XDG_CACHE_HOME", (dir / "cache").string()},
+          {"TMPDIR", dir.path().string()},
+          {"VORLEND_LOG_LEVEL", "debug"},
+          {"HOME", dir.path().string()}};
 }
 
 TEST(DaemonProcessTest, TerminationSignalsExitZeroWithTheirDebugLine) {

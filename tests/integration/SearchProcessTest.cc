@@ -48,8 +48,8 @@ class SearchProcessTest : public ::testing::Test {
     std::map<std::string, std::string> env = test::privateDaemonEnvironment(dir.path());
     env["VORLEND_LOG_LEVEL"] = "debug";
     env.insert(extraEnv.begin(), extraEnv.end());
-    auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"), std::vector<std::string>{},
-                                                       env, dir.path());
+    auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"),
+                                                       std::vector<std::string>{}, env, dir.path());
     EXPECT_TRUE(daemon->waitForOutput("vorlend started", 20s)) << daemon->stderrText();
     return daemon;
   }

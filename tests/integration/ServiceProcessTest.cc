@@ -26,8 +26,8 @@ class ServiceProcessTest : public ::testing::Test {
   std::filesystem::path socket() const { return dir / "vorlend.sock"; }
 
   std::unique_ptr<test::ChildProcess> startDaemon() {
-    auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"), std::vector<std::string>{},
-                                                       environment(), dir.path());
+    auto daemon = std::make_unique<test::ChildProcess>(test::builtProgram("vorlend"),
+                                                       std::vector<std::string>{}, environment(), dir.path());
     EXPECT_TRUE(daemon->waitForOutput("vorlend started", 20s)) << daemon->stderrText();
     return daemon;
   }
@@ -129,7 +129,8 @@ TEST_F(ServiceProcessTest, ClientLibraryConfiguresAsksAndReconnectsAfterARestart
   options.socketPath = socket();
   auto client = VorlenClient::create(options);
   auto bagOutcomes = std::make_shared<test::Inbox<std::optional<VORError>>>();
-  client->onBagDidLoad([bagOutcomes](std::optional<VORBag>, std::optional<VORError> e) { bagOutcomes->put(e); });
+  client->onBagDidLoad(
+      [bagOutcomes](std::optional<VORBag>, std::optional<VORError> e) { bagOutcomes->put(e); });
 
   VORSessionConfiguration configuration;
   configuration.identifier = "com.example.browser";

@@ -4,8 +4,8 @@
 #include <signal.h>
 
 #include <atomic>
-#include <mutex>
 #include <cstdlib>
+#include <mutex>
 #include <random>
 #include <thread>
 
@@ -51,7 +51,8 @@ class SessionFileProcessTest : public ::testing::Test {
     run.daemon.reset();
     if (maxFileKiB) {
       const std::string limit = "trap '' XFSZ; ulimit -f " + std::to_string(*maxFileKiB) + "; exec \"$0\"";
-      run.daemon.emplace("/bin/bash", std::vector<std::string>{"-c", limit, test::builtProgram("vorlend").string()},
+      run.daemon.emplace("/bin/bash",
+                         std::vector<std::string>{"-c", limit, test::builtProgram("vorlend").string()},
                          run.env, run.dir.path());
     } else {
       run.daemon.emplace(test::builtProgram("vorlend"), std::vector<std::string>{}, run.env, run.dir.path());
@@ -170,8 +171,8 @@ TEST_F(SessionFileProcessTest, KilledWhileEventsStreamInKeepsEveryEventThatReach
     ASSERT_GE(storedEvents, before);
     for (size_t i = 0; i < ids.size(); ++i) ASSERT_EQ(ids[i], static_cast<int64_t>(i + 1));
     ASSERT_LE(ids.size(), sent.load());
-    maxConfirmedLost =
-        std::max<uint64_t>(maxConfirmedLost, confirmedEarlier > ids.size() ? confirmedEarlier - ids.size() : 0);
+    maxConfirmedLost = std::max<uint64_t>(maxConfirmedLost,
+                                          confirmedEarlier > ids.size() ? confirmedEarlier - ids.size() : 0);
     maxInFlight = std::max<size_t>(maxInFlight, sent.load() - ids.size());
     totalInFlight += sent.load() - ids.size();
   }
@@ -212,7 +213,8 @@ TEST_F(SessionFileProcessTest, AFullDiskLosesOnlyTheEventsThatDoNotFitAndSearche
   size_t browserEvents = 0;
   for (const auto& file : stored) {
     ASSERT_TRUE(file["readable"].get<bool>()) << file.dump();
-    if (file["agent"].get<std::string>().ends_with(") Voyant/5.0")) browserEvents += file["events"].get<size_t>();
+    if (file["agent"].get<std::string>().ends_with(") Voyant/5.0"))
+      browserEvents += file["events"].get<size_t>();
   }
   EXPECT_GT(browserEvents, 0u);
   EXPECT_LT(browserEvents, 600u);

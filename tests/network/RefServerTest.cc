@@ -125,7 +125,8 @@ TEST_F(RefServerTest, SearchControlAndPerRequestItemsShapeTheAnswers) {
   auto call = send("GET", "/search?q=we");
   EXPECT_EQ(json(call)["max_age"], 0);
   EXPECT_EQ(call.response->header("X-Velmo-ForceFetch").value_or(""), R"({"bag": 10})");
-  auto timing = nlohmann::json::parse(call.response->header("X-Velmo-Server-Timing").value_or(""), nullptr, false);
+  auto timing =
+      nlohmann::json::parse(call.response->header("X-Velmo-Server-Timing").value_or(""), nullptr, false);
   ASSERT_TRUE(timing.is_array());
   EXPECT_EQ(timing[0]["status"], "OK");
   EXPECT_TRUE(timing[0]["duration"].is_number());

@@ -57,7 +57,8 @@ std::optional<std::string> item(const Recorded& r, const std::string& name) {
 
 std::vector<std::string> itemNamesOnTheWire(const Recorded& r) {
   std::vector<std::string> names;
-  for (const QueryItem& i : UrlComponents::parse("http://h/?" + r.rawQuery)->queryItems()) names.push_back(i.name);
+  for (const QueryItem& i : UrlComponents::parse("http://h/?" + r.rawQuery)->queryItems())
+    names.push_back(i.name);
   return names;
 }
 
@@ -272,7 +273,8 @@ TEST_F(RequestFactoryTest, MeasurementSystemHourCycleAndModelVersionsDecideTheir
   Recorded r = send(*factory->searchRequest(q, VORBag(raw, "Voyant/1"), guid, client));
   expectItems(r, {"!units", "!24h", "!l2", "!l3"});
   EXPECT_EQ(r.header("X-Velmo-Languages"), "[]");
-  EXPECT_TRUE(logs.sink().contains("error adding model versions to search request, one is invalid: l2=l2-7, l3="));
+  EXPECT_TRUE(
+      logs.sink().contains("error adding model versions to search request, one is invalid: l2=l2-7, l3="));
 
   v.measurementSystem = "Metric";
   locale->change(v);
@@ -339,7 +341,8 @@ TEST_F(RequestFactoryTest, CardLookupAndFlightRequestsCarryTheirOwnSets) {
   makeFactory();
   factory->setAppWhitelistSignature(std::string("sig-1"));
   factory->subscriptionManagerDidUpdateStorefrontIdentifier(std::string("143444"));
-  factory->subscriptionManagerDidUpdateSubscriptionDictionaries(Value::Array{Value::dict({{"provider", "tv"}})});
+  factory->subscriptionManagerDidUpdateSubscriptionDictionaries(
+      Value::Array{Value::dict({{"provider", "tv"}})});
 
   VORCardRequest card;
   card.scale = 2.0;
@@ -487,7 +490,8 @@ TEST_F(RequestFactoryTest, LocaleAndCountryChangesAskForABagRefresh) {
 
   geo->setCountryCode("FR");
   ASSERT_EQ(senders.size(), 2u);
-  EXPECT_EQ(factory->bagCacheRequest(controller, std::nullopt, std::nullopt)->url.find("cc=GB"), std::string::npos);
+  EXPECT_EQ(factory->bagCacheRequest(controller, std::nullopt, std::nullopt)->url.find("cc=GB"),
+            std::string::npos);
   EXPECT_EQ(controller.lastCountry, "FR");
   // A country-code notification without a change of the code asks for nothing.
   assembly->notificationCenter->post(kPlatformCountryCodeDidChangeNotification);
@@ -511,7 +515,8 @@ TEST_F(RequestFactoryTest, RestrictionsOrAManagedAccountSendManagedMode) {
   EXPECT_EQ(mode(), "managed");
 }
 
-// ---- Location context, driven through the fake location service ----------------------------------------------
+// ---- Location context, driven through the fake location service
+// ----------------------------------------------
 
 LocationFix fix(int64_t type, double lat = 37.7749, double lng = -122.4194, double accuracy = 65) {
   return LocationFix{lat, lng, accuracy, type};
@@ -609,8 +614,10 @@ TEST_F(RequestFactoryTest, ANewBagSetsVisibilityAndTheProxyConfiguration) {
   raw["clients"] = Value::dict({{"news", Value::dict({{"enabled", false}})}});
   raw["quintara_configuration"] = Value::dict({{"appRule", "x"}});
   installBag(VORBag(raw, "Voyant/1"));
-  ASSERT_TRUE(test::eventually([&] { return restrictions->visibilitySetting("allowHashtagImagesInSystemSearch").has_value(); }));
-  ASSERT_TRUE(test::eventually([&] { return restrictions->visibilitySetting("allowNewsInSystemSearch").has_value(); }));
+  ASSERT_TRUE(test::eventually(
+      [&] { return restrictions->visibilitySetting("allowHashtagImagesInSystemSearch").has_value(); }));
+  ASSERT_TRUE(test::eventually(
+      [&] { return restrictions->visibilitySetting("allowNewsInSystemSearch").has_value(); }));
   EXPECT_EQ(restrictions->visibilitySetting("allowNewsInSystemSearch"), false);
   EXPECT_EQ(restrictions->visibilitySetting("allowHashtagImagesInSystemSearch"), true);
   EXPECT_EQ(factory->networkServiceProxyConfiguration(), (Value::Dict{{"appRule", "x"}}));
@@ -618,7 +625,8 @@ TEST_F(RequestFactoryTest, ANewBagSetsVisibilityAndTheProxyConfiguration) {
   installBag(bag());
   auto fallback = factory->networkServiceProxyConfiguration();
   ASSERT_TRUE(fallback);
-  EXPECT_EQ(Value(*fallback), Value::dict({{"appRule", Value::dict({{"enable", Value::dict({{"Enabled", false}})}})}}));
+  EXPECT_EQ(Value(*fallback),
+            Value::dict({{"appRule", Value::dict({{"enable", Value::dict({{"Enabled", false}})}})}}));
 }
 
 }  // namespace

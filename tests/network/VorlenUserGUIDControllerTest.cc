@@ -25,8 +25,8 @@ class GUIDControllerTest : public ::testing::Test {
   std::shared_ptr<Counters> counters = std::make_shared<Counters>(std::filesystem::path(), clock);
   std::mutex mu;
   int posted = 0;
-  std::unique_ptr<NotificationCenter::Token> token = center->addObserver(
-      "VORUserGUIDChangeNotification", nullptr, [this](const Notification&) {
+  std::unique_ptr<NotificationCenter::Token> token =
+      center->addObserver("VORUserGUIDChangeNotification", nullptr, [this](const Notification&) {
         std::lock_guard lock(mu);
         ++posted;
       });

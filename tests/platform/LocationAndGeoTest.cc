@@ -32,7 +32,8 @@ class PlatformPreferencesTest : public ::testing::Test {
   std::vector<std::string> posted;
   std::vector<std::unique_ptr<NotificationCenter::Token>> tokens;
   void record(const char* name) {
-    tokens.push_back(center->addObserver(name, nullptr, [this, name](const Notification&) { posted.push_back(name); }));
+    tokens.push_back(
+        center->addObserver(name, nullptr, [this, name](const Notification&) { posted.push_back(name); }));
   }
 };
 
@@ -44,18 +45,22 @@ TEST_F(PlatformPreferencesTest, FixedLocationsAreValidatedBeforeUse) {
   EXPECT_DOUBLE_EQ(ok->latitude, 52.52);
   EXPECT_DOUBLE_EQ(ok->horizontalAccuracy, 50);
   EXPECT_EQ(ok->type, 4);
-  auto defaults = LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", 1}, {"longitude", 2}}), &error);
+  auto defaults =
+      LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", 1}, {"longitude", 2}}), &error);
   ASSERT_TRUE(defaults);
   EXPECT_DOUBLE_EQ(defaults->horizontalAccuracy, 1000);
   EXPECT_EQ(defaults->type, 0);
   EXPECT_FALSE(LinuxLocationProvider::parseFixedLocation(Value("52,13"), &error));
-  EXPECT_FALSE(LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", 91}, {"longitude", 0}}), &error));
-  EXPECT_FALSE(LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", 0}, {"longitude", -181}}), &error));
-  EXPECT_FALSE(LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", "0"}, {"longitude", 0}}), &error));
   EXPECT_FALSE(
-      LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", 0}, {"longitude", 0}, {"accuracy", -1}}), &error));
+      LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", 91}, {"longitude", 0}}), &error));
   EXPECT_FALSE(
-      LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", 0}, {"longitude", 0}, {"type", 1.5}}), &error));
+      LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", 0}, {"longitude", -181}}), &error));
+  EXPECT_FALSE(
+      LinuxLocationProvider::parseFixedLocation(Value::dict({{"latitude", "0"}, {"longitude", 0}}), &error));
+  EXPECT_FALSE(LinuxLocationProvider::parseFixedLocation(
+      Value::dict({{"latitude", 0}, {"longitude", 0}, {"accuracy", -1}}), &error));
+  EXPECT_FALSE(LinuxLocationProvider::parseFixedLocation(
+      Value::dict({{"latitude", 0}, {"longitude", 0}, {"type", 1.5}}), &error));
 }
 
 TEST_F(PlatformPreferencesTest, AFixedLocationAuthorisesAndIsDeliveredOncePerStart) {
@@ -67,7 +72,8 @@ TEST_F(PlatformPreferencesTest, AFixedLocationAuthorisesAndIsDeliveredOncePerSta
   provider.startUpdatingLocation();
   EXPECT_TRUE(delegate->fixes.empty());
 
-  prefs->set(LinuxLocationProvider::kFixedLocationKey, Value::dict({{"latitude", 10.5}, {"longitude", -20.25}}));
+  prefs->set(LinuxLocationProvider::kFixedLocationKey,
+             Value::dict({{"latitude", 10.5}, {"longitude", -20.25}}));
   provider.checkForChanges();
   provider.checkForChanges();
   EXPECT_EQ(provider.authorizationStatus(), LocationProvider::kAuthorizedAlways);
@@ -125,8 +131,9 @@ TEST_F(PlatformPreferencesTest, RestrictionsAreReadFromTheirDictionaryAndChanges
   EXPECT_FALSE(r.isDiagnosticSubmissionAllowed());
   EXPECT_FALSE(r.isManagedAccount());
 
-  prefs->set(LinuxDeviceRestrictions::kRestrictionsKey,
-             Value::dict({{"allowBookstore", false}, {"allowMediaStore", "no"}, {"allowAppInstallation", false}}));
+  prefs->set(
+      LinuxDeviceRestrictions::kRestrictionsKey,
+      Value::dict({{"allowBookstore", false}, {"allowMediaStore", "no"}, {"allowAppInstallation", false}}));
   EXPECT_EQ(r.bookStoreSetting(), DeviceRestrictions::kNo);
   EXPECT_TRUE(r.isMediaStoreAllowed());  // a string is not a boolean: absent
   EXPECT_FALSE(r.isAppInstallationAllowed());

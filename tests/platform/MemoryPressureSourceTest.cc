@@ -40,10 +40,12 @@ class MemoryPressureSourceTest : public ::testing::Test {
 constexpr const char* kOtherMount = "22 1 0:21 / /proc rw,nosuid - proc proc rw\n";
 
 TEST_F(MemoryPressureSourceTest, CandidatesAreTheProcessCgroupThenTheSystemFile) {
-  auto s = fakeProc("4:memory:/legacy\n0::/user.slice/app scope\n",
-                    std::string(kOtherMount) + "35 24 0:30 / /sys/fs/cgroup\\040v2 rw - cgroup2 cgroup2 rw\n");
+  auto s =
+      fakeProc("4:memory:/legacy\n0::/user.slice/app scope\n",
+               std::string(kOtherMount) + "35 24 0:30 / /sys/fs/cgroup\\040v2 rw - cgroup2 cgroup2 rw\n");
   EXPECT_EQ(MemoryPressureSource::candidatePaths(s),
-            (std::vector<fs::path>{"/sys/fs/cgroup v2/user.slice/app scope/memory.pressure", s.systemPressureFile}));
+            (std::vector<fs::path>{"/sys/fs/cgroup v2/user.slice/app scope/memory.pressure",
+                                   s.systemPressureFile}));
 
   // A mount that shows the hierarchy from a sub-group down.
   s = fakeProc("0::/user.slice/app\n", "35 24 0:30 /user.slice /mnt/cg rw - cgroup2 none rw\n");
@@ -73,10 +75,13 @@ TEST_F(MemoryPressureSourceTest, FilesThatCannotCarryATriggerAreReportedAndNever
   test::writeFile(dir / "cg" / "app" / "memory.pressure", "");
   auto s = fakeProc("0::/app\n", "35 24 0:30 / " + (dir / "cg").string() + " rw - cgroup2 cgroup2 rw\n");
   std::atomic<int> calls{0};
-  auto source = MemoryPressureSource::create(queue, [&] {
-    EXPECT_TRUE(queue->isCurrent());
-    ++calls;
-  }, s);
+  auto source = MemoryPressureSource::create(
+      queue,
+      [&] {
+        EXPECT_TRUE(queue->isCurrent());
+        ++calls;
+      },
+      s);
   EXPECT_FALSE(source->start());
   EXPECT_FALSE(source->isArmed());
   EXPECT_TRUE(source->armedPath().empty());

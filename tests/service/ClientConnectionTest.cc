@@ -181,7 +181,9 @@ TEST_F(ClientConnectionTest, AConfigurationThatLeavesNoStateClosesTheConnection)
             [replies](const IpcMessage& m) { replies->put(m.args()); });
     EXPECT_TRUE(test::eventually([&] { return closed->load(); }));
     EXPECT_EQ(replies->size(), 0u);
-    EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Fault, "invalid configuration, closing connection"), 1u);
+    EXPECT_EQ(
+        test::countLogLines(capture.sink(), LogLevel::Fault, "invalid configuration, closing connection"),
+        1u);
     // An empty identifier is refused by the state manager, in its own words.
     const bool noIdentifier = std::string(identifier).empty();
     EXPECT_EQ(test::countLogLines(capture.sink(), LogLevel::Fault,
@@ -403,8 +405,9 @@ TEST_F(ClientConnectionTest,
   std::ifstream in(file);
   std::string line;
   ASSERT_TRUE(std::getline(in, line));
-  EXPECT_NE(line.find(R"("domain":"Voyant","verb":"Engagement","parameters":{"input":"wea","query":"weather"})"),
-            std::string::npos)
+  EXPECT_NE(
+      line.find(R"("domain":"Voyant","verb":"Engagement","parameters":{"input":"wea","query":"weather"})"),
+      std::string::npos)
       << line;
 
   // The events of the open session come back through feedback:reply:.

@@ -53,7 +53,8 @@ class ClientStateQueryTest : public test::ServiceFixture {
 
   void prepareAssembly() override {
     assembly->userDefaults->set("VORBagURL", Value(server.baseURL() + "/bag"));
-    assembly->httpSessions = std::make_shared<HttpSessions>(assembly->userDefaults, clock, platform.paths.tempDir);
+    assembly->httpSessions =
+        std::make_shared<HttpSessions>(assembly->userDefaults, clock, platform.paths.tempDir);
     assembly->engagedCompletionCache =
         EngagedCompletionCache::create(platform.paths.cachesDir, clock, assembly->userDefaults);
     assembly->guidController = VorlenUserGUIDController::create(*assembly);

@@ -25,7 +25,8 @@ class RecordingSessionManager : public ClientSessionManagerProtocol {
     std::lock_guard lock(mu_);
     feedbacks_.push_back(std::move(feedback));
   }
-  void flushSessionInvalidationWithAgent(const std::string& agent, std::function<void(bool)> callback) override {
+  void flushSessionInvalidationWithAgent(const std::string& agent,
+                                         std::function<void(bool)> callback) override {
     invalidatedAgents.put(agent);
     if (callback) callback(false);
   }

@@ -30,8 +30,7 @@ constexpr const char* kAgent = "Voyant/18.0";
 VorlenFeedback event(int n) {
   QXFeedback skip = QXFeedbackFactory::skipSearch(1, "query " + std::to_string(n));
   skip.setTimestamp(1000000 + static_cast<uint64_t>(n));
-  return VorlenFeedback(std::move(skip), 100 + n,
-                        Uuid::parse("7a3b1c2d-0000-4000-8000-000000000001"), kAgent,
+  return VorlenFeedback(std::move(skip), 100 + n, Uuid::parse("7a3b1c2d-0000-4000-8000-000000000001"), kAgent,
                         static_cast<uint64_t>(n));
 }
 
@@ -45,7 +44,9 @@ std::vector<uint8_t> record(std::span<const uint8_t> payload) {
 std::vector<uint8_t> record(std::string_view text) {
   return record(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
 }
-void append(std::vector<uint8_t>& to, const std::vector<uint8_t>& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
+void append(std::vector<uint8_t>& to, const std::vector<uint8_t>& bytes) {
+  to.insert(to.end(), bytes.begin(), bytes.end());
+}
 
 class SessionFileTest : public ::testing::Test {
  protected:
@@ -181,7 +182,8 @@ TEST_F(SessionFileTest, ACutAtEveryByteKeepsExactlyTheCompleteRecordsBeforeIt) {
 }
 
 TEST_F(SessionFileTest, ImagesThatAreNotSessionsOfThisVersionYieldNothing) {
-  const std::vector<uint8_t> header = record(Archive::encodeBinary(ClientSession::create(*assembly, event(0))->toArchive()));
+  const std::vector<uint8_t> header =
+      record(Archive::encodeBinary(ClientSession::create(*assembly, event(0))->toArchive()));
   auto withEvents = [&](std::vector<std::vector<uint8_t>> tail) {
     std::vector<uint8_t> out = record(kVersion);
     append(out, header);
@@ -204,7 +206,8 @@ TEST_F(SessionFileTest, ImagesThatAreNotSessionsOfThisVersionYieldNothing) {
       {"first length zero", std::vector<uint8_t>(16, 0), SIZE_MAX, "empty data file"},
       {"other version", otherVersion, SIZE_MAX, "version not supported: Vorlend/0.9 (old)"},
       {"header not a session", notASession, SIZE_MAX, "client session not stored"},
-      {"garbage event", withEvents({good, record("not an archive"), good}), 1, "could not unarchive feedback range"},
+      {"garbage event", withEvents({good, record("not an archive"), good}), 1,
+       "could not unarchive feedback range"},
       {"record of another class",
        withEvents({good, record(Archive::encodeBinary(Value::dict({{"$class", Value("QXFeedback")}})))}), 1,
        "vorlen feedback expected"},
@@ -268,7 +271,8 @@ TEST_F(SessionFileTest, AFolderThatRefusesNewFilesLeavesSessionsInMemory) {
   session->addFeedback(event(1));
   EXPECT_EQ(session->getSessionFeedbacks().size(), 2u);
   session->sessionComplete();
-  EXPECT_TRUE(capture.sink().contains(LogLevel::Error, "Vorlen_Session", "Could not open file for writing Read-only file system"));
+  EXPECT_TRUE(capture.sink().contains(LogLevel::Error, "Vorlen_Session",
+                                      "Could not open file for writing Read-only file system"));
   EXPECT_TRUE(capture.sink().contains("Storage Handle nil major error"));
   EXPECT_TRUE(storage->getAvailableSessionHandles().empty());
 }
@@ -280,8 +284,9 @@ TEST_F(SessionFileTest, StartUpTakesOverEarlierFilesNumbersAfterThemAndDropsOldO
   // session.1 was last written 49 hours ago (the default limit is 48).
   const Time old = clock->now() - std::chrono::hours(49);
   timespec times[2];
-  times[0] = times[1] = timespec{static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(
-                                     old.time_since_epoch()).count()), 0};
+  times[0] = times[1] = timespec{
+      static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(old.time_since_epoch()).count()),
+      0};
   ASSERT_EQ(::utimensat(AT_FDCWD, (caches / "session.1").c_str(), times, 0), 0);
 
   start();
@@ -307,7 +312,8 @@ TEST_F(SessionFileTest, TheScanFollowsNoLinkAndListsOnlyRegularFilesOfThisUser) 
   std::filesystem::create_directory(caches / "session.5");
   test::writeFile(caches / "session.2", "");
   test::writeFile(caches / "session.4", std::string(3 << 20, 'a'));
-  for (int i = 100; i < 10100; ++i) ::close(::open((caches / ("session." + std::to_string(i))).c_str(), O_CREAT | O_WRONLY, 0600));
+  for (int i = 100; i < 10100; ++i)
+    ::close(::open((caches / ("session." + std::to_string(i))).c_str(), O_CREAT | O_WRONLY, 0600));
 
   ScopedLogCapture capture;
   start();
@@ -317,7 +323,8 @@ TEST_F(SessionFileTest, TheScanFollowsNoLinkAndListsOnlyRegularFilesOfThisUser) 
   EXPECT_EQ(files[1]->fileUrl().filename(), "session.4");
   EXPECT_EQ(storage->nextFileNumberForTesting(), 10100u);
   for (const char* skipped : {"session.5", "session.7", "session.8"})
-    EXPECT_TRUE(capture.sink().contains(fmt::format("skipping {}: not a regular file of this user", skipped)));
+    EXPECT_TRUE(
+        capture.sink().contains(fmt::format("skipping {}: not a regular file of this user", skipped)));
 
   EXPECT_FALSE(files[0]->read(*assembly));
   EXPECT_TRUE(capture.sink().contains("empty file"));

@@ -79,7 +79,9 @@ ChildProcess::~ChildProcess() {
   }
 }
 
-bool ChildProcess::signal(int sig) { return pid_ > 0 && !status_ && ::kill(pid_, sig) == 0; }
+bool ChildProcess::signal(int sig) {
+  return pid_ > 0 && !status_ && ::kill(pid_, sig) == 0;
+}
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
   if (status_) return status_;
@@ -96,7 +98,8 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
   }
 }
 
-bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout, bool fromStdout) {
+bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout,
+                                 bool fromStdout) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     if ((fromStdout ? stdoutText() : stderrText()).find(text) != std::string::npos) return true;
@@ -107,7 +110,11 @@ bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseco
   }
 }
 
-std::string ChildProcess::stdoutText() const { return readFile(out_); }
-std::string ChildProcess::stderrText() const { return readFile(err_); }
+std::string ChildProcess::stdoutText() const {
+  return readFile(out_);
+}
+std::string ChildProcess::stderrText() const {
+  return readFile(err_);
+}
 
 }  // namespace vorlen::test

@@ -67,7 +67,9 @@ class FaultInjectingFileSystem final : public FileSystem {
   int lstat(const std::filesystem::path& path, struct stat* st) override { return real_->lstat(path, st); }
   int unlink(const std::filesystem::path& path) override { return real_->unlink(path); }
   int mkdir(const std::filesystem::path& path, mode_t mode) override { return real_->mkdir(path, mode); }
-  std::optional<std::vector<std::string>> list(const std::filesystem::path& dir) override { return real_->list(dir); }
+  std::optional<std::vector<std::string>> list(const std::filesystem::path& dir) override {
+    return real_->list(dir);
+  }
 
  private:
   std::shared_ptr<FileSystem> real_ = linuxFileSystem();
