@@ -44,20 +44,6 @@ std::optional<Value> reject(std::string why, std::string* error) {
   return std::nullopt;
 }
 
-// Property-list seconds since 2001 to Time, rounded to whole microseconds (what a double holds exactly
-// for dates within decades of 2001) and clamped to what Time can represent.
-std::optional<Time> timeFromSeconds2001(double seconds) {
-  if (!std::isfinite(seconds)) return std::nullopt;
-  // Beyond +-9e15 microseconds from 1970 (about 285 years) a Time of nanoseconds is close to overflow.
-  constexpr double kLimitUs = 9e15;
-  double us2001 = std::round(seconds * 1e6);
-  double unixUs = us2001 + double(BinaryPlistWriter::kDateEpochOffset) * 1e6;
-  if (unixUs >= kLimitUs) return Time::max();
-  if (unixUs <= -kLimitUs) return Time::min();
-  int64_t us = static_cast<int64_t>(us2001) + BinaryPlistWriter::kDateEpochOffset * 1000000;
-  return Time(std::chrono::duration_cast<Time::duration>(std::chrono::microseconds(us)));
-}
-
 // libplist 2.2 hands out a date only as whole seconds and microseconds in 32 bits, which loses the sign
 // of dates just before 2001 and everything outside 1933-2069. Its binary writer still has the exact
 // double, so the node is written alone and the double read back.
@@ -163,7 +149,7 @@ class Converter {
       }
       case PLIST_DATE: {
         std::optional<double> seconds = exactDateSeconds(node);
-        std::optional<Time> t = seconds ? timeFromSeconds2001(*seconds) : std::nullopt;
+        std::optional<Time> t = seconds ? BinaryPlistReader::timeFromSeconds2001(*seconds) : std::nullopt;
         if (!t) return fail("invalid date");
         out = Value(*t);
         return count(0);

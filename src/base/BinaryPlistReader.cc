@@ -18,19 +18,6 @@ namespace {
 constexpr size_t kHeaderSize = 8;
 constexpr size_t kTrailerSize = 32;
 
-// Property-list seconds since 2001 to Time, rounded to whole microseconds and clamped to what Time can
-// represent (as the XML path does).
-std::optional<Time> timeFromSeconds2001(double seconds) {
-  if (!std::isfinite(seconds)) return std::nullopt;
-  constexpr double kLimitUs = 9e15;  // about 285 years from 1970: a Time of nanoseconds is near overflow
-  double us2001 = std::round(seconds * 1e6);
-  double unixUs = us2001 + double(BinaryPlistWriter::kDateEpochOffset) * 1e6;
-  if (unixUs >= kLimitUs) return Time::max();
-  if (unixUs <= -kLimitUs) return Time::min();
-  int64_t us = static_cast<int64_t>(us2001) + BinaryPlistWriter::kDateEpochOffset * 1000000;
-  return Time(std::chrono::duration_cast<Time::duration>(std::chrono::microseconds(us)));
-}
-
 void appendUtf8(uint32_t c, std::string& out) {
   if (c < 0x80) {
     out += static_cast<char>(c);
@@ -190,7 +177,7 @@ class Reader {
       case 0x3: {
         if (marker != 0x33) return fail(fmt::format("unsupported date 0x{:02x}", marker));
         if (!within(pos + 1, 8)) return fail("object runs past its area");
-        std::optional<Time> t = timeFromSeconds2001(std::bit_cast<double>(be(pos + 1, 8)));
+        std::optional<Time> t = BinaryPlistReader::timeFromSeconds2001(std::bit_cast<double>(be(pos + 1, 8)));
         if (!t) return fail("invalid date");
         out = Value(*t);
         return count(0);
@@ -265,6 +252,17 @@ class Reader {
 };
 
 }  // namespace
+
+std::optional<Time> BinaryPlistReader::timeFromSeconds2001(double seconds) {
+  if (!std::isfinite(seconds)) return std::nullopt;
+  constexpr double kLimitUs = 9e15;  // about 285 years from 1970: a Time of nanoseconds is near overflow
+  double us2001 = std::round(seconds * 1e6);
+  double unixUs = us2001 + double(BinaryPlistWriter::kDateEpochOffset) * 1e6;
+  if (unixUs >= kLimitUs) return Time::max();
+  if (unixUs <= -kLimitUs) return Time::min();
+  int64_t us = static_cast<int64_t>(us2001) + BinaryPlistWriter::kDateEpochOffset * 1000000;
+  return Time(std::chrono::duration_cast<Time::duration>(std::chrono::microseconds(us)));
+}
 
 std::optional<Value> BinaryPlistReader::read(std::span<const uint8_t> bytes, std::string* error) {
   Reader reader(bytes);

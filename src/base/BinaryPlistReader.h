@@ -29,6 +29,9 @@ class BinaryPlistReader {
  public:
   // The value, or nullopt with a short reason in *error.
   static std::optional<Value> read(std::span<const uint8_t> bytes, std::string* error);
+  // Property-list seconds since 2001 as Time, rounded to whole microseconds (what a double holds exactly
+  // for dates within decades of 2001) and clamped to what Time can represent; nullopt for NaN and infinity.
+  static std::optional<Time> timeFromSeconds2001(double seconds);
 };
 
 }  // namespace vorlen

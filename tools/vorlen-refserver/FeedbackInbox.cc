@@ -1,7 +1,6 @@
 #include "FeedbackInbox.h"
 
 #include <openssl/evp.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <array>
@@ -10,6 +9,7 @@
 #include <httplib.h>
 
 #include "base/Log.h"
+#include "base/RawInflater.h"
 
 namespace vorlen {
 namespace {
@@ -81,45 +81,6 @@ bool known(const std::array<const char*, N>& table, const std::string& value) {
 std::optional<std::string> queryItem(const httplib::Request& req, const char* name) {
   if (!req.has_param(name)) return std::nullopt;
   return req.get_param_value(name);
-}
-
-// Inflates raw DEFLATE; false with a reason when the stream is broken, cut short, followed by more bytes,
-// or inflates past the limit.
-bool inflateRaw(std::string_view in, std::string* out, std::string* reason, bool* tooLarge) {
-  z_stream s{};
-  if (inflateInit2(&s, -15) != Z_OK) {
-    *reason = "cannot start the inflater";
-    return false;
-  }
-  s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
-  s.avail_in = static_cast<uInt>(in.size());
-  std::array<char, 65536> chunk{};
-  int rc = Z_OK;
-  while (rc == Z_OK) {
-    s.next_out = reinterpret_cast<Bytef*>(chunk.data());
-    s.avail_out = chunk.size();
-    rc = inflate(&s, Z_NO_FLUSH);
-    if (rc != Z_OK && rc != Z_STREAM_END) break;
-    out->append(chunk.data(), chunk.size() - s.avail_out);
-    if (out->size() > FeedbackInbox::kMaxInflatedBytes) {
-      inflateEnd(&s);
-      *tooLarge = true;
-      *reason = fmt::format("body inflates past {} bytes", FeedbackInbox::kMaxInflatedBytes);
-      return false;
-    }
-  }
-  const uInt left = s.avail_in;
-  inflateEnd(&s);
-  if (rc != Z_STREAM_END) {
-    *reason =
-        rc == Z_BUF_ERROR ? "deflate stream cut short" : fmt::format("not a raw deflate stream ({})", rc);
-    return false;
-  }
-  if (left != 0) {
-    *reason = fmt::format("{} bytes after the end of the deflate stream", left);
-    return false;
-  }
-  return true;
 }
 
 std::string sha512Hex(std::string_view bytes) {
@@ -200,8 +161,15 @@ FeedbackInbox::Check FeedbackInbox::check(std::string_view endpoint,
     c.reason = "Content-Encoding is not deflate";
     return c;
   }
-  std::string plain;
-  if (!inflateRaw(body, &plain, &c.reason, &c.tooLarge)) return c;
+  RawInflater::Failure failure;
+  std::optional<std::string> inflated =
+      RawInflater::inflate(body, FeedbackInbox::kMaxInflatedBytes, &failure);
+  if (!inflated) {
+    c.reason = std::move(failure.reason);
+    c.tooLarge = failure.tooLarge;
+    return c;
+  }
+  const std::string plain = std::move(*inflated);
   c.inflatedBytes = plain.size();
   if (digest.size() != 128 || digest.find_first_not_of("0123456789abcdef") != std::string_view::npos) {
     c.reason = "X-Velmo-Digest is not 128 lowercase hexadecimal digits";

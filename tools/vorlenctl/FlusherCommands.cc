@@ -1,7 +1,5 @@
 #include "FlusherCommands.h"
 
-#include <zlib.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "base/RawInflater.h"
 #include "client/VorlenFlusherClient.h"
 
 namespace vorlen::ctl {
@@ -23,26 +22,6 @@ std::atomic<bool> interrupted{false};
 
 void onSignal(int) {
   interrupted.store(true);
-}
-
-// The inflated bytes of a raw DEFLATE payload, or nothing when it is not one.
-std::optional<std::string> inflateRaw(const Value::Data& in) {
-  z_stream s{};
-  if (inflateInit2(&s, -15) != Z_OK) return std::nullopt;
-  s.next_in = const_cast<Bytef*>(in.data());
-  s.avail_in = static_cast<uInt>(in.size());
-  std::string out;
-  char chunk[65536];
-  int rc = Z_OK;
-  while (rc == Z_OK) {
-    s.next_out = reinterpret_cast<Bytef*>(chunk);
-    s.avail_out = sizeof chunk;
-    rc = inflate(&s, Z_NO_FLUSH);
-    out.append(chunk, sizeof chunk - s.avail_out);
-  }
-  inflateEnd(&s);
-  if (rc != Z_STREAM_END) return std::nullopt;
-  return out;
 }
 
 // The client's own part of a daemon-built agent ("Vorlend/1.0 (<device>) Voyant/5.0" -> "Voyant/5.0").
@@ -193,7 +172,11 @@ ExitCode FlusherCommands::flush() {
   nlohmann::ordered_json sessions = nlohmann::ordered_json::array();
   for (const Value::Data& payload : payloads) {
     bytes += payload.size();
-    nlohmann::json record = nlohmann::json::parse(inflateRaw(payload).value_or(""), nullptr, false);
+    // A payload is one compressed session; the bound only keeps a broken one from exhausting memory.
+    constexpr size_t kMaxSessionBytes = size_t{64} << 20;
+    std::string_view compressed(reinterpret_cast<const char*>(payload.data()), payload.size());
+    nlohmann::json record = nlohmann::json::parse(
+        RawInflater::inflate(compressed, kMaxSessionBytes).value_or(""), nullptr, false);
     const size_t n = record.is_object() && record["fb"].is_array() ? record["fb"].size() : 0;
     events += n;
     const std::string agent = record.is_object() ? record.value("agent", "?") : "?";
