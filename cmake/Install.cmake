@@ -12,7 +12,7 @@ foreach(part IN LISTS VORLEN_CLIENT_PARTS)
   list(APPEND client_objects $<TARGET_OBJECTS:${part}>)
 endforeach()
 add_library(vorlen-client-shared SHARED ${client_objects})
-target_link_libraries(vorlen-client-shared PRIVATE Threads::Threads fmt::fmt PkgConfig::PLIST OpenSSL::Crypto)
+target_link_libraries(vorlen-client-shared PRIVATE Threads::Threads fmt::fmt PkgConfig::PLIST OpenSSL::Crypto ZLIB::ZLIB)
 if(SYSTEMD_FOUND)
   target_link_libraries(vorlen-client-shared PRIVATE PkgConfig::SYSTEMD)
 endif()
@@ -44,7 +44,7 @@ install(TARGETS vorlen-client-shared LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
 install(TARGETS vorlen-client-static ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 
 # pkg-config: the libraries the static archive needs come in through Requires.private.
-set(VORLEN_PC_REQUIRES_PRIVATE "libplist-2.0 fmt libcrypto")
+set(VORLEN_PC_REQUIRES_PRIVATE "libplist-2.0 fmt libcrypto zlib")
 if(SYSTEMD_FOUND)
   string(APPEND VORLEN_PC_REQUIRES_PRIVATE " libsystemd")
 endif()
