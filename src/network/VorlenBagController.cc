@@ -333,6 +333,10 @@ void VorlenBagController::refreshBag(RefreshCompletion done) {
   // A refresh follows a preference change (the bag URL) made by another process: the file is read again
   // now rather than trusting its stat stamp, which a rewrite of the same size within one tick can keep.
   if (const auto& defaults = assembly_->userDefaults) defaults->synchronize();
+  _fetchNowOrAfterCurrent(std::move(done));
+}
+
+void VorlenBagController::_fetchNowOrAfterCurrent(FetchCompletion done) {
   if (!done) done = [](const std::optional<VORBag>&, const std::optional<VORError>&) {};
   bool opened = false;
   {
@@ -418,8 +422,9 @@ void VorlenBagController::_handleRefreshNotification() {
     if (!self) return;
     auto bag = self->inMemoryBag();
     // With no bag installed the empty dictionary has no expiry, so a fetch follows.
+    // A fetch in flight was built before the change: one more follows it.
     if (self->_isRefreshRequiredForCachedBag(bag ? bag->rawBag() : Value::Dict{}))
-      self->_fetchBagStateWithVersion(std::nullopt);
+      self->_fetchNowOrAfterCurrent({});
     else
       bagLog().debug("bag is current after the change");
   });

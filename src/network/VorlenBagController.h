@@ -122,6 +122,9 @@ class VorlenBagController final : public BagController,
                                         FetchCompletion completion);
   // Ends a fetch: tells `completion` and the refreshBag() callers of this fetch, then reopens the gate or,
   // when refreshes asked meanwhile, starts their fetch.
+  // Fetches now, or, while a fetch runs (built before whatever asks now), once more after it; `done` runs
+  // with the result of the fetch that serves it.
+  void _fetchNowOrAfterCurrent(FetchCompletion done);
   void _finishFetch(const std::optional<VORBag>& bag, const std::optional<VORError>& error,
                     const FetchCompletion& completion);
   bool _isRefreshRequiredForCachedBag(const Value::Dict& rawBag);

@@ -49,6 +49,10 @@ class SessionManagerTest : public ::testing::Test {
     // objects are freed.
     assembly->clientSessionManager.reset();
     assembly->bagController.reset();
+    manager.reset();
+    // A timer still pending on the manual clock holds its queue, which holds the clock: let every one fall
+    // due (their owners are gone, so they do nothing) so that the clock and the queues are freed too.
+    clock->advance(std::chrono::hours(24));
     if (sink) Log::setSink(nullptr);
     Counters::install(nullptr);
   }
