@@ -1,5 +1,6 @@
 #include "base/BinaryPlistReader.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -119,7 +120,10 @@ class Reader {
     if (!sizedCount(pos, marker, n)) return false;
     if ((marker >> 4) == 0x5) {
       if (!within(pos, n)) return fail("object runs past its area");
-      out.assign(reinterpret_cast<const char*>(bytes_.data() + pos), n);
+      // An ASCII string ends at its first NUL, as every reader of this project has always taken it (the
+      // writer uses UTF-16 for a string holding NUL).
+      const char* text = reinterpret_cast<const char*>(bytes_.data() + pos);
+      out.assign(text, std::find(text, text + n, '\0'));
       if (!isValidUtf8(out)) return fail("string is not UTF-8");
       return count(out.size());
     }
