@@ -4,7 +4,7 @@
 // decodes every frame, so on the event and typing paths this halves what a decode allocates. The values
 // come out as libplist's reader and the converter in Archive make them: integers of 1, 2 and 4 bytes are
 // unsigned, of 8 bytes signed, of 16 bytes unsigned (Int when they fit in 63 bits, else UInt); 4-byte reals
-// widen to doubles; sets read as arrays; ASCII strings end at their first NUL and must be UTF-8 and UTF-16
+// widen to doubles; sets read as arrays; ASCII strings end at their first NUL and must be UTF-8, and UTF-16
 // strings are converted (an unpaired surrogate is refused); of duplicate dictionary keys the first wins;
 // every use of a shared object is a copy of its own.
 //
