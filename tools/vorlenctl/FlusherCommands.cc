@@ -39,6 +39,22 @@ struct Collected {
   bool closed = false;
 };
 
+// Handlers that gather the dump's payloads and count `workDone` calls into `collected`.
+VorlenFlusherClient::Handlers collectingHandlers(const std::shared_ptr<Collected>& collected) {
+  VorlenFlusherClient::Handlers handlers;
+  handlers.flushedData = [collected](std::vector<Value::Data> payloads) {
+    std::lock_guard lock(collected->mu);
+    for (auto& p : payloads) collected->payloads.push_back(std::move(p));
+    collected->changed.notify_all();
+  };
+  handlers.workDone = [collected] {
+    std::lock_guard lock(collected->mu);
+    ++collected->workDone;
+    collected->changed.notify_all();
+  };
+  return handlers;
+}
+
 }  // namespace
 
 std::string FlusherCommands::watchLine(const std::string& description) {
@@ -108,14 +124,8 @@ ExitCode FlusherCommands::pause() {
   IpcEndpoint where;
   if (auto failed = endpoint(&where)) return *failed;
   auto collected = std::make_shared<Collected>();
-  VorlenFlusherClient::Handlers handlers;
-  handlers.workDone = [collected] {
-    std::lock_guard lock(collected->mu);
-    ++collected->workDone;
-    collected->changed.notify_all();
-  };
   std::string error;
-  auto tool = VorlenFlusherClient::connect(where, std::move(handlers), &error);
+  auto tool = VorlenFlusherClient::connect(where, collectingHandlers(collected), &error);
   if (!tool) return out_.error(ExitCode::Unreachable, "cannot reach the flusher endpoint: " + error);
   tool->initiateConnectionWithIntent(Intent::kStopFlushing);
   std::unique_lock lock(collected->mu);
@@ -130,19 +140,8 @@ ExitCode FlusherCommands::flush() {
   IpcEndpoint where;
   if (auto failed = endpoint(&where)) return *failed;
   auto collected = std::make_shared<Collected>();
-  VorlenFlusherClient::Handlers handlers;
-  handlers.flushedData = [collected](std::vector<Value::Data> payloads) {
-    std::lock_guard lock(collected->mu);
-    for (auto& p : payloads) collected->payloads.push_back(std::move(p));
-    collected->changed.notify_all();
-  };
-  handlers.workDone = [collected] {
-    std::lock_guard lock(collected->mu);
-    ++collected->workDone;
-    collected->changed.notify_all();
-  };
   std::string error;
-  auto tool = VorlenFlusherClient::connect(where, std::move(handlers), &error);
+  auto tool = VorlenFlusherClient::connect(where, collectingHandlers(collected), &error);
   if (!tool) return out_.error(ExitCode::Unreachable, "cannot reach the flusher endpoint: " + error);
   // The dump tool is the sending-stream listener for the whole dump, even when another tool was before.
   tool->initiateConnectionWithIntent(Intent::kSendingStream);
