@@ -1,8 +1,12 @@
 #include "base/Preferences.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -10,6 +14,7 @@
 #include "base/Archive.h"
 #include "base/FileUtil.h"
 #include "base/Log.h"
+#include "base/UniqueFd.h"
 
 namespace vorlen {
 
@@ -57,6 +62,28 @@ uint64_t clampToUInt64(double d) {
   if (d >= 18446744073709551616.0) return std::numeric_limits<uint64_t>::max();
   return static_cast<uint64_t>(d);
 }
+
+// Holds an exclusive flock() on the preferences folder while one writer re-reads and rewrites a domain, so
+// that two processes changing different keys both keep their change (without it, the later rename wins
+// and drops the other's key). The folder itself is locked so that no lock file appears beside the domains.
+// Without a folder there is nothing to lose yet; the write that creates it runs unlocked.
+class FolderWriteLock {
+ public:
+  explicit FolderWriteLock(const std::filesystem::path& dir)
+      : fd_(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (!fd_) return;
+    while (::flock(fd_.get(), LOCK_EX) != 0) {
+      if (errno != EINTR) {
+        VorlenDefaultLog().error("preferences folder {} could not be locked: {}", dir.string(),
+                                 std::strerror(errno));
+        return;
+      }
+    }
+  }
+
+ private:
+  UniqueFd fd_;  // closing it releases the lock
+};
 
 }  // namespace
 
@@ -157,7 +184,8 @@ Value::Dict Preferences::storedValues() const {
 bool Preferences::set(std::string key, Value value) {
   if (value.isNull()) return remove(key);
   std::lock_guard lock(mu_);
-  refreshLocked();
+  FolderWriteLock folder(dir_);
+  rereadLocked();
   auto it = stored_.find(key);
   if (it != stored_.end() && it->second == value && !unsaved_) return true;
   stored_.insert_or_assign(std::move(key), std::move(value));
@@ -166,7 +194,8 @@ bool Preferences::set(std::string key, Value value) {
 
 bool Preferences::remove(std::string_view key) {
   std::lock_guard lock(mu_);
-  refreshLocked();
+  FolderWriteLock folder(dir_);
+  rereadLocked();
   auto it = stored_.find(key);
   if (it == stored_.end()) return true;
   stored_.erase(it);
@@ -175,9 +204,17 @@ bool Preferences::remove(std::string_view key) {
 
 bool Preferences::synchronize() {
   std::lock_guard lock(mu_);
+  FolderWriteLock folder(dir_);
   bool ok = unsaved_ ? writeLocked() : true;
   stamp_.reset();
   return ok;
+}
+
+void Preferences::rereadLocked() {
+  // Another writer may have replaced the file with one of the same inode number, size and time stamp;
+  // under the folder lock a full read is cheap and certain.
+  if (!unsaved_) stamp_.reset();
+  refreshLocked();
 }
 
 void Preferences::refreshLocked() const {

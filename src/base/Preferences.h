@@ -5,8 +5,9 @@
 // throw). Reads notice a change made by another process through a cheap stat check of the file (inode,
 // size, modification time) and reload it.
 //
-// Writes: set()/remove() first pick up another process's change, then update memory and write the whole
-// domain at once as a binary property list, atomically (temporary file in the same folder, fsync, rename)
+// Writes: set()/remove() hold an exclusive lock on the folder (flock), re-read the file, update memory and
+// write the whole domain at once, so two processes that change different keys both keep their change. The
+// domain is written as a binary property list, atomically (temporary file in the same folder, fsync, rename)
 // with mode 0600, creating the folder with mode 0700 when missing. Setting a null value removes the key.
 // A failed write is logged and leaves the old file; the values stay in memory (and win over the file)
 // until synchronize() or a later write succeeds.
@@ -71,6 +72,7 @@ class Preferences {
 
  private:
   void refreshLocked() const;
+  void rereadLocked();  // full re-read, unless memory holds unsaved values
   bool writeLocked();
 
   std::filesystem::path dir_;

@@ -201,6 +201,21 @@ class FileSizeLimit {
   void (*previousHandler_)(int);
 };
 
+// Two writers (two objects here, each with its own descriptor, as two processes have) changing different
+// keys at the same moment: each write re-reads under the folder lock, so no key is lost to the later rename.
+TEST(PreferencesTest, ConcurrentWritersOfDifferentKeysKeepEveryKey) {
+  test::TempDir dir;
+  constexpr int kEach = 60;
+  auto writeKeys = [&](const std::string& prefix) {
+    Preferences prefs(dir.path(), kDomain);
+    for (int i = 0; i < kEach; ++i) ASSERT_TRUE(prefs.set(prefix + std::to_string(i), i));
+  };
+  std::thread daemonSide(writeKeys, "d");
+  writeKeys("t");
+  daemonSide.join();
+  EXPECT_EQ(fileContents(dir / "com.velmo.vorlend.plist").getDict()->size(), 2u * kEach);
+}
+
 TEST(PreferencesTest, FailedWriteIsLoggedLeavesTheOldFileAndIsRetriedBySynchronize) {
   test::TempDir dir;
   Preferences prefs(dir.path(), kDomain);
