@@ -85,7 +85,15 @@ class FolderWriteLock {
   UniqueFd fd_;  // closing it releases the lock
 };
 
+// Bumped by every write through any Preferences object of this process and by recheckAll(): a read that
+// sees it changed looks at its file whatever the time since its last look.
+std::atomic<uint64_t> gGeneration{1};
+
 }  // namespace
+
+void Preferences::recheckAll() {
+  gGeneration.fetch_add(1, std::memory_order_relaxed);
+}
 
 Preferences::Preferences(std::filesystem::path configDir, std::string domain)
     : dir_(std::move(configDir)), domain_(std::move(domain)), path_(dir_ / (domain_ + ".plist")) {}
@@ -219,6 +227,11 @@ void Preferences::rereadLocked() {
 
 void Preferences::refreshLocked() const {
   if (unsaved_) return;  // memory holds values the file does not have yet
+  const uint64_t generation = gGeneration.load(std::memory_order_relaxed);
+  const auto checkedAt = std::chrono::steady_clock::now();
+  if (stamp_ && generation == checkedGeneration_ && checkedAt - checkedAt_ < kRecheckInterval) return;
+  checkedGeneration_ = generation;
+  checkedAt_ = checkedAt;
 
   FileStamp now;
   struct stat st {};
@@ -265,6 +278,7 @@ bool Preferences::writeLocked() {
     return false;
   }
   unsaved_ = false;
+  gGeneration.fetch_add(1, std::memory_order_relaxed);  // other objects on this file see it at once
   stamp_.reset();  // read back on next access, so that a write by another process right after ours shows
   return true;
 }

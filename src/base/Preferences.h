@@ -2,8 +2,11 @@
 //
 // Reads: a stored value wins over a registered default; registered defaults live only in memory and are
 // never written. Typed reads tolerate a wrong type (they yield the type's empty value or nullopt, never
-// throw). Reads notice a change made by another process through a cheap stat check of the file (inode,
-// size, modification time) and reload it.
+// throw). Reads notice a change made by another process through a stat check of the file (inode, size,
+// modification time) and reload it. The check runs at most once per kRecheckInterval, so reads on the
+// typing path stay free of system calls: another process's edit shows within that interval, a change made
+// through any Preferences object of this process shows on the next read, and recheckAll() (for SIGHUP) or
+// synchronize() makes the next read look at once.
 //
 // Writes: set()/remove() hold an exclusive lock on the folder (flock), re-read the file, update memory and
 // write the whole domain at once, so two processes that change different keys both keep their change. The
@@ -17,6 +20,8 @@
 // Threading: every method is safe from any thread.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -31,7 +36,12 @@ namespace vorlen {
 
 class Preferences {
  public:
+  static constexpr std::chrono::milliseconds kRecheckInterval{100};
+
   Preferences(std::filesystem::path configDir, std::string domain);
+
+  // The next read of every Preferences object of this process looks at its file again.
+  static void recheckAll();
 
   const std::string& domain() const { return domain_; }
   const std::filesystem::path& path() const { return path_; }
@@ -57,7 +67,7 @@ class Preferences {
   std::optional<Value::Data> dataForKey(std::string_view key) const;
 
   // A number that changes whenever any value of the domain may have changed (a write here, a file changed
-  // by another process, new defaults); one stat check, like any read. Lets a caller keep something
+  // by another process, new defaults); as cheap as any read. Lets a caller keep something
   // derived from several keys until the domain changes.
   uint64_t changeCount() const;
 
@@ -88,6 +98,8 @@ class Preferences {
     bool operator==(const FileStamp&) const = default;
   };
   mutable std::optional<FileStamp> stamp_;  // of the file stored_ was read from; nullopt: read again
+  mutable std::chrono::steady_clock::time_point checkedAt_;  // of the last stat
+  mutable uint64_t checkedGeneration_ = 0;                   // processGeneration() at the last stat
   mutable bool warnedUndecodable_ = false;
   mutable uint64_t changes_ = 0;
   bool unsaved_ = false;  // stored_ holds values whose write failed; reads keep them until written

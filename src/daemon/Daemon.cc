@@ -12,6 +12,7 @@
 
 #include "base/Counters.h"
 #include "base/Log.h"
+#include "base/Preferences.h"
 #include "base/Transaction.h"
 #include "cache/EngagedCompletionCache.h"
 #include "cache/Lookup.h"
@@ -205,6 +206,7 @@ void Daemon::run() {
     if (sig == SIGHUP) {
       // The locale, time zone or another platform setting changed: re-read them and announce changes.
       VorlenDefaultLog().info("SIGHUP: re-reading platform settings");
+      Preferences::recheckAll();
       if (platform_.changeMonitor) platform_.changeMonitor->checkNow();
       continue;
     }

@@ -143,7 +143,10 @@ TEST(PreferencesTest, AnotherWritersChangeIsSeenOnTheNextRead) {
   ASSERT_TRUE(theirs.remove("VORSessionMaxAge"));
   EXPECT_EQ(mine.integerForKey("VORSessionMaxAge"), 172800);
 
+  // A change made outside any Preferences object (another program) shows once reads look again, which
+  // recheckAll() (the daemon's SIGHUP) makes them do at once.
   std::filesystem::remove(mine.path());
+  Preferences::recheckAll();
   EXPECT_TRUE(mine.storedValues().empty());
 }
 
