@@ -53,6 +53,11 @@ class Queue : public std::enable_shared_from_this<Queue> {
 
   virtual void async(Work work) = 0;
   virtual void sync(const Work& work) = 0;
+  // Like async(), but a serial queue that is idle (nothing pending, nobody running it) and not current on
+  // the calling thread runs `work` right here, before returning, instead of waking a worker for it. For
+  // work handed off after the caller's answer has gone out: it saves a thread hand-off per item and never
+  // waits for the queue. Concurrent queues always hand the work off.
+  virtual void asyncOrRunHere(Work work) { async(std::move(work)); }
   // Blocks the calling thread until `done()` returns true. Meanwhile a serial queue runs its own items on
   // the calling thread (as a sync caller drains a queue that no worker has started), so work that the
   // caller waits for does not wait for a worker to wake first. `done` is checked after every item of the

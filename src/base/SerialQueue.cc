@@ -12,6 +12,27 @@ void SerialQueue::async(Work work) {
   if (state_ == State::Idle) scheduleLocked();
 }
 
+void SerialQueue::asyncOrRunHere(Work work) {
+  if (!isCurrent()) {
+    std::unique_lock lock(mu_);
+    if (state_ == State::Idle) {
+      state_ = State::Owned;
+      lock.unlock();
+      struct Release {
+        SerialQueue* q;
+        ~Release() {
+          std::lock_guard lock(q->mu_);
+          q->releaseLocked();
+        }
+      } release{this};
+      CurrentScope scope(this);
+      work();
+      return;
+    }
+  }
+  async(std::move(work));
+}
+
 void SerialQueue::sync(const Work& work) {
   if (isCurrent()) fault("sync onto the queue that is already running on this thread would deadlock");
   {

@@ -34,6 +34,7 @@ class SerialQueue final : public Queue {
 
   void async(Work work) override;
   void sync(const Work& work) override;
+  void asyncOrRunHere(Work work) override;
   void runUntil(const std::function<bool()>& done) override;
 
   // Items not yet started plus sync callers waiting in line.

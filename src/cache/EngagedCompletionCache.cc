@@ -471,7 +471,9 @@ bool EngagedCompletionCache::runQuery(sqlite3* db, const std::string& input, int
   sqlite3_bind_text(st.s, 8, pattern.data(), int(pattern.size()), SQLITE_TRANSIENT);
   sqlite3_bind_text(st.s, 9, pattern.data(), int(pattern.size()), SQLITE_TRANSIENT);
   if (Logger::enabled(LogLevel::Default)) {
-    char* expanded = sqlite3_expanded_sql(st.s);
+    // The expanded text is built only when it will be written: without private logging it is a
+    // "<private>" either way, and building it re-tokenises the whole statement on every keystroke.
+    char* expanded = Log::privateDataEnabled() ? sqlite3_expanded_sql(st.s) : nullptr;
     log().notice("SQL: {}", Private(expanded ? expanded : ""));
     sqlite3_free(expanded);
   }

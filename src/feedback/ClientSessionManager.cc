@@ -99,7 +99,10 @@ void ClientSessionManager::addVorlenFeedbacks(std::vector<VorlenFeedback> feedba
   if (feedbacks.empty()) return;
   auto transaction = std::make_shared<Transaction>("addFeedback");
   std::weak_ptr<ClientSessionManager> weak = weak_from_this();
-  sessionQueue_->async([weak, transaction, feedbacks = std::move(feedbacks)]() mutable {
+  // A search hands its events over after its cached answer has gone out (or ahead of a network request
+  // that takes far longer), so an idle session queue takes them on the caller's thread: no worker is
+  // woken per keystroke.
+  sessionQueue_->asyncOrRunHere([weak, transaction, feedbacks = std::move(feedbacks)]() mutable {
     auto self = weak.lock();
     if (!self) return;
     for (auto& f : feedbacks) self->_acceptFeedback(std::move(f));

@@ -41,6 +41,8 @@ TEST(QueueTest, SerialQueueKeepsEveryProducersOrderAndRunsOneItemAtATime) {
         if (i % 10 == 9) {
           q->sync(item);
           if (last[p] != i) ++violations;  // sync returned before its own work ran
+        } else if (i % 10 == 4) {
+          q->asyncOrRunHere(item);
         } else {
           q->async(item);
         }
@@ -50,6 +52,35 @@ TEST(QueueTest, SerialQueueKeepsEveryProducersOrderAndRunsOneItemAtATime) {
   for (auto& t : producers) t.join();
   q->sync([&] { EXPECT_EQ(last, std::vector<int>(kProducers, kItems - 1)); });
   EXPECT_EQ(violations.load(), 0);
+}
+
+// An idle queue runs the work on the calling thread before returning; a busy one takes it in line and the
+// caller does not wait.
+TEST(QueueTest, AsyncOrRunHereRunsOnTheCallerOnlyWhenTheQueueIsIdle) {
+  auto q = Queue::serial("test.runhere");
+  std::thread::id ranOn;
+  bool wasCurrent = false;
+  q->asyncOrRunHere([&] {
+    ranOn = std::this_thread::get_id();
+    wasCurrent = q->isCurrent();
+  });
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+  EXPECT_TRUE(wasCurrent);
+
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  WaitCounter started;
+  std::vector<int> order;
+  q->async([&, released] {
+    started.add();
+    released.wait();
+    order.push_back(1);
+  });
+  ASSERT_TRUE(started.waitFor(1));
+  q->asyncOrRunHere([&] { order.push_back(2); });  // returns at once: the queue is busy
+  EXPECT_TRUE(order.empty());
+  release.set_value();
+  q->sync([&] { EXPECT_EQ(order, (std::vector<int>{1, 2})); });
 }
 
 TEST(QueueTest, SyncCallersRunOnTheirOwnThreadWhenTheWorkerOrTheCallerBeforeThemHandsOver) {
