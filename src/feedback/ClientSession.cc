@@ -180,9 +180,7 @@ void ClientSession::_append(VorlenFeedback feedback) {
     if (!context_.testFeedbacks) {
       // The list and the file are independent: a slow or failed write does not hold the event back.
       if (storageHandle_) {
-        std::function<void()> written;
-        if (untilStored) written = [untilStored = std::move(untilStored)] {};
-        storageHandle_->writeFeedback(feedback, std::move(written));
+        storageHandle_->writeFeedback(feedback, [untilStored = std::move(untilStored)] {});
       }
       sessionFeedbacks_.push_back(std::move(feedback));
       return;

@@ -443,7 +443,11 @@ void IpcConnection::dropOutgoing(size_t bytes) {
 
 std::shared_ptr<void> IpcConnection::holdIncomingBacklog() {
   ++backlogMessages_;
-  return std::shared_ptr<void>(nullptr, [self = shared_from_this()](void*) { self->releaseBacklog(0); });
+  // Points at the connection, never null: holders pass it on with `if (hold)`, which a null pointer with a
+  // deleter fails, and the hold would end at once.
+  auto self = shared_from_this();
+  IpcConnection* raw = self.get();
+  return std::shared_ptr<void>(raw, [self = std::move(self)](void*) { self->releaseBacklog(0); });
 }
 
 void IpcConnection::resumeReadingOnIo() {

@@ -128,6 +128,7 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   // Counts one more message as unserved until the returned hold is released (from any thread). A handler
   // that hands its message's work on to another queue takes one, so that work still limits what the peer
   // may send next: past the backlog limits the connection stops reading, as for messages queued here.
+  // The hold is never null.
   std::shared_ptr<void> holdIncomingBacklog();
   // Calls that wanted a reply and were dropped unrun because the peer had gone.
   size_t droppedCallCount() const { return droppedCalls_.load(); }

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <future>
+
 #include "base/Archive.h"
 #include "base/Counters.h"
 #include "base/Log.h"
@@ -17,6 +20,7 @@
 #include "platform/Assembly.h"
 #include "storage/ArchivedDataIterator.h"
 #include "storage/VorlenPersistentStorage.h"
+#include "support/Eventually.h"
 #include "support/FaultInjectingFileSystem.h"
 #include "support/TempDir.h"
 #include "support/TestPlatform.h"
@@ -139,6 +143,26 @@ TEST_F(SessionFileTest, AFinishedFileReadsBackAsTheSessionItHeld) {
   auto events = session->getSessionFeedbacks();
   ASSERT_EQ(events.size(), 3u);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(events[i].toArchive(), event(i).toArchive()) << i;
+}
+
+// The sender's hold on an event (a client connection's backlog hold: a null pointer with a deleter) ends
+// only once the event's record is in the file, however slow the disk: a client can never report events
+// faster than they are stored.
+TEST_F(SessionFileTest, AnEventHoldsItsSenderUntilItsRecordIsWritten) {
+  auto session = ClientSession::create(*assembly, event(0));
+  std::promise<void> diskFree;
+  storage->queue()->async([busy = diskFree.get_future().share()] { busy.wait(); });
+  std::atomic<bool> released{false};
+  VorlenFeedback held = event(1);
+  held.untilStored = std::shared_ptr<void>(nullptr, [&released](void*) { released = true; });
+  session->addFeedback(std::move(held));
+  EXPECT_FALSE(released.load());
+  diskFree.set_value();
+  ASSERT_TRUE(test::eventually([&] { return released.load(); }));
+  session->sessionComplete();
+  auto files = storage->getAvailableSessionHandles();
+  ASSERT_FALSE(files.empty());
+  EXPECT_EQ(eventsIn(image(*files.back())), 2u);
 }
 
 TEST_F(SessionFileTest, AnAppendThatWouldReachTheMaximumExactlyIsRefusedAndClosesTheFile) {
