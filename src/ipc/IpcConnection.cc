@@ -374,6 +374,11 @@ bool IpcConnection::backlogFull() const {
          backlogMessages_.load() >= options_.maxIncomingBacklogMessages;
 }
 
+bool IpcConnection::backlogHalfEmpty() const {
+  return backlogBytes_.load() <= options_.maxIncomingBacklogBytes / 2 &&
+         backlogMessages_.load() <= options_.maxIncomingBacklogMessages / 2;
+}
+
 bool IpcConnection::takeFramesOnIo() {
   Io& io = *io_;
   for (;;) {
@@ -416,7 +421,9 @@ void IpcConnection::releaseBacklog(size_t bytes) {
   if (bytes > 0) budget_->removeIncoming(bytes);
   backlogBytes_ -= bytes;
   --backlogMessages_;
-  if (readPaused_.load() && !backlogFull()) {
+  // Reading resumes once half the backlog is worked off, not at the first free slot: a peer that keeps
+  // the backlog full would otherwise cost a hand-off to the I/O thread and a pause for every message.
+  if (readPaused_.load() && backlogHalfEmpty()) {
     runtime_->post([self = shared_from_this()] { self->resumeReadingOnIo(); });
   }
 }

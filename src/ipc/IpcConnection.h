@@ -17,8 +17,8 @@
 //
 // Delivery: incoming calls and replies run on queue() in the order they arrived, each preceded by the
 // invocation hook. At most maxIncomingBacklogMessages (and maxIncomingBacklogBytes) wait to be served;
-// past that the connection stops reading the socket until the queue catches up, so a fast sender is slowed
-// down instead of growing a queue. Messages the peer sent before it closed are still delivered, except
+// past that the connection stops reading the socket until the queue has worked off half of it, so a fast
+// sender is slowed down instead of growing a queue. Messages the peer sent before it closed are still delivered, except
 // calls that want a reply: once the peer has hung up (or the connection closed) nobody can read their
 // answer, so they are dropped without running. After invalidate() nothing more is delivered. Then, once, on
 // the queue: the interruption handler (only when the peer closed or reset the connection), then the
@@ -165,6 +165,7 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   // False when the connection closed (a frame broke the protocol).
   bool takeFramesOnIo();
   bool backlogFull() const;
+  bool backlogHalfEmpty() const;
   void resumeReadingOnIo();
   // Any thread: one unserved message fewer (of `bytes` received bytes); resumes reading when that made room.
   void releaseBacklog(size_t bytes);
