@@ -112,6 +112,12 @@ Value::Dict describeHeaders(const std::map<std::string, std::string>& headers) {
   return d;
 }
 
+// The headers as a log line shows them: built only when private logging will show them, since the line
+// goes out on every keystroke and without private logging reads "<private>" anyway.
+std::string headersForLog(const std::map<std::string, std::string>& headers) {
+  return Log::privateDataEnabled() ? Value(describeHeaders(headers)).describe() : std::string();
+}
+
 }  // namespace
 
 // What one network query needs beyond its HTTP request.
@@ -476,7 +482,7 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
                     .value_or(HttpRequest{})
               : HttpRequest{};
   protocolLog().notice("request: {} header: {}", Private(http.url),
-                       Private(Value(describeHeaders(http.headers)).describe()));
+                       Private(headersForLog(http.headers)));
 
   if (auto cache = http.url.empty() ? nullptr : _queryCacheForUse()) {
     if (auto hit = cache->getRequest(*query, &http)) {
@@ -733,7 +739,7 @@ void ClientState::card(std::shared_ptr<const VORCardRequest> request, QueryReply
       _built(held && factory ? factory->cardRequest(*request, *held, _currentUserGUID(), _requestClient())
                              : std::nullopt);
   protocolLog().notice("card request: {} header: {}", Private(network->http.url),
-                       Private(Value(describeHeaders(network->http.headers)).describe()));
+                       Private(headersForLog(network->http.headers)));
   network->start = QXFeedbackFactory::startNetworkSearch(
       request->queryString, network->http.url, network->http.headers, request->triggerEvent, kEndpointCard);
   network->log = &log;
