@@ -18,15 +18,7 @@ void SerialQueue::asyncOrRunHere(Work work) {
     if (state_ == State::Idle) {
       state_ = State::Owned;
       lock.unlock();
-      struct Release {
-        SerialQueue* q;
-        ~Release() {
-          std::lock_guard lock(q->mu_);
-          q->releaseLocked();
-        }
-      } release{this};
-      CurrentScope scope(this);
-      work();
+      runOwned(work);
       return;
     }
   }
@@ -54,7 +46,11 @@ void SerialQueue::sync(const Work& work) {
       }
     }
   }
-  // The queue is Owned by this thread now. Let go of it even if the work throws.
+  runOwned(work);
+}
+
+void SerialQueue::runOwned(const Work& work) {
+  // Let go of the queue even if the work throws.
   struct Release {
     SerialQueue* q;
     ~Release() {

@@ -55,6 +55,8 @@ class SerialQueue final : public Queue {
   // Called with mu_ held when the current holder lets go: grants a waiting sync caller at the front,
   // or schedules a drain job, or goes Idle.
   void releaseLocked();
+  // Runs `work` on the calling thread, which owns the queue (state Owned), then lets go of it.
+  void runOwned(const Work& work);
   void scheduleLocked();
   // Runs items with mu_ held on entry and exit (released while an item runs). Stops when the list is
   // empty, at a marker (handing the queue over) or, for a worker (`mine` null), after kDrainBatch items.
