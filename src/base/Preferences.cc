@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <thread>
 
 #include "base/Archive.h"
 #include "base/FileUtil.h"
@@ -69,15 +70,22 @@ uint64_t clampToUInt64(double d) {
 // Without a folder there is nothing to lose yet; the write that creates it runs unlocked.
 class FolderWriteLock {
  public:
+  static constexpr std::chrono::seconds kWait{2};
+
   explicit FolderWriteLock(const std::filesystem::path& dir)
       : fd_(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
     if (!fd_) return;
-    while (::flock(fd_.get(), LOCK_EX) != 0) {
-      if (errno != EINTR) {
-        VorlenDefaultLog().error("preferences folder {} could not be locked: {}", dir.string(),
-                                 std::strerror(errno));
+    // Writers hold the lock for one re-read and write, milliseconds. A process that keeps it longer must
+    // not stall the daemon: after kWait the write goes ahead unlocked, as it did before locking existed.
+    const auto giveUpAt = std::chrono::steady_clock::now() + kWait;
+    while (::flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
+      if (errno == EINTR) continue;
+      if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= giveUpAt) {
+        VorlenDefaultLog().error("preferences folder {} could not be locked, writing without the lock: {}",
+                                 dir.string(), errno == EWOULDBLOCK ? "held too long" : std::strerror(errno));
         return;
       }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   }
 

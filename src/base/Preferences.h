@@ -9,7 +9,8 @@
 // synchronize() makes the next read look at once.
 //
 // Writes: set()/remove() hold an exclusive lock on the folder (flock), re-read the file, update memory and
-// write the whole domain at once, so two processes that change different keys both keep their change. The
+// write the whole domain at once, so two processes that change different keys both keep their change (a
+// lock held by another process for over 2 s is logged and passed over, so nobody can stall a writer). The
 // domain is written as a binary property list, atomically (temporary file in the same folder, fsync, rename)
 // with mode 0600, creating the folder with mode 0700 when missing. Setting a null value removes the key.
 // A failed write is logged and leaves the old file; the values stay in memory (and win over the file)

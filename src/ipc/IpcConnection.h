@@ -18,10 +18,10 @@
 // Delivery: incoming calls and replies run on queue() in the order they arrived, each preceded by the
 // invocation hook. At most maxIncomingBacklogMessages (and maxIncomingBacklogBytes) wait to be served;
 // past that the connection stops reading the socket until the queue has worked off half of it, so a fast
-// sender is slowed down instead of growing a queue. Messages the peer sent before it closed are still delivered, except
-// calls that want a reply: once the peer has hung up (or the connection closed) nobody can read their
-// answer, so they are dropped without running. After invalidate() nothing more is delivered. Then, once, on
-// the queue: the interruption handler (only when the peer closed or reset the connection), then the
+// sender is slowed down instead of growing a queue. Messages the peer sent before it closed are still
+// delivered, except calls that want a reply: once the peer has hung up (or the connection closed) nobody can
+// read their answer, so they are dropped without running. After invalidate() nothing more is delivered. Then,
+// once, on the queue: the interruption handler (only when the peer closed or reset the connection), then the
 // invalidation handler; afterwards every handler is released, so handlers may hold their owner strongly.
 //
 // Replies: call() with a reply handler runs that handler on the queue when the reply arrives. A call whose

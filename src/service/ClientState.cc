@@ -481,8 +481,7 @@ void ClientState::search(std::shared_ptr<const VORSearchRequest> request, QueryR
       factory ? factory->searchRequest(*query, bag, _currentUserGUID(), _requestClient(), _fieldMask())
                     .value_or(HttpRequest{})
               : HttpRequest{};
-  protocolLog().notice("request: {} header: {}", Private(http.url),
-                       Private(headersForLog(http.headers)));
+  protocolLog().notice("request: {} header: {}", Private(http.url), Private(headersForLog(http.headers)));
 
   if (auto cache = http.url.empty() ? nullptr : _queryCacheForUse()) {
     if (auto hit = cache->getRequest(*query, &http)) {

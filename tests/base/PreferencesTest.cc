@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -9,6 +11,7 @@
 
 #include "base/Archive.h"
 #include "base/Log.h"
+#include "base/UniqueFd.h"
 #include "support/TempDir.h"
 
 namespace vorlen {
@@ -217,6 +220,21 @@ TEST(PreferencesTest, ConcurrentWritersOfDifferentKeysKeepEveryKey) {
   writeKeys("t");
   daemonSide.join();
   EXPECT_EQ(fileContents(dir / "com.velmo.vorlend.plist").getDict()->size(), 2u * kEach);
+}
+
+// Another process that keeps the folder locked delays a write by the lock's wait, never for ever.
+TEST(PreferencesTest, AFolderLockHeldForeverDelaysAWriteButDoesNotStopIt) {
+  test::TempDir dir;
+  UniqueFd holder(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::flock(holder.get(), LOCK_EX), 0);
+  Preferences prefs(dir.path(), kDomain);
+  ScopedLogCapture capture;
+  ASSERT_TRUE(prefs.set("k", 1));
+  bool logged = false;
+  for (const LogRecord& r : capture.sink().records())
+    logged |= r.level == LogLevel::Error && r.message.find("held too long") != std::string::npos;
+  EXPECT_TRUE(logged);
+  EXPECT_EQ(fileContents(prefs.path()), Value::dict({{"k", 1}}));
 }
 
 TEST(PreferencesTest, FailedWriteIsLoggedLeavesTheOldFileAndIsRetriedBySynchronize) {
