@@ -220,8 +220,12 @@ bool Preferences::remove(std::string_view key) {
 
 bool Preferences::synchronize() {
   std::lock_guard lock(mu_);
-  FolderWriteLock folder(dir_);
-  bool ok = unsaved_ ? writeLocked() : true;
+  bool ok = true;
+  if (unsaved_) {
+    // Only a write needs the folder lock; a plain re-read (the common call) costs no open or flock.
+    FolderWriteLock folder(dir_);
+    ok = writeLocked();
+  }
   stamp_.reset();
   return ok;
 }
